@@ -1,0 +1,95 @@
+#include "capture/CaptureVocabulary.h"
+
+std::optional<AudioExportFormat> AudioExportFormat::fromRawValue(const QString& rawValue) {
+    for (AudioExportFormat format : allCases()) {
+        if (format.rawValue() == rawValue) {
+            return format;
+        }
+    }
+    return std::nullopt;
+}
+
+QString AudioExportFormat::rawValue() const {
+    switch (value_) {
+    case m4a:
+        return QStringLiteral("M4A");
+    case mp3:
+        return QStringLiteral("MP3");
+    case wav:
+        return QStringLiteral("WAV");
+    }
+    return {};
+}
+
+QString AudioExportFormat::fileExtension() const {
+    return rawValue().toLower();
+}
+
+std::optional<SnapshotExportFormat> SnapshotExportFormat::fromRawValue(const QString& rawValue) {
+    for (SnapshotExportFormat format : allCases()) {
+        if (format.rawValue() == rawValue) {
+            return format;
+        }
+    }
+    return std::nullopt;
+}
+
+QString SnapshotExportFormat::rawValue() const {
+    switch (value_) {
+    case png:
+        return QStringLiteral("PNG");
+    case jpeg:
+        return QStringLiteral("JPEG");
+    case pdf:
+        return QStringLiteral("PDF");
+    }
+    return {};
+}
+
+QString SnapshotExportFormat::fileExtension() const {
+    return value_ == jpeg ? QStringLiteral("jpg") : rawValue().toLower();
+}
+
+QString localizedDescription(const std::exception& error) {
+    return QString::fromUtf8(error.what());
+}
+
+QString localizedDescription(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& e) {
+        return localizedDescription(e);
+    } catch (...) {
+        return QStringLiteral("Unknown error");
+    }
+}
+
+CaptureEngineError::CaptureEngineError(Code code, const QString& detail)
+    : code_(code), detail_(detail), description_(errorDescription().toStdString()) {}
+
+CaptureEngineError CaptureEngineError::cannotCreateWriter(const QString& detail) {
+    return {Code::cannotCreateWriter, detail};
+}
+
+CaptureEngineError CaptureEngineError::cannotEncode(const QString& detail) {
+    return {Code::cannotEncode, detail};
+}
+
+CaptureEngineError CaptureEngineError::noDisplay() {
+    return {Code::noDisplay, {}};
+}
+
+QString CaptureEngineError::errorDescription() const {
+    switch (code_) {
+    case Code::cannotCreateWriter:
+        return QStringLiteral("The recording could not start: ") + detail_;
+    case Code::cannotEncode:
+        return QStringLiteral("The capture could not be saved: ") + detail_;
+    case Code::noDisplay:
+        return QStringLiteral("Tessarel could not find a display to capture.");
+    }
+    return {};
+}
+
+PlatformError::PlatformError(const QString& description)
+    : description_(description.toStdString()) {}

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <QString>
+
+#include <array>
+#include <exception>
+#include <functional>
+#include <optional>
+#include <string>
+
+// The formats an audio recording can be exported in. The raw value is the display text
+// and the identifier; the order of `allCases()` is the order in which they are offered.
+class AudioExportFormat {
+public:
+    enum Value { m4a, mp3, wav };
+
+    constexpr AudioExportFormat(Value value) : value_(value) {}
+    constexpr operator Value() const { return value_; }
+
+    static std::optional<AudioExportFormat> fromRawValue(const QString& rawValue);
+    static constexpr std::array<AudioExportFormat, 3> allCases() { return {m4a, mp3, wav}; }
+
+    QString rawValue() const;
+    QString id() const { return rawValue(); }
+    QString fileExtension() const;
+
+private:
+    Value value_;
+};
+
+// The formats a snapshot can be saved in. JPEG files carry the short extension "jpg".
+class SnapshotExportFormat {
+public:
+    enum Value { png, jpeg, pdf };
+
+    constexpr SnapshotExportFormat(Value value) : value_(value) {}
+    constexpr operator Value() const { return value_; }
+
+    static std::optional<SnapshotExportFormat> fromRawValue(const QString& rawValue);
+    static constexpr std::array<SnapshotExportFormat, 3> allCases() { return {png, jpeg, pdf}; }
+
+    QString rawValue() const;
+    QString id() const { return rawValue(); }
+    QString fileExtension() const;
+
+private:
+    Value value_;
+};
+
+// Every error in Tessarel is a std::exception whose what() is the user-facing
+// description in UTF-8; the controller shows it as it is.
+QString localizedDescription(const std::exception& error);
+QString localizedDescription(const std::exception_ptr& error);
+
+// The engine's own failures.
+class CaptureEngineError : public std::exception {
+public:
+    enum class Code { cannotCreateWriter = 0, cannotEncode = 1, noDisplay = 2 };
+
+    static CaptureEngineError cannotCreateWriter(const QString& detail);
+    static CaptureEngineError cannotEncode(const QString& detail);
+    static CaptureEngineError noDisplay();
+
+    Code code() const { return code_; }
+    const QString& detail() const { return detail_; }
+    QString errorDescription() const;
+    const char* what() const noexcept override { return description_.c_str(); }
+
+private:
+    CaptureEngineError(Code code, const QString& detail);
+
+    Code code_;
+    QString detail_;
+    std::string description_;
+};
+
+// A failure reported by a platform service (capture, writer, file system, process launch),
+// passed on unchanged with the service's own description.
+class PlatformError : public std::exception {
+public:
+    explicit PlatformError(const QString& description);
+    const char* what() const noexcept override { return description_.c_str(); }
+
+private:
+    std::string description_;
+};
+
+template <> struct std::hash<AudioExportFormat> {
+    size_t operator()(AudioExportFormat format) const noexcept {
+        return std::hash<std::u16string_view>()(
+            std::u16string_view(reinterpret_cast<const char16_t*>(format.rawValue().utf16())));
+    }
+};
+
+template <> struct std::hash<SnapshotExportFormat> {
+    size_t operator()(SnapshotExportFormat format) const noexcept {
+        return std::hash<std::u16string_view>()(
+            std::u16string_view(reinterpret_cast<const char16_t*>(format.rawValue().utf16())));
+    }
+};
