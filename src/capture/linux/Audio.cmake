@@ -1,0 +1,1 @@
+# PulseAudio stream, FFmpeg audio file writer, application resources (lame).

@@ -1,0 +1,1 @@
+# Snapshot encoders: PNG, JPEG, one-page PDF.

@@ -1,0 +1,1 @@
+# Desktop services of the controller on Qt and D-Bus.

@@ -1,0 +1,1 @@
+# Audio integration tests (PulseAudio null sink, FFmpeg, lame).
