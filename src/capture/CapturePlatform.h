@@ -22,8 +22,7 @@ class SerialQueue;
 
 struct DisplayInfo {
     uint32_t displayID = 0; // the same number the GUI derives for the same screen
-    Rect frame;             // global points
-    double scale = 1.0;     // pixels per point
+    Rect frame;             // as the service reports it (X11: pixels, top-left origin)
 };
 
 struct RunningApplication {
@@ -204,6 +203,9 @@ struct VideoStreamConfiguration {
     Rect sourceRect; // display-local points, top-left origin
     long long width = 0;
     long long height = 0;
+    // The display's pixels per point. The X server knows only pixels, so the stream needs
+    // it to find the source rectangle's pixels.
+    double pixelsPerPoint = 1.0;
     FrameInterval minimumFrameInterval;
     int queueDepth = 0;
     bool showsCursor = false;
