@@ -42,8 +42,8 @@ public:
     static PixelSize snapshotPixelSize(const Size& size, double scale);
     static AudioStreamConfiguration audioStreamConfiguration();
     static AudioWriterSettings audioWriterSettings(AudioExportFormat format);
-    static VideoStreamConfiguration videoStreamConfiguration(const Rect& sourceRect,
-                                                             const PixelSize& outputSize);
+    static VideoStreamConfiguration
+    videoStreamConfiguration(const Rect& sourceRect, const PixelSize& outputSize, double scale);
     // Formats a writer error as "<description> — <reason> (<domain> <code>)".
     struct WriterErrorInfo {
         QString localizedDescription;
