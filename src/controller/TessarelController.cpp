@@ -291,16 +291,11 @@ std::optional<uint32_t> TessarelController::displayNumber(const QVariant& value)
     default:
         return std::nullopt;
     }
-    constexpr auto kMax = std::numeric_limits<uint32_t>::max();
-    if (isSigned) {
-        const qlonglong number = value.toLongLong();
-        if (number < 0 || static_cast<qulonglong>(number) > kMax) {
-            return std::nullopt;
-        }
-        return static_cast<uint32_t>(number);
+    if (isSigned && value.toLongLong() < 0) {
+        return std::nullopt;
     }
     const qulonglong number = value.toULongLong();
-    if (number > kMax) {
+    if (number > std::numeric_limits<uint32_t>::max()) {
         return std::nullopt;
     }
     return static_cast<uint32_t>(number);
