@@ -53,9 +53,9 @@ private:
 
 // Errors the next streams throw; null means the call succeeds.
 struct FakeStreamScript {
-    std::exception_ptr addOutputError; // addAudioOutput / addRecordingOutput
-    std::exception_ptr startCaptureError;
-    std::exception_ptr stopCaptureError;
+    std::exception_ptr addOutputError = nullptr; // addAudioOutput / addRecordingOutput
+    std::exception_ptr startCaptureError = nullptr;
+    std::exception_ptr stopCaptureError = nullptr;
 };
 
 class FakeAudioStream final : public AudioCaptureStream {
@@ -122,14 +122,14 @@ private:
 
 // How the writers behave. Changes apply at once, also to writers already made.
 struct FakeWriterScript {
-    std::exception_ptr makeWriterError;
+    std::exception_ptr makeWriterError = nullptr;
     bool canAddInput = true;
     // startWriting answers false this many times per writer, then true.
     int startWritingFailures = 0;
     bool readyForMoreMediaData = true;
     // The status finishWriting ends in, and the error the writer then reports.
     AudioWriterStatus finishStatus = AudioWriterStatus::completed;
-    std::optional<QString> finishError;
+    std::optional<QString> finishError = std::nullopt;
 };
 
 // What one writer was asked to do.
@@ -224,10 +224,10 @@ private:
 enum class FakeRecorderOnStop { nothing, finish, fail };
 
 struct FakeVideoScript {
-    FakeStreamScript stream;
+    FakeStreamScript stream = {};
     // By default the recorder finishes inside stopCapture, before stopCapture returns.
     FakeRecorderOnStop onStop = FakeRecorderOnStop::finish;
-    std::exception_ptr onStopError; // for FakeRecorderOnStop::fail
+    std::exception_ptr onStopError = nullptr; // for FakeRecorderOnStop::fail
 };
 
 class FakeVideoStream final : public VideoCaptureStream {
