@@ -21,7 +21,8 @@ long long truncatedPixels(double points, double scale) {
     // 2^63: the first double above the signed 64-bit range.
     constexpr double limit = 9223372036854775808.0;
     if (!std::isfinite(product) || product >= limit || product < -limit) {
-        std::fprintf(stderr, "Tessarel: pixel size %f x %f is out of range\n", points, scale);
+        std::fprintf(stderr, "Tessarel: %f points at scale %f give no pixel count\n", points,
+                     scale);
         std::abort();
     }
     return static_cast<long long>(product);

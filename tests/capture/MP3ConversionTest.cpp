@@ -226,3 +226,16 @@ TEST_F(MP3Conversion, EmptyMP3RecordingRunsNoEncoder) {
     EXPECT_FALSE(QFileInfo::exists(destination.toLocalFile()));
     expectNoTemporaryWav(fakes.audioWriters.lastWriter().url.toLocalFile());
 }
+
+TEST_F(MP3Conversion, ConversionRunsOnABackgroundThread) {
+    fakes.resources.setResource(QStringLiteral("lame"), standIn("lame", "cp \"$4\" \"$5\""));
+    const QUrl destination = scratchURL(kDestinationName);
+    const QString temporaryWav = recordMP3(destination);
+
+    auto stopping = std::async(std::launch::async, [&] { engine.stop(); });
+
+    ASSERT_TRUE(finishesInTime(stopping));
+    EXPECT_NO_THROW(stopping.get());
+    EXPECT_TRUE(fileContents(destination.toLocalFile()).startsWith("RIFF"));
+    expectNoTemporaryWav(temporaryWav);
+}
