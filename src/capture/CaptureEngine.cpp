@@ -144,7 +144,12 @@ void CaptureEngine::startAudio(const QUrl& to, AudioExportFormat format) {
         conversion = PendingMP3Conversion{writerURL, to};
     }
     // No buffer of the new stream can arrive yet; the lock only keeps every access alike.
-    withLock([&] { pendingMP3Conversion = conversion; });
+    // A recorder kept after a failed video stop has already reported its outcome: left in
+    // place it would make this recording's stop wait for it forever.
+    withLock([&] {
+        pendingMP3Conversion = conversion;
+        recordingOutput = nullptr;
+    });
 
     prepare(makeAudioWriter(writerURL, writerFormat));
 

@@ -178,6 +178,20 @@ TEST_F(VideoRecording, RecorderFailureIsThrownByStopAndAFollowingStartVideoStill
     EXPECT_EQ(fakes.video.lastStream()->stopCaptureCount(), 1);
 }
 
+TEST_F(VideoRecording, AudioRecordingAfterAFailedVideoStopStopsNormally) {
+    fakes.video.setScript({.onStop = FakeRecorderOnStop::fail,
+                           .onStopError = makePlatformError("The recording failed.")});
+    startOnPrimary();
+    EXPECT_THROW(engine.stop(), PlatformError);
+
+    QTemporaryDir folder;
+    engine.startAudio(QUrl::fromLocalFile(folder.filePath("after.wav")), AudioExportFormat::wav);
+    auto stopping = std::async(std::launch::async, [&] { engine.stop(); });
+    ASSERT_TRUE(finishesInTime(stopping));
+    EXPECT_NO_THROW(stopping.get());
+    EXPECT_TRUE(fakes.audioWriters.lastWriter().cancelCalled);
+}
+
 TEST_F(VideoRecording, FailureReportedEarlyIsThrownWhenStopAsks) {
     startOnPrimary();
     fakes.video.lastRecordingOutput()->reportFailure(makePlatformError("The encoder stopped."));
