@@ -1,11 +1,13 @@
 #include "controller/linux/ScanlineEncoder.h"
 
+#include <endian.h>
 #include <libdeflate.h>
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <system_error>
@@ -37,12 +39,29 @@ class BitReader {
 public:
     BitReader(const unsigned char* data, std::size_t size) : data_(data), size_(size) {}
 
-    // Bits past the end read as zeros; overran() tells.
-    std::uint32_t peek(int count) {
-        refill();
+    // Tops the buffer up to at least 56 bits, so that one code with its extra bits, or a
+    // length and a distance code with theirs, can be read without another refill. Bits
+    // past the end read as zeros; overran() tells.
+    void refill() {
+        if (next_ + 8 <= size_) {
+            std::uint64_t word;
+            std::memcpy(&word, data_ + next_, 8);
+            buffer_ |= le64toh(word) << available_;
+            next_ += static_cast<std::size_t>(63 - available_) >> 3;
+            available_ |= 56;
+            return;
+        }
+        while (available_ <= 56) {
+            const std::uint64_t byte = next_ < size_ ? data_[next_] : 0;
+            buffer_ |= byte << available_;
+            ++next_;
+            available_ += 8;
+        }
+    }
+    // Within what the last refill provided.
+    std::uint32_t peek(int count) const {
         return static_cast<std::uint32_t>(buffer_ & ((std::uint64_t{1} << count) - 1));
     }
-    // Only after a peek of at least `count` bits.
     void skip(int count) {
         buffer_ >>= count;
         available_ -= count;
@@ -52,10 +71,7 @@ public:
         skip(count);
         return value;
     }
-    void alignToByte() {
-        refill();
-        skip(available_ & 7);
-    }
+    void alignToByte() { skip(available_ & 7); }
     // Only when aligned to a byte.
     void skipBytes(std::size_t count) {
         next_ = bitPosition() / 8 + count;
@@ -66,15 +82,6 @@ public:
     bool overran() const { return bitPosition() > size_ * 8; }
 
 private:
-    void refill() {
-        while (available_ <= 56) {
-            const std::uint64_t byte = next_ < size_ ? data_[next_] : 0;
-            buffer_ |= byte << available_;
-            ++next_;
-            available_ += 8;
-        }
-    }
-
     const unsigned char* data_;
     std::size_t size_;
     std::size_t next_ = 0;
@@ -120,7 +127,7 @@ public:
         return true;
     }
 
-    // The next symbol, or -1 for a code that is not in the table.
+    // The next symbol, or -1 for a code that is not in the table. Needs 15 bits in `in`.
     int decode(BitReader& in) const {
         const std::uint16_t entry = fast_[in.peek(kFastBits)];
         if (entry != 0) {
@@ -163,6 +170,7 @@ bool skipCodes(BitReader& in, const HuffmanDecoder& literals, const HuffmanDecod
     for (;;) {
         if (in.overran())
             return false;
+        in.refill(); // 15 + 5 + 15 + 13 bits at most until the next one
         const int symbol = literals.decode(in);
         if (symbol < 0 || symbol > 285)
             return false;
@@ -181,18 +189,22 @@ bool skipCodes(BitReader& in, const HuffmanDecoder& literals, const HuffmanDecod
 bool readDynamicCodes(BitReader& in, HuffmanDecoder& literals, HuffmanDecoder& distances) {
     static constexpr std::array<int, 19> kPrecodeOrder = {16, 17, 18, 0, 8,  7, 9,  6, 10, 5,
                                                           11, 4,  12, 3, 13, 2, 14, 1, 15};
+    in.refill();
     const int literalCount = static_cast<int>(in.read(5)) + 257;
     const int distanceCount = static_cast<int>(in.read(5)) + 1;
     const int precodeCount = static_cast<int>(in.read(4)) + 4;
     std::array<unsigned char, 19> precodeLengths{};
-    for (int i = 0; i < precodeCount; ++i)
+    for (int i = 0; i < precodeCount; ++i) {
+        in.refill();
         precodeLengths[kPrecodeOrder[i]] = static_cast<unsigned char>(in.read(3));
+    }
     HuffmanDecoder precode;
     if (!precode.build(precodeLengths.data(), 19))
         return false;
     std::array<unsigned char, 320> lengths{};
     const int total = literalCount + distanceCount;
     for (int n = 0; n < total;) {
+        in.refill();
         const int symbol = precode.decode(in);
         if (symbol < 0 || in.overran())
             return false;
@@ -243,12 +255,14 @@ std::optional<FinalBlock> locateFinalBlock(const unsigned char* data, std::size_
     HuffmanDecoder distances;
     BitReader in(data, size);
     for (;;) {
+        in.refill();
         const std::size_t headerBit = in.bitPosition();
         const bool isFinal = in.read(1) != 0;
         const std::uint32_t type = in.read(2);
         bool valid = false;
         if (type == 0) {
             in.alignToByte();
+            in.refill();
             const std::uint32_t length = in.read(16);
             const std::uint32_t complement = in.read(16);
             valid = length == (~complement & 0xffff);
@@ -265,19 +279,26 @@ std::optional<FinalBlock> locateFinalBlock(const unsigned char* data, std::size_
     }
 }
 
-// Makes a complete raw deflate stream continuable, as a sync flush would have left it.
-bool openFinalBlock(std::vector<unsigned char>& stream) {
-    const auto last = locateFinalBlock(stream.data(), stream.size());
+// An empty stored block after a band can take up to one byte more than the band's own
+// padding, plus LEN and NLEN.
+constexpr std::size_t kSyncFlushBytes = 5;
+
+// Makes the complete raw deflate stream of `size` bytes at `stream` continuable, as a sync
+// flush would have left it; the buffer must have kSyncFlushBytes to spare. Returns the new
+// size, 0 when the stream could not be read.
+std::size_t openFinalBlock(unsigned char* stream, std::size_t size) {
+    const auto last = locateFinalBlock(stream, size);
     if (!last)
-        return false;
+        return 0;
     stream[last->headerBit / 8] &= static_cast<unsigned char>(~(1u << (last->headerBit % 8)));
-    // An empty stored block: three zero header bits, zero padding to the byte, LEN, NLEN.
-    stream.resize((last->endBit + 3 + 7) / 8, 0);
+    // Three zero header bits, zero padding to the byte, then LEN 0 and NLEN 0xffff.
     const std::size_t endByte = last->endBit / 8;
+    const std::size_t paddedEnd = (last->endBit + 3 + 7) / 8;
     stream[endByte] &= static_cast<unsigned char>((1u << (last->endBit % 8)) - 1);
-    std::fill(stream.begin() + static_cast<std::ptrdiff_t>(endByte) + 1, stream.end(), 0);
-    stream.insert(stream.end(), {0x00, 0x00, 0xff, 0xff});
-    return true;
+    std::fill(stream + endByte + 1, stream + paddedEnd, 0);
+    const unsigned char lengths[4] = {0x00, 0x00, 0xff, 0xff};
+    std::copy(lengths, lengths + 4, stream + paddedEnd);
+    return paddedEnd + 4;
 }
 
 // ---- Bands ----------------------------------------------------------------------------
@@ -304,35 +325,30 @@ struct Band {
     int firstRow = 0;
     int endRow = 0;
     bool isLast = false;
-    std::vector<unsigned char> deflated;
-    std::uint32_t adler = 1;
     std::size_t filteredSize = 0;
-    bool ok = false;
+    std::uint32_t adler = 1;
+    unsigned char* out = nullptr; // its place in the joined stream
+    std::size_t capacity = 0;
+    std::size_t size = 0; // 0 until compressed
 };
 
 void compressBand(const Image& image, Band& band) noexcept try {
     const std::size_t rowSize = 1 + 3 * static_cast<std::size_t>(image.width);
-    std::vector<unsigned char> filtered(rowSize *
-                                        static_cast<std::size_t>(band.endRow - band.firstRow));
+    const std::unique_ptr<unsigned char[]> filtered(new unsigned char[band.filteredSize]);
     for (int y = band.firstRow; y < band.endRow; ++y)
         filterRow(image.row(y), y > 0 ? image.row(y - 1) : nullptr, image.width,
-                  filtered.data() + rowSize * static_cast<std::size_t>(y - band.firstRow));
-    band.filteredSize = filtered.size();
-    band.adler = libdeflate_adler32(1, filtered.data(), filtered.size());
+                  filtered.get() + rowSize * static_cast<std::size_t>(y - band.firstRow));
+    band.adler = libdeflate_adler32(1, filtered.get(), band.filteredSize);
 
     const Compressor compressor(libdeflate_alloc_compressor(kCompressionLevel));
     if (!compressor)
         return;
-    band.deflated.resize(libdeflate_deflate_compress_bound(compressor.get(), filtered.size()));
     const std::size_t size =
-        libdeflate_deflate_compress(compressor.get(), filtered.data(), filtered.size(),
-                                    band.deflated.data(), band.deflated.size());
-    if (size == 0)
-        return;
-    band.deflated.resize(size);
-    band.ok = band.isLast || openFinalBlock(band.deflated);
+        libdeflate_deflate_compress(compressor.get(), filtered.get(), band.filteredSize, band.out,
+                                    band.capacity - kSyncFlushBytes);
+    band.size = band.isLast || size == 0 ? size : openFinalBlock(band.out, size);
 } catch (const std::bad_alloc&) {
-    band.ok = false;
+    band.size = 0;
 }
 
 // The Adler-32 of two pieces joined, from each piece's checksum and the second's length.
@@ -344,12 +360,6 @@ std::uint32_t combineAdler32(std::uint32_t first, std::uint32_t second, std::siz
     const std::uint64_t sumHigh =
         ((first >> 16) + (second >> 16) + length * firstLow + kModulus - length) % kModulus;
     return static_cast<std::uint32_t>(sumHigh << 16 | sumLow);
-}
-
-void appendBigEndian32(QByteArray& out, std::uint32_t value) {
-    const char bytes[4] = {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
-                           static_cast<char>(value >> 8), static_cast<char>(value)};
-    out.append(bytes, 4);
 }
 
 } // namespace
@@ -367,12 +377,26 @@ std::optional<QByteArray> ScanlineEncoder::encode(const Image& image, int bandCo
     if (image.isNull() || bandCount < 1)
         return std::nullopt;
     bandCount = std::min(bandCount, image.height);
+    const std::size_t rowSize = 1 + 3 * static_cast<std::size_t>(image.width);
     std::vector<Band> bands(static_cast<std::size_t>(bandCount));
+    std::size_t capacity = 2 + 4; // zlib header and checksum
     for (int i = 0; i < bandCount; ++i) {
         Band& band = bands[static_cast<std::size_t>(i)];
         band.firstRow = static_cast<int>(static_cast<long long>(image.height) * i / bandCount);
         band.endRow = static_cast<int>(static_cast<long long>(image.height) * (i + 1) / bandCount);
         band.isLast = i == bandCount - 1;
+        band.filteredSize = rowSize * static_cast<std::size_t>(band.endRow - band.firstRow);
+        band.capacity =
+            libdeflate_deflate_compress_bound(nullptr, band.filteredSize) + kSyncFlushBytes;
+        capacity += band.capacity;
+    }
+    // Each band compresses into its own stretch of the result; the stretches are closed up
+    // afterwards. Pages beyond each band's real size are never touched.
+    QByteArray stream(static_cast<qsizetype>(capacity), Qt::Uninitialized);
+    auto* out = reinterpret_cast<unsigned char*>(stream.data()) + 2;
+    for (Band& band : bands) {
+        band.out = out;
+        out += band.capacity;
     }
     {
         std::vector<std::jthread> helpers;
@@ -387,23 +411,20 @@ std::optional<QByteArray> ScanlineEncoder::encode(const Image& image, int bandCo
         compressBand(image, bands.front());
     }
 
-    qsizetype total = 2 + 4;
-    for (const Band& band : bands) {
-        if (!band.ok)
-            return std::nullopt;
-        total += static_cast<qsizetype>(band.deflated.size());
-    }
-    QByteArray stream;
-    stream.reserve(total);
     // zlib header: deflate with a 32 KiB window, fastest level, check bits.
-    stream.append('\x78');
-    stream.append('\x01');
+    stream[0] = '\x78';
+    stream[1] = '\x01';
+    auto* end = reinterpret_cast<unsigned char*>(stream.data()) + 2;
     std::uint32_t adler = 1;
     for (const Band& band : bands) {
-        stream.append(reinterpret_cast<const char*>(band.deflated.data()),
-                      static_cast<qsizetype>(band.deflated.size()));
+        if (band.size == 0)
+            return std::nullopt;
+        std::memmove(end, band.out, band.size); // down, onto the previous band's spare room
+        end += band.size;
         adler = combineAdler32(adler, band.adler, band.filteredSize);
     }
-    appendBigEndian32(stream, adler);
+    for (int shift = 24; shift >= 0; shift -= 8)
+        *end++ = static_cast<unsigned char>(adler >> shift);
+    stream.truncate(end - reinterpret_cast<unsigned char*>(stream.data()));
     return stream;
 }
