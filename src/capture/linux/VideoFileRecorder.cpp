@@ -14,6 +14,7 @@ extern "C" {
 #include <cstring>
 #include <deque>
 #include <map>
+#include <mutex>
 
 namespace {
 
@@ -97,6 +98,9 @@ public:
             int64_t frameIntervalNs)
         : frameInterval_(
               std::max<int64_t>(av_rescale_q(frameIntervalNs, kNanoseconds, kTimeBase), 1)) {
+        // Tessarel writes nothing to the console; failures come back as errors.
+        static std::once_flag quiet;
+        std::call_once(quiet, [] { av_log_set_level(AV_LOG_QUIET); });
         const AVCodec* codec = encoderFor(preferred);
         if (!codec) {
             throw PlatformError(QStringLiteral("No video encoder is available."));
@@ -124,6 +128,9 @@ public:
             av_opt_set(context_->priv_data, "preset", "veryfast", 0);
             av_opt_set(context_->priv_data, "crf", "23", 0);
             av_opt_set_int(context_->priv_data, "forced-idr", 1, 0);
+            // Without B-frames decoding order is display order: each frame's duration is
+            // exactly the time until the next capture, and the movie starts at zero.
+            context_->max_b_frames = 0;
         } else {
             context_->flags |= AV_CODEC_FLAG_QSCALE;
             context_->global_quality = FF_QP2LAMBDA * 4;
@@ -177,6 +184,10 @@ public:
             durations_[*lastPts_] = pts - *lastPts_;
         }
         lastPts_ = pts;
+        if (!firstPts_) {
+            firstPts_ = pts;
+        }
+        ++encodedFrames_;
         picture->pts = pts;
         picture->pict_type = keyframeDue ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
         if (keyframeDue) {
@@ -188,11 +199,13 @@ public:
         drain();
     }
 
-    // The movie ends at `endTimeNs`, its last frame shown at least one frame interval.
+    // The movie ends at `endTimeNs`, and never sooner than one frame interval per encoded
+    // frame after the first (capture jitter must not push the average rate above the cap).
     void finish(int64_t endTimeNs) {
         if (lastPts_) {
-            const int64_t end = av_rescale_q(endTimeNs, kNanoseconds, kTimeBase);
-            durations_[*lastPts_] = std::max(end - *lastPts_, frameInterval_);
+            const int64_t end = std::max(av_rescale_q(endTimeNs, kNanoseconds, kTimeBase),
+                                         *firstPts_ + encodedFrames_ * frameInterval_);
+            durations_[*lastPts_] = std::max<int64_t>(end - *lastPts_, 1);
         }
         check(avcodec_send_frame(context_.get(), nullptr),
               QStringLiteral("Tessarel could not encode the movie"));
@@ -240,7 +253,9 @@ private:
     PacketPtr packet_;
     std::deque<PacketPtr> pending_;
     std::map<int64_t, int64_t> durations_; // pts → how long that frame shows
+    std::optional<int64_t> firstPts_;
     std::optional<int64_t> lastPts_;
+    int64_t encodedFrames_ = 0;
     std::optional<int64_t> lastKeyframePts_;
 };
 

@@ -12,10 +12,10 @@ class VideoFrameQueue;
 // Writes the frames of a video stream into an MPEG-4 file on its own thread, and tells its
 // delegate from that thread that the movie has started, finished or failed.
 //
-// H.264 goes through libx264 with preset "veryfast" and constant rate factor 23 (no tune,
-// so B-frames and lookahead stay on). The file is fragmented MP4 (an empty moov, then a
-// fragment at each keyframe and at least every quarter second, flushed to disk at once,
-// with a keyframe at least every second), so a process killed mid-recording leaves a movie
+// H.264 goes through libx264 with preset "veryfast" and constant rate factor 23, no tune
+// (lookahead and macroblock tree stay on) and no B-frames. The file is fragmented MP4 (an empty
+// moov, then a fragment at each keyframe and at least every quarter second, flushed to disk at
+// once, with a keyframe at least every second), so a process killed mid-recording leaves a movie
 // that plays up to its last fragment; a normal stop writes the index at the end as well.
 // Each frame's time stamp is its capture time, so late or dropped frames never shift the
 // rest, and a frame identical to the previous one is not encoded at all: its predecessor
