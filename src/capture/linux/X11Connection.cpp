@@ -32,7 +32,6 @@ X11Connection::X11Connection(const QByteArray& displayName) {
     }
     screen_ = screens.data;
     netWmPid_ = atom("_NET_WM_PID");
-    wmState_ = atom("WM_STATE");
 }
 
 X11Connection::~X11Connection() {
@@ -69,39 +68,55 @@ std::vector<X11Monitor> X11Connection::monitors() {
     return result;
 }
 
-std::optional<int64_t> X11Connection::processID(xcb_window_t window) {
-    const auto cookie =
-        xcb_get_property(connection_, 0, window, netWmPid_, XCB_ATOM_CARDINAL, 0, 1);
-    XcbReply<xcb_get_property_reply_t> reply(xcb_get_property_reply(connection_, cookie, nullptr));
-    if (!reply || reply->format != 32 || xcb_get_property_value_length(reply.get()) < 4) {
-        return std::nullopt;
+// One round trip per level, however many windows there are.
+std::vector<std::optional<int64_t>>
+X11Connection::owners(const std::vector<xcb_window_t>& windows) {
+    std::vector<std::optional<int64_t>> result(windows.size());
+    std::vector<std::pair<size_t, xcb_window_t>> level;
+    for (size_t i = 0; i < windows.size(); ++i) {
+        level.emplace_back(i, windows[i]);
     }
-    return *static_cast<const uint32_t*>(xcb_get_property_value(reply.get()));
-}
-
-// The window carrying WM_STATE at or below `window`, as a window manager's frame holds it.
-std::optional<xcb_window_t> X11Connection::clientWindow(xcb_window_t window, int depth) {
-    const auto stateCookie = xcb_get_property(connection_, 0, window, wmState_, XCB_ATOM_ANY, 0, 0);
-    XcbReply<xcb_get_property_reply_t> state(
-        xcb_get_property_reply(connection_, stateCookie, nullptr));
-    if (state && state->type != XCB_NONE) {
-        return window;
-    }
-    if (depth == 0) {
-        return std::nullopt;
-    }
-    XcbReply<xcb_query_tree_reply_t> tree(
-        xcb_query_tree_reply(connection_, xcb_query_tree(connection_, window), nullptr));
-    if (!tree) {
-        return std::nullopt;
-    }
-    const xcb_window_t* children = xcb_query_tree_children(tree.get());
-    for (int i = xcb_query_tree_children_length(tree.get()) - 1; i >= 0; --i) {
-        if (auto client = clientWindow(children[i], depth - 1)) {
-            return client;
+    for (int depth = 0; depth <= 2 && !level.empty(); ++depth) {
+        std::vector<xcb_get_property_cookie_t> properties;
+        for (const auto& [index, window] : level) {
+            properties.push_back(
+                xcb_get_property(connection_, 0, window, netWmPid_, XCB_ATOM_CARDINAL, 0, 1));
+        }
+        std::vector<std::pair<size_t, xcb_window_t>> unresolved;
+        for (size_t i = 0; i < level.size(); ++i) {
+            XcbReply<xcb_get_property_reply_t> reply(
+                xcb_get_property_reply(connection_, properties[i], nullptr));
+            const size_t index = level[i].first;
+            if (reply && reply->format == 32 && xcb_get_property_value_length(reply.get()) >= 4) {
+                if (!result[index]) {
+                    result[index] =
+                        *static_cast<const uint32_t*>(xcb_get_property_value(reply.get()));
+                }
+            } else if (!result[index]) {
+                unresolved.push_back(level[i]);
+            }
+        }
+        if (depth == 2) {
+            break;
+        }
+        std::vector<xcb_query_tree_cookie_t> trees;
+        for (const auto& [index, window] : unresolved) {
+            trees.push_back(xcb_query_tree(connection_, window));
+        }
+        level.clear();
+        for (size_t i = 0; i < unresolved.size(); ++i) {
+            XcbReply<xcb_query_tree_reply_t> tree(
+                xcb_query_tree_reply(connection_, trees[i], nullptr));
+            if (!tree) {
+                continue;
+            }
+            const xcb_window_t* children = xcb_query_tree_children(tree.get());
+            for (int child = xcb_query_tree_children_length(tree.get()) - 1; child >= 0; --child) {
+                level.emplace_back(unresolved[i].first, children[child]);
+            }
         }
     }
-    return std::nullopt;
+    return result;
 }
 
 std::vector<X11TopLevel> X11Connection::topLevels(bool viewableOnly) {
@@ -140,13 +155,13 @@ std::vector<X11TopLevel> X11Connection::topLevels(bool viewableOnly) {
                           attribute->visual,
                           std::nullopt});
     }
-    for (auto& topLevel : result) {
-        topLevel.processID = processID(topLevel.window);
-        if (!topLevel.processID) {
-            if (auto client = clientWindow(topLevel.window, 2)) {
-                topLevel.processID = processID(*client);
-            }
-        }
+    std::vector<xcb_window_t> windows;
+    for (const auto& topLevel : result) {
+        windows.push_back(topLevel.window);
+    }
+    const auto processIDs = owners(windows);
+    for (size_t i = 0; i < result.size(); ++i) {
+        result[i].processID = processIDs[i];
     }
     return result;
 }

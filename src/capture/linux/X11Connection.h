@@ -43,7 +43,8 @@ struct X11TopLevel {
     PixelRect outerGeometry; // border included
     bool viewable = false;
     xcb_visualid_t visual = 0;
-    // The owner's process id from _NET_WM_PID on the window or on its client window.
+    // The owner's process id from _NET_WM_PID on the window or, below a window manager's
+    // frame, on its client window.
     std::optional<int64_t> processID;
 };
 
@@ -70,16 +71,15 @@ public:
     std::vector<X11TopLevel> topLevels(bool viewableOnly);
     // Clients listed by the window manager, or none when no window manager runs.
     std::optional<std::vector<xcb_window_t>> managedClients();
-    std::optional<int64_t> processID(xcb_window_t window);
+    // The process ids of `windows`: _NET_WM_PID on each window or, for a window manager's
+    // frame, on a window up to two levels below.
+    std::vector<std::optional<int64_t>> owners(const std::vector<xcb_window_t>& windows);
 
     // Blocks until the server has handled every request sent so far.
     void sync();
 
 private:
-    std::optional<xcb_window_t> clientWindow(xcb_window_t window, int depth);
-
     xcb_connection_t* connection_ = nullptr;
     const xcb_screen_t* screen_ = nullptr;
     xcb_atom_t netWmPid_ = XCB_NONE;
-    xcb_atom_t wmState_ = XCB_NONE;
 };

@@ -36,8 +36,8 @@ ShareableContent X11ContentProvider::shareableContent(bool /*excludingDesktopWin
     // windows (popups, selection overlays) are in no client list.
     std::set<int64_t> processIDs;
     if (const auto clients = connection.managedClients()) {
-        for (xcb_window_t client : *clients) {
-            if (const auto processID = connection.processID(client)) {
+        for (const auto& processID : connection.owners(*clients)) {
+            if (processID) {
                 processIDs.insert(*processID);
             }
         }
