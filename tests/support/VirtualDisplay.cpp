@@ -130,9 +130,10 @@ void VirtualDisplay::movePointer(int x, int y) const {
         {QStringLiteral("mousemove"), QString::number(x), QString::number(y)});
 }
 
-std::unique_ptr<VirtualDisplay::Window>
-VirtualDisplay::showWindow(const QRect& geometry, const QImage& picture,
-                           std::optional<int64_t> processID) {
+std::unique_ptr<VirtualDisplay::Window> VirtualDisplay::showWindow(const QRect& geometry,
+                                                                   const QImage& picture,
+                                                                   std::optional<int64_t> processID,
+                                                                   std::optional<uint32_t> parent) {
     const QImage pixels = picture.convertToFormat(QImage::Format_RGB32);
     const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data;
     const uint32_t pixmap = xcb_generate_id(connection_);
@@ -159,7 +160,7 @@ VirtualDisplay::showWindow(const QRect& geometry, const QImage& picture,
 
     const uint32_t window = xcb_generate_id(connection_);
     const uint32_t values[] = {pixmap, 1};
-    xcb_create_window(connection_, XCB_COPY_FROM_PARENT, window, screen->root,
+    xcb_create_window(connection_, XCB_COPY_FROM_PARENT, window, parent.value_or(screen->root),
                       static_cast<int16_t>(geometry.x()), static_cast<int16_t>(geometry.y()),
                       static_cast<uint16_t>(geometry.width()),
                       static_cast<uint16_t>(geometry.height()), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,

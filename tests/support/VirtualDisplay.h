@@ -53,10 +53,12 @@ public:
                     const QString& output = QStringLiteral("none")) const;
     void movePointer(int x, int y) const;
 
-    // Maps an override-redirect window at `geometry` showing `picture` (scaled to nothing:
-    // it must have the geometry's size), owned by `processID` through _NET_WM_PID when set.
+    // Maps an override-redirect window at `geometry` of `parent` (the root when none)
+    // showing `picture`, which must have the geometry's size; owned by `processID` through
+    // _NET_WM_PID when set.
     std::unique_ptr<Window> showWindow(const QRect& geometry, const QImage& picture,
-                                       std::optional<int64_t> processID = std::nullopt);
+                                       std::optional<int64_t> processID = std::nullopt,
+                                       std::optional<uint32_t> parent = std::nullopt);
     // A picture of flat 16 × 16 cells whose colours depend on `seed` and the cell: exact
     // comparisons catch any shift, and video encoders keep flat cells close to the original.
     static QImage testPattern(const QSize& size, int seed);

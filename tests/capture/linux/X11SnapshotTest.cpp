@@ -158,6 +158,25 @@ TEST(X11Snapshot, OwnWindowOverTheDisplayIsLeftOut) {
     EXPECT_EQ(mismatches(withoutPanel, pattern, QRect(0, 0, 1920, 1080)), 0);
 }
 
+TEST(X11Snapshot, FrameAroundOwnClientWindowIsLeftOutWithIt) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 5);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    // As a window manager reparents a client: the frame has no owner, its child is ours.
+    QImage title(QSize(400, 330), QImage::Format_RGB32);
+    title.fill(qRgb(90, 90, 90));
+    const auto frame = display.showWindow(QRect(300, 200, 400, 330), title);
+    const auto client =
+        display.showWindow(QRect(0, 30, 400, 300), kOwnWindowPicture, getpid(), frame->id());
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+
+    const Image image = screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(image, pattern, QRect(0, 0, 1920, 1080)), 0);
+}
+
 TEST(X11Snapshot, RequestedSizeOtherThanTheMonitorsIsScaled) {
     VirtualDisplay display(1920, 1080);
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 4);
