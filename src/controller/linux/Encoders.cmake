@@ -8,5 +8,5 @@ add_library(tessarel_linux_encoders STATIC
 )
 target_link_libraries(tessarel_linux_encoders
     PUBLIC tessarel_core
-    PRIVATE PkgConfig::DEFLATE PkgConfig::TURBOJPEG Threads::Threads)
+    PRIVATE PkgConfig::DEFLATE PkgConfig::TURBOJPEG tessarel_yuv Threads::Threads)
 tessarel_set_warnings(tessarel_linux_encoders)

@@ -2,6 +2,7 @@
 
 #include <endian.h>
 #include <libdeflate.h>
+#include <libyuv.h>
 
 #include <algorithm>
 #include <array>
@@ -12,6 +13,7 @@
 #include <new>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -302,22 +304,21 @@ std::size_t openFinalBlock(unsigned char* stream, std::size_t size) {
 
 // ---- Bands ----------------------------------------------------------------------------
 
-void filterRow(const unsigned char* bgrx, const unsigned char* above, int width,
-               unsigned char* out) {
-    *out++ = ScanlineEncoder::kRowFilter;
-    if (above == nullptr) {
-        for (int x = 0; x < width; ++x, bgrx += 4, out += 3) {
-            out[0] = bgrx[2];
-            out[1] = bgrx[1];
-            out[2] = bgrx[0];
-        }
-        return;
+// out = row - above, byte by byte modulo 256, eight bytes at a time.
+void subtractRow(const unsigned char* row, const unsigned char* above, unsigned char* out,
+                 std::size_t size) {
+    constexpr std::uint64_t kHigh = 0x8080808080808080;
+    std::size_t i = 0;
+    for (; i + 8 <= size; i += 8) {
+        std::uint64_t a;
+        std::uint64_t b;
+        std::memcpy(&a, row + i, 8);
+        std::memcpy(&b, above + i, 8);
+        const std::uint64_t difference = ((a | kHigh) - (b & ~kHigh)) ^ ((a ^ ~b) & kHigh);
+        std::memcpy(out + i, &difference, 8);
     }
-    for (int x = 0; x < width; ++x, bgrx += 4, above += 4, out += 3) {
-        out[0] = static_cast<unsigned char>(bgrx[2] - above[2]);
-        out[1] = static_cast<unsigned char>(bgrx[1] - above[1]);
-        out[2] = static_cast<unsigned char>(bgrx[0] - above[0]);
-    }
+    for (; i < size; ++i)
+        out[i] = static_cast<unsigned char>(row[i] - above[i]);
 }
 
 struct Band {
@@ -334,9 +335,24 @@ struct Band {
 void compressBand(const Image& image, Band& band) noexcept try {
     const std::size_t rowSize = 1 + 3 * static_cast<std::size_t>(image.width);
     const std::unique_ptr<unsigned char[]> filtered(new unsigned char[band.filteredSize]);
-    for (int y = band.firstRow; y < band.endRow; ++y)
-        filterRow(image.row(y), y > 0 ? image.row(y - 1) : nullptr, image.width,
-                  filtered.get() + rowSize * static_cast<std::size_t>(y - band.firstRow));
+    // Each row in R, G, B order, beside the row above it (zeros above the first).
+    const std::size_t rgbSize = rowSize - 1;
+    const std::unique_ptr<unsigned char[]> rgbRows(new unsigned char[2 * rgbSize]);
+    unsigned char* above = rgbRows.get();
+    unsigned char* current = above + rgbSize;
+    if (band.firstRow > 0)
+        libyuv::ARGBToRAW(image.row(band.firstRow - 1), image.bytesPerRow, above,
+                          static_cast<int>(rgbSize), image.width, 1);
+    else
+        std::fill_n(above, rgbSize, 0);
+    for (int y = band.firstRow; y < band.endRow; ++y) {
+        unsigned char* out = filtered.get() + rowSize * static_cast<std::size_t>(y - band.firstRow);
+        libyuv::ARGBToRAW(image.row(y), image.bytesPerRow, current, static_cast<int>(rgbSize),
+                          image.width, 1);
+        out[0] = ScanlineEncoder::kRowFilter;
+        subtractRow(current, above, out + 1, rgbSize);
+        std::swap(above, current);
+    }
     band.adler = libdeflate_adler32(1, filtered.get(), band.filteredSize);
 
     const Compressor compressor(libdeflate_alloc_compressor(kCompressionLevel));
