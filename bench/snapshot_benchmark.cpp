@@ -1,0 +1,486 @@
+// Snapshot of a 3840 x 2160 desktop-like screen to PNG, JPEG and PDF on disk: Tessarel
+// against scrot and ImageMagick's import, in the same run, on an Xvfb started here.
+//
+//   snapshot_benchmark [repetitions]      (default 7; the median is reported)
+//
+// Tessarel's time covers what a snapshot costs it: listing the displays, grabbing the main
+// one through its X11 screenshot service, encoding, and writing the file (PNG and JPEG
+// atomically, PDF straight to the file). The peers are timed from start to exit of their
+// process, since that is how they are used. JPEG runs at quality 92 everywhere.
+
+#include "capture/linux/X11ContentProvider.h"
+#include "capture/linux/X11ScreenshotService.h"
+#include "controller/linux/LinuxSnapshotEncoders.h"
+
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QImage>
+#include <QLinearGradient>
+#include <QPainter>
+#include <QProcess>
+#include <QRadialGradient>
+#include <QRandomGenerator>
+#include <QSaveFile>
+#include <QTemporaryDir>
+
+#include <xcb/xcb.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr int kWidth = 3840;
+constexpr int kHeight = 2160;
+constexpr double kJpegQuality = 0.92;
+
+[[noreturn]] void fail(const char* what) {
+    std::fprintf(stderr, "snapshot_benchmark: %s\n", what);
+    std::exit(1);
+}
+
+// ---- The screen's content -------------------------------------------------------------
+
+QString words(QRandomGenerator& random, int count) {
+    static const char* const kWords[] = {
+        "capture", "snapshot", "display", "window", "panel", "struct", "return", "const",
+        "void",    "image",    "screen",  "the",    "of",    "and",    "to",     "for",
+        "in",      "file",     "folder",  "record", "audio", "video",  "frame",  "buffer"};
+    QString text;
+    for (int i = 0; i < count; ++i) {
+        text += QString::fromLatin1(kWords[random.bounded(int(std::size(kWords)))]);
+        text += ' ';
+    }
+    return text;
+}
+
+void paintWindow(QPainter& painter, QRandomGenerator& random, const QRect& frame,
+                 const QColor& body, const QColor& ink, const QFont& font, int lineHeight) {
+    painter.fillRect(frame.adjusted(-1, -1, 1, 1), QColor(20, 20, 24));
+    painter.fillRect(frame, body);
+    const QRect title(frame.x(), frame.y(), frame.width(), 34);
+    painter.fillRect(title, QColor(232, 232, 236));
+    painter.setPen(QColor(40, 40, 40));
+    painter.setFont(QFont("DejaVu Sans", 11, QFont::Bold));
+    painter.drawText(title.adjusted(14, 0, 0, 0), Qt::AlignVCenter, words(random, 3));
+    for (int i = 0; i < 3; ++i) {
+        painter.setBrush(QColor::fromHsv(i * 40, 160, 230));
+        painter.setPen(Qt::NoPen);
+        painter.drawEllipse(QPoint(frame.right() - 24 - 26 * i, title.center().y()), 8, 8);
+    }
+    painter.setFont(font);
+    for (int y = title.bottom() + lineHeight + 8; y < frame.bottom() - 8; y += lineHeight) {
+        const int indent = 16 + 28 * random.bounded(4);
+        painter.setPen(random.bounded(6) == 0 ? QColor(30, 100, 200) : ink);
+        painter.drawText(frame.x() + indent, y, words(random, 4 + random.bounded(14)));
+    }
+}
+
+// Flat areas, windows full of text, and a photo-like region of gradients and grain.
+QImage desktopScene() {
+    QImage image(kWidth, kHeight, QImage::Format_RGB32); // B, G, R, X in memory
+    QRandomGenerator random(2026);
+    QPainter painter(&image);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setRenderHint(QPainter::TextAntialiasing);
+    QLinearGradient wallpaper(0, 0, 0, kHeight);
+    wallpaper.setColorAt(0, QColor(38, 50, 72));
+    wallpaper.setColorAt(1, QColor(58, 74, 96));
+    painter.fillRect(image.rect(), wallpaper);
+    painter.fillRect(QRect(0, 0, kWidth, 40), QColor(24, 24, 28));
+    painter.setPen(QColor(230, 230, 230));
+    painter.setFont(QFont("DejaVu Sans", 12));
+    painter.drawText(QRect(20, 0, 800, 40), Qt::AlignVCenter, "Activities    Files    Editor");
+
+    paintWindow(painter, random, QRect(80, 120, 1700, 1900), QColor(250, 250, 250),
+                QColor(30, 30, 30), QFont("DejaVu Sans Mono", 12), 22);
+    paintWindow(painter, random, QRect(1500, 260, 1500, 1000), QColor(255, 255, 255),
+                QColor(20, 20, 20), QFont("DejaVu Serif", 14), 26);
+    paintWindow(painter, random, QRect(1900, 1400, 1800, 700), QColor(30, 32, 36),
+                QColor(190, 220, 190), QFont("DejaVu Sans Mono", 11), 20);
+
+    // The photo: soft colour fields with grain.
+    const QRect photo(2380, 100, 1380, 1100);
+    QLinearGradient sky(photo.topLeft(), photo.bottomLeft());
+    sky.setColorAt(0, QColor(70, 130, 200));
+    sky.setColorAt(0.55, QColor(230, 190, 140));
+    sky.setColorAt(1, QColor(60, 110, 60));
+    painter.fillRect(photo, sky);
+    for (int i = 0; i < 12; ++i) {
+        const QPointF centre(photo.x() + random.bounded(photo.width()),
+                             photo.y() + random.bounded(photo.height()));
+        QRadialGradient blob(centre, 80 + random.bounded(220));
+        blob.setColorAt(0, QColor::fromHsv(random.bounded(360), 120, 200, 200));
+        blob.setColorAt(1, QColor(0, 0, 0, 0));
+        painter.fillRect(photo, blob);
+    }
+    painter.end();
+    for (int y = photo.top(); y <= photo.bottom(); ++y) {
+        auto* line = reinterpret_cast<QRgb*>(image.scanLine(y));
+        for (int x = photo.left(); x <= photo.right(); ++x) {
+            const int grain = random.bounded(11) - 5;
+            const QRgb c = line[x];
+            line[x] =
+                qRgb(std::clamp(qRed(c) + grain, 0, 255), std::clamp(qGreen(c) + grain, 0, 255),
+                     std::clamp(qBlue(c) + grain, 0, 255));
+        }
+    }
+    return image;
+}
+
+// ---- The X server -----------------------------------------------------------------------
+
+// Xvfb on a display number it picks itself (-displayfd), stopped on destruction.
+class VirtualScreen {
+public:
+    VirtualScreen() {
+        int fds[2];
+        if (pipe(fds) != 0)
+            fail("no pipe");
+        const int readEnd = fds[0];
+        const int writeEnd = fds[1];
+        fcntl(readEnd, F_SETFD, FD_CLOEXEC);
+        server_.setProgram("Xvfb");
+        server_.setArguments({"-displayfd", QString::number(writeEnd), "-screen", "0",
+                              QString("%1x%2x24").arg(kWidth).arg(kHeight), "-nolisten", "tcp"});
+        server_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        server_.start();
+        close(writeEnd);
+        if (!server_.waitForStarted())
+            fail("Xvfb does not start");
+        QByteArray number;
+        pollfd readable{readEnd, POLLIN, 0};
+        char c = 0;
+        while (!number.endsWith('\n') && poll(&readable, 1, 30000) == 1 &&
+               read(readEnd, &c, 1) == 1)
+            number.append(c);
+        close(readEnd);
+        if (!number.endsWith('\n'))
+            fail("Xvfb reports no display");
+        name_ = ":" + number.trimmed();
+    }
+    ~VirtualScreen() {
+        server_.terminate();
+        server_.waitForFinished(10000);
+    }
+    const QByteArray& name() const { return name_; }
+
+private:
+    QProcess server_;
+    QByteArray name_;
+};
+
+struct ConnectionDeleter {
+    void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
+};
+
+// Shows a picture as the root window's background for as long as it lives.
+class Wallpaper {
+public:
+    Wallpaper(const QByteArray& display, const QImage& scene)
+        : connection_(xcb_connect(display.constData(), nullptr)) {
+        xcb_connection_t* c = connection_.get();
+        if (xcb_connection_has_error(c))
+            fail("cannot connect to Xvfb");
+        const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
+        const xcb_pixmap_t pixmap = xcb_generate_id(c);
+        xcb_create_pixmap(c, 24, pixmap, root, kWidth, kHeight);
+        const xcb_gcontext_t gc = xcb_generate_id(c);
+        xcb_create_gc(c, gc, pixmap, 0, nullptr);
+        const int rowsPerRequest =
+            static_cast<int>((xcb_get_maximum_request_length(c) * 4 - 64) / (kWidth * 4));
+        for (int y = 0; y < kHeight; y += rowsPerRequest) {
+            const int rows = std::min(rowsPerRequest, kHeight - y);
+            xcb_put_image(c, XCB_IMAGE_FORMAT_Z_PIXMAP, pixmap, gc, kWidth, rows, 0,
+                          static_cast<int16_t>(y), 0, 24, kWidth * 4 * rows,
+                          scene.constScanLine(y));
+        }
+        xcb_change_window_attributes(c, root, XCB_CW_BACK_PIXMAP, &pixmap);
+        xcb_clear_area(c, 0, root, 0, 0, 0, 0);
+        xcb_free_gc(c, gc);
+        xcb_free_pixmap(c, pixmap);
+        std::free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
+    }
+
+private:
+    std::unique_ptr<xcb_connection_t, ConnectionDeleter> connection_;
+};
+
+// Tessarel's snapshot as the engine takes it: list the displays and applications, pick
+// the main display, leave out this process's windows, capture at the display's pixel size.
+class Snapshotter {
+public:
+    explicit Snapshotter(const QByteArray& display) : content_(display), screenshots_(display) {}
+
+    Image take() { return capture(mainDisplayFilter()); }
+
+    ContentFilter mainDisplayFilter() {
+        const ShareableContent content = content_.shareableContent(false, true);
+        const uint32_t main = content_.mainDisplayID();
+        const auto display =
+            std::find_if(content.displays.begin(), content.displays.end(),
+                         [main](const DisplayInfo& d) { return d.displayID == main; });
+        if (display == content.displays.end())
+            fail("no main display");
+        ContentFilter filter{*display, {}};
+        for (const RunningApplication& application : content.applications)
+            if (application.processID == QCoreApplication::applicationPid())
+                filter.excludedApplications.push_back(application);
+        return filter;
+    }
+
+    Image capture(const ContentFilter& filter) {
+        return screenshots_.captureImage(
+            filter, {static_cast<long long>(filter.display.frame.width),
+                     static_cast<long long>(filter.display.frame.height), false});
+    }
+
+private:
+    X11ContentProvider content_;
+    X11ScreenshotService screenshots_;
+};
+
+// ---- Timing -----------------------------------------------------------------------------
+
+struct Sample {
+    double milliseconds = 0;
+    double cpuMilliseconds = 0; // user and system time of the contender's own process
+    qint64 bytes = 0;
+};
+
+// CPU time so far of this process (RUSAGE_SELF) or of its waited-for children.
+double cpuMilliseconds(int who) {
+    rusage usage{};
+    getrusage(who, &usage);
+    return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e3 +
+           (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e3;
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+bool writeAtomically(const QString& path, const std::optional<QByteArray>& data) {
+    QSaveFile file(path);
+    return data && file.open(QIODevice::WriteOnly) && file.write(*data) == data->size() &&
+           file.commit();
+}
+
+std::optional<Sample> runPeer(const QByteArray& display, const QString& program,
+                              const QStringList& arguments, const QString& output) {
+    QFile::remove(output);
+    QProcess peer;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("DISPLAY", QString::fromUtf8(display));
+    peer.setProcessEnvironment(environment);
+    peer.setProcessChannelMode(QProcess::MergedChannels);
+    const double cpu = cpuMilliseconds(RUSAGE_CHILDREN);
+    QElapsedTimer timer;
+    timer.start();
+    peer.start(program, arguments);
+    if (!peer.waitForFinished(120000) || peer.exitStatus() != QProcess::NormalExit ||
+        peer.exitCode() != 0 || !QFileInfo::exists(output))
+        return std::nullopt;
+    return Sample{static_cast<double>(timer.nsecsElapsed()) / 1e6,
+                  cpuMilliseconds(RUSAGE_CHILDREN) - cpu, QFileInfo(output).size()};
+}
+
+struct Contender {
+    Contender(QString label, std::function<std::optional<Sample>()> taker)
+        : name(std::move(label)), take(std::move(taker)) {}
+
+    QString name;
+    std::function<std::optional<Sample>()> take;
+    std::vector<double> times;
+    std::vector<double> cpuTimes;
+    qint64 bytes = 0;
+    bool available = true;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QGuiApplication application(argc, argv);
+    const int repetitions = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
+
+    VirtualScreen server;
+    const QImage scene = desktopScene();
+    const Wallpaper wallpaper(server.name(), scene);
+    Snapshotter screen(server.name());
+    QTemporaryDir dir;
+    LinuxSnapshotEncoders encoders;
+
+    // Tessarel's PNG must hold the screen exactly.
+    {
+        const auto png = encoders.encodePNG(screen.take());
+        if (!png || QImage::fromData(*png, "PNG").convertToFormat(QImage::Format_RGB32) != scene)
+            fail("Tessarel's PNG is not the screen");
+    }
+
+    auto tessarel = [&](const QString& file, const std::function<bool(const Image&)>& save) {
+        return [&screen, save, path = dir.filePath(file)]() -> std::optional<Sample> {
+            const double cpu = cpuMilliseconds(RUSAGE_SELF);
+            QElapsedTimer timer;
+            timer.start();
+            if (!save(screen.take()))
+                return std::nullopt;
+            return Sample{static_cast<double>(timer.nsecsElapsed()) / 1e6,
+                          cpuMilliseconds(RUSAGE_SELF) - cpu, QFileInfo(path).size()};
+        };
+    };
+    auto peer = [&](const QString& program, QStringList arguments, const QString& file) {
+        const QString path = dir.filePath(file);
+        arguments.append(path);
+        return [&server, program, arguments, path] {
+            return runPeer(server.name(), program, arguments, path);
+        };
+    };
+    const QString png = dir.filePath("tessarel.png");
+    const QString jpeg = dir.filePath("tessarel.jpg");
+    const QString pdf = dir.filePath("tessarel.pdf");
+
+    std::vector<std::pair<QByteArray, std::vector<Contender>>> formats;
+    formats.emplace_back("PNG", std::vector<Contender>{
+                                    {"Tessarel", tessarel("tessarel.png",
+                                                          [&](const Image& i) {
+                                                              return writeAtomically(
+                                                                  png, encoders.encodePNG(i));
+                                                          })},
+                                    {"scrot", peer("scrot", {"-o"}, "scrot.png")},
+                                    {"import", peer("import", {"-window", "root"}, "import.png")},
+                                });
+    formats.emplace_back(
+        "JPEG", std::vector<Contender>{
+                    {"Tessarel", tessarel("tessarel.jpg",
+                                          [&](const Image& i) {
+                                              return writeAtomically(
+                                                  jpeg, encoders.encodeJPEG(i, kJpegQuality));
+                                          })},
+                    {"scrot", peer("scrot", {"-o", "-q", "92"}, "scrot.jpg")},
+                    {"import", peer("import", {"-window", "root", "-quality", "92"}, "import.jpg")},
+                });
+    formats.emplace_back("PDF",
+                         std::vector<Contender>{
+                             {"Tessarel", tessarel("tessarel.pdf",
+                                                   [&](const Image& i) {
+                                                       return encoders.writePDF(
+                                                           i, QUrl::fromLocalFile(pdf),
+                                                           {double(i.width), double(i.height)});
+                                                   })},
+                             {"import", peer("import", {"-window", "root"}, "import.pdf")},
+                         });
+
+    // Interleaved, so that a busy moment of the machine hits every contender alike.
+    for (int r = 0; r < repetitions; ++r)
+        for (auto& [format, contenders] : formats)
+            for (Contender& contender : contenders) {
+                if (!contender.available)
+                    continue;
+                const auto sample = contender.take();
+                if (!sample) {
+                    contender.available = false;
+                    continue;
+                }
+                contender.times.push_back(sample->milliseconds);
+                contender.cpuTimes.push_back(sample->cpuMilliseconds);
+                contender.bytes = sample->bytes;
+            }
+
+    // Where the time goes: listing, capture, each encoder, the atomic write of the PNG.
+    std::map<QByteArray, std::vector<double>> parts;
+    for (int r = 0; r < repetitions; ++r) {
+        QElapsedTimer timer;
+        auto lap = [&timer, &parts](const QByteArray& part) {
+            parts[part].push_back(static_cast<double>(timer.nsecsElapsed()) / 1e6);
+            timer.restart();
+        };
+        timer.start();
+        const ContentFilter filter = screen.mainDisplayFilter();
+        lap("1 list displays and applications");
+        const Image image = screen.capture(filter);
+        lap("2 capture");
+        const auto data = encoders.encodePNG(image);
+        lap("3 encode PNG");
+        writeAtomically(png, data);
+        lap("4 write PNG atomically");
+        encoders.encodeJPEG(image, kJpegQuality);
+        lap("5 encode JPEG");
+        encoders.writePDF(image, QUrl::fromLocalFile(pdf),
+                          {double(image.width), double(image.height)});
+        lap("6 write PDF");
+    }
+
+    std::printf(
+        "Snapshot of a %d x %d desktop-like screen on Xvfb, %d repetitions, median wall "
+        "time;\nCPU time is the client's own (the X server's share of a grab is in neither)\n\n",
+        kWidth, kHeight, repetitions);
+    std::printf("%-5s %-9s %10s %10s %12s %16s %14s\n", "", "", "time ms", "cpu ms", "file bytes",
+                "time/fastest", "size/scrot");
+    bool allMet = true;
+    // A format no peer writes here is set against the peers' PNG: the same lossless pixels.
+    auto references = [](const std::vector<Contender>& contenders) {
+        std::optional<std::pair<double, qint64>> fastestAndScrot;
+        for (const Contender& c : contenders) {
+            if (c.name == "Tessarel" || !c.available)
+                continue;
+            const double t = median(c.times);
+            if (!fastestAndScrot)
+                fastestAndScrot.emplace(t, 0);
+            fastestAndScrot->first = std::min(fastestAndScrot->first, t);
+            if (c.name == "scrot")
+                fastestAndScrot->second = c.bytes;
+        }
+        return fastestAndScrot;
+    };
+    const auto pngReferences = references(formats.front().second);
+    if (!pngReferences || pngReferences->second == 0)
+        fail("scrot wrote no PNG");
+    for (const auto& [format, contenders] : formats) {
+        const auto own = references(contenders);
+        const bool againstPng = !own;
+        const double fastestPeer = own ? own->first : pngReferences->first;
+        const qint64 scrotBytes = own && own->second > 0 ? own->second : pngReferences->second;
+        for (const Contender& c : contenders) {
+            if (!c.available) {
+                std::printf("%-5s %-9s %10s   (cannot write this format here)\n",
+                            format.constData(), qPrintable(c.name), "n/a");
+                continue;
+            }
+            const double t = median(c.times);
+            const QByteArray timeRatio = QByteArray::number(t / fastestPeer, 'f', 2);
+            const QByteArray sizeRatio =
+                QByteArray::number(double(c.bytes) / double(scrotBytes), 'f', 2);
+            std::printf("%-5s %-9s %10.1f %10.1f %12lld %16s %14s%s\n", format.constData(),
+                        qPrintable(c.name), t, median(c.cpuTimes), static_cast<long long>(c.bytes),
+                        timeRatio.constData(), sizeRatio.constData(),
+                        againstPng ? "  (against the peers' PNG)" : "");
+            if (c.name == "Tessarel" &&
+                (t > 0.5 * fastestPeer || double(c.bytes) > 1.25 * double(scrotBytes)))
+                allMet = false;
+        }
+    }
+    std::printf("\nTessarel's parts (median ms):");
+    for (const auto& [part, times] : parts)
+        std::printf("  %s %.1f", part.constData() + 2, median(times));
+    std::printf("\n");
+    std::printf("Targets: Tessarel at most 0.50 x the fastest peer's time, file at most 1.25 x "
+                "scrot's: %s\n",
+                allMet ? "met" : "NOT met");
+    return 0;
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "capture/CapturePlatform.h"
+
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <vector>
+
+class VideoFrameQueue;
+
+// Writes the frames of a video stream into an MPEG-4 file on its own thread, and tells its
+// delegate from that thread that the movie has started, finished or failed.
+//
+// H.264 goes through libx264 with preset "veryfast" and constant rate factor 23, no tune
+// (lookahead and macroblock tree stay on) and no B-frames. The file is fragmented MP4 (an empty
+// moov, then a fragment at each keyframe and at least every quarter second, flushed to disk at
+// once, with a keyframe at least every second), so a process killed mid-recording leaves a movie
+// that plays up to its last fragment; a normal stop writes the index at the end as well.
+// Each frame's time stamp is its capture time, so late or dropped frames never shift the
+// rest, and a frame identical to the previous one is not encoded at all: its predecessor
+// is simply shown longer.
+class VideoFileRecorder final : public RecordingOutput {
+public:
+    VideoFileRecorder(RecordingOutputConfiguration configuration,
+                      RecordingOutputDelegate* delegate);
+    ~VideoFileRecorder() override;
+    VideoFileRecorder(const VideoFileRecorder&) = delete;
+    VideoFileRecorder& operator=(const VideoFileRecorder&) = delete;
+
+    // Any thread.
+    static std::vector<VideoCodec> availableCodecs();
+
+    // The stream's thread: creates the file and starts encoding what arrives in `queue`,
+    // whose frames are `width` × `height` pixels, stamped from `startTimeNs` on; frames
+    // come at most every `frameIntervalNs`. Throws PlatformError when the file or the
+    // encoder cannot be made.
+    void start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
+               int64_t frameIntervalNs);
+    // The stream's thread, after the queue was closed: blocks until the file is complete or
+    // has failed and the delegate has been told which.
+    void finish();
+
+private:
+    class Encoder;
+
+    RecordingOutputConfiguration configuration_;
+    RecordingOutputDelegate* delegate_;
+    std::unique_ptr<Encoder> encoder_;
+    std::thread thread_;
+};

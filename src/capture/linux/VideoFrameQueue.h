@@ -1,0 +1,52 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+// One captured picture: B, G, R, X pixels and the monotonic time it was taken at.
+struct VideoFrame {
+    int width = 0;
+    int height = 0;
+    int bytesPerRow = 0;
+    std::vector<uint8_t> pixels;
+    int64_t captureTimeNs = 0;
+};
+
+// A bounded queue of preallocated frames between one producer (the capture thread) and one
+// consumer (the encoder thread). The producer never waits: when `depth` frames are already
+// waiting, the newest of them is taken back and overwritten, and the drop is counted.
+class VideoFrameQueue {
+public:
+    VideoFrameQueue(int depth, int width, int height);
+
+    // Producer: a frame to fill, then hand it over with publish().
+    VideoFrame& acquire();
+    void publish(VideoFrame& frame);
+    // Producer: no more frames; the movie ends at `endTimeNs`.
+    void close(int64_t endTimeNs);
+
+    // Consumer: the oldest waiting frame, blocking; none once closed and drained. Give each
+    // frame back with recycle() before asking for the next.
+    VideoFrame* next();
+    void recycle(VideoFrame& frame);
+    // Consumer, after next() returned none.
+    int64_t endTimeNs() const;
+
+    // Any thread.
+    long long droppedFrames() const;
+
+private:
+    const size_t depth_;
+    mutable std::mutex mutex_;
+    std::condition_variable ready_;
+    std::vector<std::unique_ptr<VideoFrame>> storage_;
+    std::vector<VideoFrame*> free_;
+    std::deque<VideoFrame*> waiting_;
+    std::optional<int64_t> endTimeNs_;
+    long long dropped_ = 0;
+};

@@ -1,0 +1,242 @@
+#include "capture/linux/X11VideoCaptureService.h"
+
+#include "capture/linux/VideoFileRecorder.h"
+#include "capture/linux/VideoFrameQueue.h"
+#include "capture/linux/X11AreaGrabber.h"
+#include "capture/linux/X11Connection.h"
+
+#include <xcb/xfixes.h>
+
+#include <libyuv.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+constexpr int64_t kShortestFrameIntervalNs = 1'000'000'000 / 30;
+
+int64_t monotonicNowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+class X11VideoStream final : public VideoCaptureStream {
+public:
+    X11VideoStream(QByteArray displayName, ContentFilter filter,
+                   VideoStreamConfiguration configuration, StreamDelegate* delegate)
+        : displayName_(std::move(displayName)), filter_(std::move(filter)),
+          configuration_(configuration), delegate_(delegate) {}
+
+    ~X11VideoStream() override {
+        try {
+            stopCapture();
+        } catch (...) { // nobody is left to tell
+        }
+    }
+
+    void addRecordingOutput(const std::shared_ptr<RecordingOutput>& output) override {
+        auto recorder = std::dynamic_pointer_cast<VideoFileRecorder>(output);
+        if (!recorder || recorder_) {
+            throw PlatformError(QStringLiteral("The stream cannot take this recorder."));
+        }
+        recorder_ = std::move(recorder);
+    }
+
+    void startCapture() override {
+        if (thread_.joinable()) {
+            throw PlatformError(QStringLiteral("The stream is already capturing."));
+        }
+        const int width = static_cast<int>(configuration_.width);
+        const int height = static_cast<int>(configuration_.height);
+        if (width <= 0 || height <= 0 || width > INT16_MAX || height > INT16_MAX) {
+            throw PlatformError(QStringLiteral("The movie size is not valid."));
+        }
+        auto connection = std::make_unique<X11Connection>(displayName_);
+        const PixelRect area = pixelArea(connection->rootGeometry());
+        if (area.isEmpty()) {
+            throw PlatformError(QStringLiteral("The area to record lies outside the display."));
+        }
+        std::vector<int64_t> excluded;
+        for (const RunningApplication& application : filter_.excludedApplications) {
+            excluded.push_back(application.processID);
+        }
+        auto grabber = std::make_unique<X11AreaGrabber>(*connection, area, std::move(excluded));
+        if (configuration_.showsCursor) {
+            xcb_connection_t* c = connection->get();
+            XcbReply<xcb_xfixes_query_version_reply_t> version(xcb_xfixes_query_version_reply(
+                c, xcb_xfixes_query_version(c, XCB_XFIXES_MAJOR_VERSION, 0), nullptr));
+            if (!version) {
+                throw PlatformError(QStringLiteral("The X server cannot show the pointer."));
+            }
+        }
+        auto queue = std::make_unique<VideoFrameQueue>(configuration_.queueDepth, width, height);
+        const int64_t intervalNs = frameIntervalNs();
+        const int64_t startNs = monotonicNowNs();
+        if (recorder_) {
+            recorder_->start(*queue, width, height, startNs, intervalNs);
+        }
+        connection_ = std::move(connection);
+        grabber_ = std::move(grabber);
+        queue_ = std::move(queue);
+        stopping_ = false;
+        thread_ = std::thread([this, startNs, intervalNs] { capture(startNs, intervalNs); });
+    }
+
+    void stopCapture() override {
+        const int64_t endNs = monotonicNowNs();
+        if (!thread_.joinable()) {
+            return;
+        }
+        {
+            std::lock_guard guard(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+        queue_->close(endNs);
+        if (recorder_) {
+            recorder_->finish();
+        }
+        grabber_.reset();
+        connection_.reset();
+    }
+
+private:
+    // The source rectangle in root pixels: the display's origin plus the display-local
+    // rectangle scaled to pixels, clipped to the display.
+    PixelRect pixelArea(const PixelRect& root) const {
+        const Rect& frame = filter_.display.frame;
+        const Rect& source = configuration_.sourceRect;
+        const double scale =
+            configuration_.pixelsPerPoint > 0 ? configuration_.pixelsPerPoint : 1.0;
+        const PixelRect display{static_cast<int>(std::lround(frame.x)),
+                                static_cast<int>(std::lround(frame.y)),
+                                static_cast<int>(std::lround(frame.width)),
+                                static_cast<int>(std::lround(frame.height))};
+        const PixelRect wanted{display.x + static_cast<int>(std::lround(source.x * scale)),
+                               display.y + static_cast<int>(std::lround(source.y * scale)),
+                               static_cast<int>(std::lround(source.width * scale)),
+                               static_cast<int>(std::lround(source.height * scale))};
+        return wanted.intersected(display).intersected(root);
+    }
+
+    int64_t frameIntervalNs() const {
+        const FrameInterval& interval = configuration_.minimumFrameInterval;
+        const int64_t requested =
+            interval.timescale > 0 ? interval.value * 1'000'000'000 / interval.timescale : 0;
+        return std::max(requested, kShortestFrameIntervalNs);
+    }
+
+    // The capture thread: one grab per tick of a fixed grid; ticks missed while late are
+    // skipped rather than made up in a burst.
+    void capture(int64_t startNs, int64_t intervalNs) {
+        try {
+            for (int64_t tick = 0;; tick = (monotonicNowNs() - startNs) / intervalNs + 1) {
+                const std::chrono::steady_clock::time_point deadline{
+                    std::chrono::nanoseconds(startNs + tick * intervalNs)};
+                {
+                    std::unique_lock guard(mutex_);
+                    if (wake_.wait_until(guard, deadline, [this] { return stopping_; })) {
+                        return;
+                    }
+                }
+                grabFrame();
+            }
+        } catch (...) {
+            delegate_->streamDidStop(std::current_exception());
+        }
+    }
+
+    void grabFrame() {
+        xcb_connection_t* c = connection_->get();
+        const int64_t captureNs = monotonicNowNs();
+        std::optional<xcb_xfixes_get_cursor_image_cookie_t> pointer;
+        if (configuration_.showsCursor) {
+            pointer = xcb_xfixes_get_cursor_image(c);
+        }
+        grabber_->grab();
+        X11ShmImage& image = grabber_->image();
+        if (pointer) {
+            XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor(
+                xcb_xfixes_get_cursor_image_reply(c, *pointer, nullptr));
+            if (cursor) {
+                drawPointer(*cursor, image);
+            }
+        }
+        VideoFrame& frame = queue_->acquire();
+        if (frame.width == image.width() && frame.height == image.height()) {
+            libyuv::ARGBCopy(image.pixels(), image.bytesPerRow(), frame.pixels.data(),
+                             frame.bytesPerRow, frame.width, frame.height);
+        } else {
+            libyuv::ARGBScale(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
+                              frame.pixels.data(), frame.bytesPerRow, frame.width, frame.height,
+                              libyuv::kFilterBilinear);
+        }
+        frame.captureTimeNs = captureNs;
+        queue_->publish(frame);
+    }
+
+    // Blends the pointer's premultiplied ARGB image over the grabbed pixels.
+    void drawPointer(const xcb_xfixes_get_cursor_image_reply_t& cursor, X11ShmImage& image) const {
+        const PixelRect& area = grabber_->area();
+        const int left = cursor.x - cursor.xhot - area.x;
+        const int top = cursor.y - cursor.yhot - area.y;
+        const uint32_t* source = xcb_xfixes_get_cursor_image_cursor_image(&cursor);
+        for (int y = std::max(0, -top); y < cursor.height && top + y < image.height(); ++y) {
+            uint8_t* row = image.pixels() + static_cast<ptrdiff_t>(top + y) * image.bytesPerRow();
+            for (int x = std::max(0, -left); x < cursor.width && left + x < image.width(); ++x) {
+                const uint32_t argb = source[y * cursor.width + x];
+                const uint32_t alpha = argb >> 24;
+                if (alpha == 0) {
+                    continue;
+                }
+                uint8_t* pixel = row + static_cast<ptrdiff_t>(left + x) * 4;
+                for (int channel = 0; channel < 3; ++channel) {
+                    const uint32_t over = (argb >> (8 * channel)) & 0xff;
+                    pixel[channel] = static_cast<uint8_t>(
+                        std::min<uint32_t>(255, over + pixel[channel] * (255 - alpha) / 255));
+                }
+            }
+        }
+    }
+
+    const QByteArray displayName_;
+    const ContentFilter filter_;
+    const VideoStreamConfiguration configuration_;
+    StreamDelegate* const delegate_;
+    std::shared_ptr<VideoFileRecorder> recorder_;
+    // Made by startCapture, then used by the capture thread only until it is joined.
+    std::unique_ptr<X11Connection> connection_;
+    std::unique_ptr<X11AreaGrabber> grabber_;
+    std::unique_ptr<VideoFrameQueue> queue_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+} // namespace
+
+X11VideoCaptureService::X11VideoCaptureService(QByteArray displayName)
+    : displayName_(std::move(displayName)) {}
+
+std::vector<VideoCodec> X11VideoCaptureService::availableVideoCodecTypes() {
+    return VideoFileRecorder::availableCodecs();
+}
+
+std::shared_ptr<VideoCaptureStream> X11VideoCaptureService::makeStream(
+    const ContentFilter& filter, const VideoStreamConfiguration& config, StreamDelegate* delegate) {
+    return std::make_shared<X11VideoStream>(displayName_, filter, config, delegate);
+}
+
+std::shared_ptr<RecordingOutput>
+X11VideoCaptureService::makeRecordingOutput(const RecordingOutputConfiguration& config,
+                                            RecordingOutputDelegate* delegate) {
+    return std::make_shared<VideoFileRecorder>(config, delegate);
+}

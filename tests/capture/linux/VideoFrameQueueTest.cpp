@@ -1,0 +1,69 @@
+#include "capture/linux/VideoFrameQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+void publishAt(VideoFrameQueue& queue, int64_t timeNs) {
+    VideoFrame& frame = queue.acquire();
+    frame.captureTimeNs = timeNs;
+    queue.publish(frame);
+}
+
+} // namespace
+
+TEST(VideoFrameQueue, FramesArePreallocatedAtTheOutputSize) {
+    VideoFrameQueue queue(6, 320, 240);
+    VideoFrame& frame = queue.acquire();
+    EXPECT_EQ(frame.width, 320);
+    EXPECT_EQ(frame.height, 240);
+    EXPECT_EQ(frame.bytesPerRow, 320 * 4);
+    EXPECT_EQ(frame.pixels.size(), 320u * 240u * 4u);
+}
+
+TEST(VideoFrameQueue, FramesComeOutInCaptureOrder) {
+    VideoFrameQueue queue(6, 2, 2);
+    for (int64_t time = 1; time <= 3; ++time) {
+        publishAt(queue, time);
+    }
+    for (int64_t time = 1; time <= 3; ++time) {
+        VideoFrame* frame = queue.next();
+        ASSERT_NE(frame, nullptr);
+        EXPECT_EQ(frame->captureTimeNs, time);
+        queue.recycle(*frame);
+    }
+    EXPECT_EQ(queue.droppedFrames(), 0);
+}
+
+TEST(VideoFrameQueue, WhenFullTheNewestFrameReplacesTheWaitingOneAndTheDropIsCounted) {
+    VideoFrameQueue queue(6, 2, 2);
+    for (int64_t time = 1; time <= 8; ++time) {
+        publishAt(queue, time);
+    }
+    std::vector<int64_t> times;
+    queue.close(100);
+    while (VideoFrame* frame = queue.next()) {
+        times.push_back(frame->captureTimeNs);
+        queue.recycle(*frame);
+    }
+    EXPECT_EQ(times, (std::vector<int64_t>{1, 2, 3, 4, 5, 8}));
+    EXPECT_EQ(queue.droppedFrames(), 2);
+}
+
+TEST(VideoFrameQueue, ClosingEndsTheConsumerAfterTheWaitingFrames) {
+    VideoFrameQueue queue(6, 2, 2);
+    publishAt(queue, 1);
+    std::thread consumer([&] {
+        int frames = 0;
+        while (VideoFrame* frame = queue.next()) {
+            ++frames;
+            queue.recycle(*frame);
+        }
+        EXPECT_EQ(frames, 1);
+    });
+    queue.close(42);
+    consumer.join();
+    EXPECT_EQ(queue.endTimeNs(), 42);
+}

@@ -1,0 +1,198 @@
+#include "capture/linux/X11ContentProvider.h"
+#include "capture/linux/X11ScreenshotService.h"
+#include "support/VirtualDisplay.h"
+
+#include <xcb/xcb.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+const QImage kOwnWindowPicture = [] {
+    QImage picture(QSize(400, 300), QImage::Format_RGB32);
+    picture.fill(qRgb(255, 0, 255));
+    return picture;
+}();
+
+uint32_t internAtom(const QByteArray& display, const char* name) {
+    xcb_connection_t* connection = xcb_connect(display.constData(), nullptr);
+    auto* reply = xcb_intern_atom_reply(
+        connection, xcb_intern_atom(connection, 1, static_cast<uint16_t>(std::strlen(name)), name),
+        nullptr);
+    const uint32_t atom = reply ? reply->atom : 0;
+    std::free(reply);
+    xcb_disconnect(connection);
+    return atom;
+}
+
+// Pixels of `image` whose B, G, R differ from `expected` at the same place of `area`.
+long long mismatches(const Image& image, const QImage& expected, const QRect& area) {
+    long long count = 0;
+    for (int y = 0; y < area.height(); ++y) {
+        const auto* want = reinterpret_cast<const QRgb*>(expected.constScanLine(area.y() + y));
+        const unsigned char* got = image.row(y);
+        for (int x = 0; x < area.width(); ++x) {
+            const QRgb pixel = want[area.x() + x];
+            if (got[4 * x] != qBlue(pixel) || got[4 * x + 1] != qGreen(pixel) ||
+                got[4 * x + 2] != qRed(pixel)) {
+                ++count;
+            }
+        }
+    }
+    return count;
+}
+
+DisplayInfo displayNamed(X11ContentProvider& provider, uint32_t displayID) {
+    for (const DisplayInfo& display : provider.shareableContent(false, true).displays) {
+        if (display.displayID == displayID) {
+            return display;
+        }
+    }
+    ADD_FAILURE() << "no display " << displayID;
+    return {};
+}
+
+ScreenshotConfiguration fullSize(const DisplayInfo& display) {
+    return {static_cast<long long>(display.frame.width),
+            static_cast<long long>(display.frame.height), false};
+}
+
+bool listsProcess(const ShareableContent& content, int64_t processID) {
+    return std::any_of(
+        content.applications.begin(), content.applications.end(),
+        [&](const RunningApplication& application) { return application.processID == processID; });
+}
+
+} // namespace
+
+TEST(X11Snapshot, TestPatternIsCapturedPixelExactWithoutThePointer) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 1);
+    const auto window = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    display.movePointer(700, 500);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+    const Image image = screenshots.captureImage({screen, {}}, fullSize(screen));
+
+    ASSERT_EQ(image.width, 1920);
+    ASSERT_EQ(image.height, 1080);
+    EXPECT_EQ(mismatches(image, pattern, QRect(0, 0, 1920, 1080)), 0);
+}
+
+TEST(X11Snapshot, EachMonitorIsCapturedAtItsOwnPixelSizeAndContent) {
+    // A high-density monitor of 1440 × 900 points at scale 2, and a small one beside it.
+    VirtualDisplay display(3520, 1800);
+    display.setMonitor(QStringLiteral("Dense"), QRect(0, 0, 2880, 1800), QStringLiteral("screen"));
+    display.setMonitor(QStringLiteral("Small"), QRect(2880, 100, 640, 480));
+    const QImage pattern = VirtualDisplay::testPattern(QSize(3520, 1800), 2);
+    const auto window = display.showWindow(QRect(0, 0, 3520, 1800), pattern);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+
+    const DisplayInfo dense = displayNamed(provider, internAtom(display.name(), "Dense"));
+    const DisplayInfo small = displayNamed(provider, internAtom(display.name(), "Small"));
+    const Image denseImage = screenshots.captureImage({dense, {}}, {1440 * 2, 900 * 2, false});
+    const Image smallImage = screenshots.captureImage({small, {}}, fullSize(small));
+
+    ASSERT_EQ(denseImage.width, 2880);
+    ASSERT_EQ(denseImage.height, 1800);
+    EXPECT_EQ(mismatches(denseImage, pattern, QRect(0, 0, 2880, 1800)), 0);
+    ASSERT_EQ(smallImage.width, 640);
+    ASSERT_EQ(smallImage.height, 480);
+    EXPECT_EQ(mismatches(smallImage, pattern, QRect(2880, 100, 640, 480)), 0);
+}
+
+TEST(X11Content, DisplaysAreNumberedByTheirMonitorNameAtoms) {
+    VirtualDisplay display(1920, 1080);
+    display.setMonitor(QStringLiteral("Left"), QRect(0, 0, 1280, 1080), QStringLiteral("screen"));
+    display.setMonitor(QStringLiteral("*Right"), QRect(1280, 0, 640, 480));
+    X11ContentProvider provider(display.name());
+
+    const ShareableContent content = provider.shareableContent(false, true);
+
+    ASSERT_EQ(content.displays.size(), 2u);
+    const uint32_t left = internAtom(display.name(), "Left");
+    const uint32_t right = internAtom(display.name(), "Right");
+    EXPECT_EQ(displayNamed(provider, left).frame, (Rect{0, 0, 1280, 1080}));
+    EXPECT_EQ(displayNamed(provider, right).frame, (Rect{1280, 0, 640, 480}));
+    EXPECT_EQ(provider.mainDisplayID(), right);
+}
+
+TEST(X11Content, ThisProcessIsListedOnceItHasAWindow) {
+    VirtualDisplay display(1920, 1080);
+    X11ContentProvider provider(display.name());
+    EXPECT_FALSE(listsProcess(provider.shareableContent(false, true), getpid()));
+
+    const auto window = display.showWindow(QRect(10, 10, 400, 300), kOwnWindowPicture, getpid());
+    const ShareableContent content = provider.shareableContent(false, true);
+
+    EXPECT_TRUE(listsProcess(content, getpid()));
+}
+
+TEST(X11Content, UnreachableDisplayIsAPlatformError) {
+    X11ContentProvider provider(":4093");
+    EXPECT_THROW(provider.shareableContent(false, true), PlatformError);
+}
+
+TEST(X11Snapshot, OwnWindowOverTheDisplayIsLeftOut) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 3);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    const auto panel = display.showWindow(QRect(300, 200, 400, 300), kOwnWindowPicture, getpid());
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+
+    const Image withPanel = screenshots.captureImage({screen, {}}, fullSize(screen));
+    const Image withoutPanel =
+        screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(withPanel, pattern, QRect(0, 0, 1920, 1080)), 400 * 300);
+    EXPECT_EQ(mismatches(withoutPanel, pattern, QRect(0, 0, 1920, 1080)), 0);
+}
+
+TEST(X11Snapshot, FrameAroundOwnClientWindowIsLeftOutWithIt) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 5);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    // As a window manager reparents a client: the frame has no owner, its child is ours.
+    QImage title(QSize(400, 330), QImage::Format_RGB32);
+    title.fill(qRgb(90, 90, 90));
+    const auto frame = display.showWindow(QRect(300, 200, 400, 330), title);
+    const auto client =
+        display.showWindow(QRect(0, 30, 400, 300), kOwnWindowPicture, getpid(), frame->id());
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+
+    const Image image = screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(image, pattern, QRect(0, 0, 1920, 1080)), 0);
+}
+
+TEST(X11Snapshot, RequestedSizeOtherThanTheMonitorsIsScaled) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 4);
+    const auto window = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+
+    const Image image = screenshots.captureImage({screen, {}}, {960, 540, false});
+
+    EXPECT_EQ(image.width, 960);
+    EXPECT_EQ(image.height, 540);
+    // Halving flat 16-pixel cells keeps each cell's colour in its inner pixels.
+    const QRgb cell = pattern.pixel(40, 40);
+    const unsigned char* pixel = image.row(20) + 4 * 20;
+    EXPECT_EQ(pixel[0], qBlue(cell));
+    EXPECT_EQ(pixel[1], qGreen(cell));
+    EXPECT_EQ(pixel[2], qRed(cell));
+}

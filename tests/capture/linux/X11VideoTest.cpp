@@ -1,0 +1,405 @@
+#include "capture/linux/X11ContentProvider.h"
+#include "capture/linux/X11ScreenshotService.h"
+#include "capture/linux/X11VideoCaptureService.h"
+#include "support/VirtualDisplay.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The recorder's reports, waited for with a deadline against hangs only.
+class RecorderEvents final : public RecordingOutputDelegate, public StreamDelegate {
+public:
+    void recordingOutputDidStartRecording() override {}
+    void recordingOutputDidFinishRecording() override { settle({}); }
+    void recordingOutputDidFail(std::exception_ptr error) override { settle(error); }
+    void streamDidStop(std::exception_ptr error) override { streamError = error; }
+
+    // True once finished; false when failed or nothing came.
+    bool finished() {
+        std::unique_lock guard(mutex_);
+        done_.wait_for(guard, std::chrono::seconds(60), [this] { return settled_; });
+        return settled_ && !error_;
+    }
+
+    std::exception_ptr streamError;
+
+private:
+    void settle(std::exception_ptr error) {
+        {
+            std::lock_guard guard(mutex_);
+            settled_ = true;
+            error_ = error;
+        }
+        done_.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable done_;
+    bool settled_ = false;
+    std::exception_ptr error_;
+};
+
+struct Probe {
+    QString codec;
+    QString format;
+    int width = 0;
+    int height = 0;
+    double averageFrameRate = 0;
+    long long frames = 0;
+    double duration = 0;
+    double lastFrameEnd = 0; // time stamp of the last decoded frame plus one frame
+};
+
+double rate(const QString& fraction) {
+    const auto parts = fraction.split(QLatin1Char('/'));
+    return parts.size() == 2 && parts[1].toDouble() != 0 ? parts[0].toDouble() / parts[1].toDouble()
+                                                         : 0;
+}
+
+QByteArray runTool(const QString& program, const QStringList& arguments) {
+    QProcess process;
+    process.start(program, arguments);
+    process.waitForFinished(120000);
+    EXPECT_EQ(process.exitCode(), 0)
+        << program.toStdString() << ": " << process.readAllStandardError().toStdString();
+    return process.readAllStandardOutput();
+}
+
+Probe probe(const QString& path) {
+    const auto json = QJsonDocument::fromJson(runTool(
+        QStringLiteral("ffprobe"),
+        {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-count_frames"),
+         QStringLiteral("-show_entries"),
+         QStringLiteral("stream=codec_name,width,height,avg_frame_rate,nb_read_frames:format="
+                        "format_name,duration:frame=best_effort_timestamp_time"),
+         QStringLiteral("-of"), QStringLiteral("json"), path}));
+    Probe result;
+    const auto stream = json[QStringLiteral("streams")][0].toObject();
+    result.codec = stream[QStringLiteral("codec_name")].toString();
+    result.width = stream[QStringLiteral("width")].toInt();
+    result.height = stream[QStringLiteral("height")].toInt();
+    result.averageFrameRate = rate(stream[QStringLiteral("avg_frame_rate")].toString());
+    result.frames = stream[QStringLiteral("nb_read_frames")].toString().toLongLong();
+    result.format = json[QStringLiteral("format")][QStringLiteral("format_name")].toString();
+    result.duration =
+        json[QStringLiteral("format")][QStringLiteral("duration")].toString().toDouble();
+    for (const auto frame : json[QStringLiteral("frames")].toArray()) {
+        result.lastFrameEnd = std::max(
+            result.lastFrameEnd,
+            frame[QStringLiteral("best_effort_timestamp_time")].toString().toDouble() + 1.0 / 30);
+    }
+    return result;
+}
+
+// Every frame of the movie as B, G, R, A pixels.
+std::vector<QByteArray> decode(const QString& path, int width, int height) {
+    const QByteArray all =
+        runTool(QStringLiteral("ffmpeg"),
+                {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path,
+                 QStringLiteral("-fps_mode"), QStringLiteral("passthrough"), QStringLiteral("-f"),
+                 QStringLiteral("rawvideo"), QStringLiteral("-pix_fmt"), QStringLiteral("bgra"),
+                 QStringLiteral("-")});
+    const qsizetype size = static_cast<qsizetype>(width) * height * 4;
+    std::vector<QByteArray> frames;
+    for (qsizetype offset = 0; offset + size <= all.size(); offset += size) {
+        frames.push_back(all.mid(offset, size));
+    }
+    return frames;
+}
+
+// Mean absolute difference per channel between `frame` and `expected`'s `area`, over the
+// pixels `counts` accepts (frame-local coordinates) that lie inside a cell of the test
+// pattern: the encoder may blur the cells' sharp edges.
+template <typename Filter>
+double meanDifference(const QByteArray& frame, const QImage& expected, const QRect& area,
+                      Filter counts) {
+    double sum = 0;
+    long long pixels = 0;
+    const auto* data = reinterpret_cast<const unsigned char*>(frame.constData());
+    for (int y = 0; y < area.height(); ++y) {
+        for (int x = 0; x < area.width(); ++x) {
+            const int cellX = (area.x() + x) % 16;
+            const int cellY = (area.y() + y) % 16;
+            if (cellX < 3 || cellX > 12 || cellY < 3 || cellY > 12 || !counts(x, y)) {
+                continue;
+            }
+            const QRgb want = expected.pixel(area.x() + x, area.y() + y);
+            const unsigned char* got = data + (static_cast<qsizetype>(y) * area.width() + x) * 4;
+            sum += std::abs(got[0] - qBlue(want)) + std::abs(got[1] - qGreen(want)) +
+                   std::abs(got[2] - qRed(want));
+            ++pixels;
+        }
+    }
+    return pixels ? sum / (3.0 * static_cast<double>(pixels)) : 0;
+}
+
+// Pixels far darker or brighter than any colour of the test pattern (the pointer's).
+int extremePixels(const QByteArray& frame, int frameWidth, const QRect& box) {
+    int count = 0;
+    const auto* data = reinterpret_cast<const unsigned char*>(frame.constData());
+    for (int y = box.top(); y <= box.bottom(); ++y) {
+        for (int x = box.left(); x <= box.right(); ++x) {
+            const unsigned char* p = data + (static_cast<qsizetype>(y) * frameWidth + x) * 4;
+            const int brightness = (p[0] + p[1] + p[2]) / 3;
+            if (brightness < 30 || brightness > 225) {
+                ++count;
+            }
+        }
+    }
+    return count;
+}
+
+DisplayInfo mainDisplay(const QByteArray& name) {
+    X11ContentProvider provider(name);
+    for (const DisplayInfo& display : provider.shareableContent(false, true).displays) {
+        if (display.displayID == provider.mainDisplayID()) {
+            return display;
+        }
+    }
+    return {};
+}
+
+VideoStreamConfiguration configurationFor(const Rect& sourcePoints, double scale) {
+    VideoStreamConfiguration configuration;
+    configuration.sourceRect = sourcePoints;
+    // The engine's even output size: truncate, round down to even, at least 2.
+    configuration.width = std::max(2LL, static_cast<long long>(sourcePoints.width * scale) / 2 * 2);
+    configuration.height =
+        std::max(2LL, static_cast<long long>(sourcePoints.height * scale) / 2 * 2);
+    configuration.pixelsPerPoint = scale;
+    configuration.minimumFrameInterval = {1, 30};
+    configuration.queueDepth = 6;
+    configuration.showsCursor = true;
+    return configuration;
+}
+
+// Moves a window back and forth along a line until destroyed.
+class Mover {
+public:
+    Mover(VirtualDisplay::Window& window, QPoint from, int travel)
+        : thread_([this, &window, from, travel] {
+              for (int step = 0; !stop_; ++step) {
+                  const int offset = step % (2 * travel);
+                  window.move(from.x() + (offset < travel ? offset : 2 * travel - offset),
+                              from.y());
+                  std::this_thread::sleep_for(std::chrono::milliseconds(4));
+              }
+          }) {}
+    ~Mover() {
+        stop_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+QImage solid(const QSize& size, QRgb colour) {
+    QImage picture(size, QImage::Format_RGB32);
+    picture.fill(colour);
+    return picture;
+}
+
+struct Recording {
+    QString path;
+    double wallClockSeconds = 0;
+    bool finished = false;
+};
+
+Recording record(const QByteArray& display, const ContentFilter& filter,
+                 const VideoStreamConfiguration& configuration, const QString& path,
+                 std::chrono::milliseconds length) {
+    X11VideoCaptureService video(display);
+    RecorderEvents events;
+    auto stream = video.makeStream(filter, configuration, &events);
+    stream->addRecordingOutput(video.makeRecordingOutput(
+        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &events));
+    stream->startCapture();
+    const auto started = Clock::now();
+    std::this_thread::sleep_for(length);
+    const auto stopping = Clock::now();
+    stream->stopCapture();
+    return {path, std::chrono::duration<double>(stopping - started).count(), events.finished()};
+}
+
+} // namespace
+
+TEST(X11Video, MovieOfAMovingPatternIsH264InMpeg4AtTheWallClocksPace) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 5);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    // A block sliding through the lower band of the area; the upper band stays still.
+    auto block =
+        display.showWindow(QRect(120, 260, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    // The pointer's hot spot lands at (80, 60) of the area.
+    display.movePointer(200, 140);
+    QTemporaryDir directory;
+    Mover mover(*block, QPoint(120, 260), 200);
+    // 160 × 120 points at (60, 40) on a display of scale 2: pixels (120, 80, 320, 240).
+    const auto configuration = configurationFor(Rect{60, 40, 160, 120}, 2.0);
+
+    const Recording movie =
+        record(display.name(), {mainDisplay(display.name()), {}}, configuration,
+               directory.filePath("movie.mp4"), std::chrono::milliseconds(3000));
+
+    ASSERT_TRUE(movie.finished);
+    const Probe probed = probe(movie.path);
+    EXPECT_EQ(probed.codec, "h264");
+    EXPECT_TRUE(probed.format.contains("mp4")) << probed.format.toStdString();
+    EXPECT_EQ(probed.width, 320);
+    EXPECT_EQ(probed.height, 240);
+    EXPECT_LE(probed.averageFrameRate, 30.0);
+    EXPECT_NEAR(static_cast<double>(probed.frames), 30 * probed.duration,
+                0.03 * 30 * probed.duration);
+    EXPECT_NEAR(probed.duration, movie.wallClockSeconds, 0.150);
+
+    const auto frames = decode(movie.path, 320, 240);
+    ASSERT_EQ(static_cast<long long>(frames.size()), probed.frames);
+    const QRect area(120, 80, 320, 240);
+    const QRect pointerBox(60, 40, 40, 40);
+    for (const QByteArray& frame : frames) {
+        // The still band matches the screen; the block moves below it.
+        EXPECT_LT(
+            meanDifference(frame, pattern, area,
+                           [&](int x, int y) { return y < 170 && !pointerBox.contains(x, y); }),
+            3.0);
+        EXPECT_GT(extremePixels(frame, 320, pointerBox), 20);
+        EXPECT_EQ(extremePixels(frame, 320, QRect(0, 0, 320, 36)), 0);
+    }
+}
+
+TEST(X11Video, OwnWindowOverTheAreaIsAbsentFromTheMovie) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 6);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    const auto panel = display.showWindow(QRect(200, 150, 300, 200),
+                                          solid(QSize(300, 200), qRgb(255, 0, 255)), getpid());
+    display.movePointer(1500, 900);
+    QTemporaryDir directory;
+    const auto configuration = configurationFor(Rect{100, 100, 320, 240}, 1.0);
+
+    const Recording movie =
+        record(display.name(), {mainDisplay(display.name()), {{getpid(), {}}}}, configuration,
+               directory.filePath("movie.mp4"), std::chrono::milliseconds(1000));
+
+    ASSERT_TRUE(movie.finished);
+    const auto frames = decode(movie.path, 320, 240);
+    ASSERT_FALSE(frames.empty());
+    for (const QByteArray& frame : frames) {
+        EXPECT_LT(meanDifference(frame, pattern, QRect(100, 100, 320, 240),
+                                 [](int, int) { return true; }),
+                  3.0);
+    }
+}
+
+TEST(X11Video, UnchangedScreenIsRecordedAtTheWallClocksPaceWithFewFrames) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 7);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    QTemporaryDir directory;
+    const auto configuration = configurationFor(Rect{0, 0, 640, 480}, 1.0);
+
+    const Recording movie =
+        record(display.name(), {mainDisplay(display.name()), {}}, configuration,
+               directory.filePath("movie.mp4"), std::chrono::milliseconds(3000));
+
+    ASSERT_TRUE(movie.finished);
+    const Probe probed = probe(movie.path);
+    EXPECT_NEAR(probed.duration, movie.wallClockSeconds, 0.150);
+    // One keyframe a second keeps the file safe; the identical frames between are skipped.
+    EXPECT_LE(probed.frames, 5);
+}
+
+TEST(X11Video, KilledRecordingLeavesAPlayableMovie) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 8);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    auto block =
+        display.showWindow(QRect(100, 200, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    Mover mover(*block, QPoint(100, 200), 200);
+    QTemporaryDir directory;
+    const QString path = directory.filePath("killed.mp4");
+    QProcess recorder;
+    recorder.start(QStringLiteral(RECORDING_HELPER),
+                   {QString::fromUtf8(display.name()), path, QStringLiteral("50"),
+                    QStringLiteral("50"), QStringLiteral("400"), QStringLiteral("300")});
+    ASSERT_TRUE(recorder.waitForReadyRead(30000));
+    ASSERT_EQ(recorder.readLine().trimmed(), "recording");
+
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    recorder.kill(); // SIGKILL
+    recorder.waitForFinished(30000);
+
+    const Probe probed = probe(path);
+    EXPECT_EQ(probed.codec, "h264");
+    EXPECT_TRUE(probed.format.contains("mp4"));
+    EXPECT_GE(probed.lastFrameEnd, 4.0);
+}
+
+TEST(X11Video, RecorderWithoutACodecChoiceUsesH264WhenAvailable) {
+    VirtualDisplay display(640, 480);
+    X11VideoCaptureService video(display.name());
+    ASSERT_EQ(video.availableVideoCodecTypes().front(), VideoCodec::h264);
+    QTemporaryDir directory;
+    const QString path = directory.filePath("default.mp4");
+    RecorderEvents events;
+    auto stream = video.makeStream({mainDisplay(display.name()), {}},
+                                   configurationFor(Rect{0, 0, 64, 64}, 1.0), &events);
+    stream->addRecordingOutput(video.makeRecordingOutput(
+        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, std::nullopt}, &events));
+
+    stream->startCapture();
+    stream->stopCapture();
+
+    ASSERT_TRUE(events.finished());
+    EXPECT_EQ(probe(path).codec, "h264");
+}
+
+TEST(X11Video, UnwritableDestinationStopsTheStartWithAPlatformError) {
+    VirtualDisplay display(640, 480);
+    X11VideoCaptureService video(display.name());
+    RecorderEvents events;
+    auto stream = video.makeStream({mainDisplay(display.name()), {}},
+                                   configurationFor(Rect{0, 0, 64, 64}, 1.0), &events);
+    stream->addRecordingOutput(video.makeRecordingOutput(
+        {QUrl::fromLocalFile(QStringLiteral("/nonexistent-folder/movie.mp4")), VideoFileType::mpeg4,
+         VideoCodec::h264},
+        &events));
+
+    EXPECT_THROW(stream->startCapture(), PlatformError);
+}
+
+TEST(X11Video, SecondRecorderIsRefused) {
+    VirtualDisplay display(640, 480);
+    X11VideoCaptureService video(display.name());
+    RecorderEvents events;
+    auto stream = video.makeStream({mainDisplay(display.name()), {}},
+                                   configurationFor(Rect{0, 0, 64, 64}, 1.0), &events);
+    const RecordingOutputConfiguration output{QUrl::fromLocalFile(QStringLiteral("unused.mp4")),
+                                              VideoFileType::mpeg4, VideoCodec::h264};
+    stream->addRecordingOutput(video.makeRecordingOutput(output, &events));
+
+    EXPECT_THROW(stream->addRecordingOutput(video.makeRecordingOutput(output, &events)),
+                 PlatformError);
+}
