@@ -164,4 +164,8 @@ void X11AreaGrabber::compose(const std::vector<X11TopLevel>& windows) {
             static_cast<uint16_t>(rect.width), static_cast<uint16_t>(rect.height));
     }
     image_.grab(composer_->canvas.id, 0, 0);
+    // A window that went away between the listing and its pixmap leaves an error behind,
+    // and the picture simply lacks it; nobody else reads this connection's events.
+    while (XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(c)}) {
+    }
 }
