@@ -63,7 +63,7 @@ const AVCodec* mpeg4Encoder() {
     return avcodec_find_encoder(AV_CODEC_ID_MPEG4);
 }
 
-// H.264 when libx264 is there, else the built-in MPEG-4 Part 2 encoder.
+// H.264 when libx264 is there, else libavcodec's own MPEG-4 Visual encoder.
 const AVCodec* encoderFor(std::optional<VideoCodec> preferred) {
     if (preferred == VideoCodec::mpeg4Part2) {
         return mpeg4Encoder();
