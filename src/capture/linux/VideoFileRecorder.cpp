@@ -63,7 +63,7 @@ const AVCodec* mpeg4Encoder() {
     return avcodec_find_encoder(AV_CODEC_ID_MPEG4);
 }
 
-// H.264 when libx264 is there, else the built-in MPEG-4 Part 2 encoder.
+// H.264 when libx264 is there, else libavcodec's own MPEG-4 Visual encoder.
 const AVCodec* encoderFor(std::optional<VideoCodec> preferred) {
     if (preferred == VideoCodec::mpeg4Part2) {
         return mpeg4Encoder();
@@ -74,19 +74,24 @@ const AVCodec* encoderFor(std::optional<VideoCodec> preferred) {
     return mpeg4Encoder();
 }
 
-bool samePicture(const AVFrame& a, const AVFrame& b) {
-    for (int plane = 0; plane < 3; ++plane) {
-        const int rows = plane == 0 ? a.height : (a.height + 1) / 2;
-        const int bytes = plane == 0 ? a.width : (a.width + 1) / 2;
-        for (int y = 0; y < rows; ++y) {
-            if (std::memcmp(a.data[plane] + static_cast<ptrdiff_t>(y) * a.linesize[plane],
-                            b.data[plane] + static_cast<ptrdiff_t>(y) * b.linesize[plane],
-                            static_cast<size_t>(bytes)) != 0) {
-                return false;
-            }
+bool samePlane(const uint8_t* packed, int width, int rows, const uint8_t* data, int stride) {
+    for (int y = 0; y < rows; ++y) {
+        if (std::memcmp(packed + static_cast<ptrdiff_t>(y) * width,
+                        data + static_cast<ptrdiff_t>(y) * stride,
+                        static_cast<size_t>(width)) != 0) {
+            return false;
         }
     }
     return true;
+}
+
+bool samePicture(const VideoFrame& frame, const AVFrame& picture) {
+    return samePlane(frame.y.data(), frame.width, frame.height, picture.data[0],
+                     picture.linesize[0]) &&
+           samePlane(frame.u.data(), frame.chromaWidth(), frame.chromaHeight(), picture.data[1],
+                     picture.linesize[1]) &&
+           samePlane(frame.v.data(), frame.chromaWidth(), frame.chromaHeight(), picture.data[2],
+                     picture.linesize[2]);
 }
 
 } // namespace
@@ -120,7 +125,9 @@ public:
         context_->pix_fmt = AV_PIX_FMT_YUV420P;
         context_->time_base = kTimeBase;
         context_->framerate = AVRational{static_cast<int>(kTimeBase.den / frameInterval_), 1};
-        context_->gop_size = std::max(context_->framerate.num, 1);
+        // Keyframes come from encode(), once a second of capture time; the encoder adds
+        // none of its own on a frame count, which would double them.
+        context_->gop_size = 10 * std::max(context_->framerate.num, 1);
         if (format->oformat->flags & AVFMT_GLOBALHEADER) {
             context_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
         }
@@ -152,17 +159,14 @@ public:
         const int written = avformat_write_header(format, &passed);
         options.reset(passed);
         check(written, QStringLiteral("Tessarel could not write the movie file"));
-        for (auto& picture : pictures_) {
-            picture.reset(av_frame_alloc());
-            if (!picture) {
-                throw PlatformError(QStringLiteral("Tessarel is out of memory."));
-            }
-            picture->format = AV_PIX_FMT_YUV420P;
-            picture->width = width;
-            picture->height = height;
-            check(av_frame_get_buffer(picture.get(), 0),
-                  QStringLiteral("Tessarel is out of memory"));
+        picture_.reset(av_frame_alloc());
+        if (!picture_) {
+            throw PlatformError(QStringLiteral("Tessarel is out of memory."));
         }
+        picture_->format = AV_PIX_FMT_YUV420P;
+        picture_->width = width;
+        picture_->height = height;
+        check(av_frame_get_buffer(picture_.get(), 0), QStringLiteral("Tessarel is out of memory"));
         packet_.reset(av_packet_alloc());
     }
 
@@ -171,15 +175,16 @@ public:
         if (lastPts_ && pts <= *lastPts_) {
             return;
         }
-        AVFrame* picture = pictures_[current_].get();
-        check(av_frame_make_writable(picture), QStringLiteral("Tessarel is out of memory"));
-        libyuv::ARGBToI420(frame.pixels.data(), frame.bytesPerRow, picture->data[0],
-                           picture->linesize[0], picture->data[1], picture->linesize[1],
-                           picture->data[2], picture->linesize[2], frame.width, frame.height);
         const bool keyframeDue = !lastKeyframePts_ || pts - *lastKeyframePts_ >= kTimeBase.den;
-        if (!keyframeDue && lastPts_ && samePicture(*picture, *pictures_[1 - current_])) {
+        if (!keyframeDue && lastPts_ && samePicture(frame, *picture_)) {
             return;
         }
+        AVFrame* picture = picture_.get();
+        check(av_frame_make_writable(picture), QStringLiteral("Tessarel is out of memory"));
+        libyuv::I420Copy(frame.y.data(), frame.width, frame.u.data(), frame.chromaWidth(),
+                         frame.v.data(), frame.chromaWidth(), picture->data[0],
+                         picture->linesize[0], picture->data[1], picture->linesize[1],
+                         picture->data[2], picture->linesize[2], frame.width, frame.height);
         if (lastPts_) {
             durations_[*lastPts_] = pts - *lastPts_;
         }
@@ -195,7 +200,6 @@ public:
         }
         check(avcodec_send_frame(context_.get(), picture),
               QStringLiteral("Tessarel could not encode the movie"));
-        current_ = 1 - current_;
         drain();
     }
 
@@ -247,9 +251,8 @@ private:
     std::unique_ptr<AVFormatContext, FormatContextFree> format_;
     AVStream* stream_ = nullptr; // owned by format_
     std::unique_ptr<AVCodecContext, CodecContextFree> context_;
-    // The picture being converted and the last one encoded, to spot an unchanged screen.
-    FramePtr pictures_[2];
-    int current_ = 0;
+    // The last picture encoded, kept to spot an unchanged screen.
+    FramePtr picture_;
     PacketPtr packet_;
     std::deque<PacketPtr> pending_;
     std::map<int64_t, int64_t> durations_; // pts → how long that frame shows

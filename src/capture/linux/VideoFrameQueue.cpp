@@ -9,8 +9,11 @@ VideoFrameQueue::VideoFrameQueue(int depth, int width, int height)
         auto frame = std::make_unique<VideoFrame>();
         frame->width = width;
         frame->height = height;
-        frame->bytesPerRow = width * 4;
-        frame->pixels.resize(static_cast<size_t>(frame->bytesPerRow) * static_cast<size_t>(height));
+        frame->y.resize(static_cast<size_t>(width) * static_cast<size_t>(height));
+        const size_t chroma =
+            static_cast<size_t>(frame->chromaWidth()) * static_cast<size_t>(frame->chromaHeight());
+        frame->u.resize(chroma);
+        frame->v.resize(chroma);
         free_.push_back(frame.get());
         storage_.push_back(std::move(frame));
     }

@@ -8,13 +8,18 @@
 #include <optional>
 #include <vector>
 
-// One captured picture: B, G, R, X pixels and the monotonic time it was taken at.
+// One captured picture in I420 (a full-size luma plane, then two chroma planes of half
+// the width and height, rows packed) and the monotonic time it was taken at.
 struct VideoFrame {
     int width = 0;
     int height = 0;
-    int bytesPerRow = 0;
-    std::vector<uint8_t> pixels;
+    std::vector<uint8_t> y;
+    std::vector<uint8_t> u;
+    std::vector<uint8_t> v;
     int64_t captureTimeNs = 0;
+
+    int chromaWidth() const { return (width + 1) / 2; }
+    int chromaHeight() const { return (height + 1) / 2; }
 };
 
 // A bounded queue of preallocated frames between one producer (the capture thread) and one

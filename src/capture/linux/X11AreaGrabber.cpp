@@ -40,10 +40,6 @@ struct ServerPicture {
     }
 };
 
-PixelRect rectOf(const X11TopLevel& window) {
-    return window.outerGeometry;
-}
-
 } // namespace
 
 // The Composite and Render state of a grabber that has had to leave a window out.
@@ -71,7 +67,7 @@ bool X11AreaGrabber::excludedWindowOverlaps(const std::vector<X11TopLevel>& wind
         return window.processID &&
                std::find(excluded_.begin(), excluded_.end(), *window.processID) !=
                    excluded_.end() &&
-               !rectOf(window).intersected(area_).isEmpty();
+               !window.outerGeometry.intersected(area_).isEmpty();
     });
 }
 
@@ -145,7 +141,7 @@ void X11AreaGrabber::compose(const std::vector<X11TopLevel>& windows) {
     for (const X11TopLevel& window : windows) {
         const bool isExcluded = window.processID && std::find(excluded_.begin(), excluded_.end(),
                                                               *window.processID) != excluded_.end();
-        const PixelRect rect = rectOf(window);
+        const PixelRect rect = window.outerGeometry;
         if (isExcluded || rect.intersected(area_).isEmpty()) {
             continue;
         }
@@ -164,4 +160,8 @@ void X11AreaGrabber::compose(const std::vector<X11TopLevel>& windows) {
             static_cast<uint16_t>(rect.width), static_cast<uint16_t>(rect.height));
     }
     image_.grab(composer_->canvas.id, 0, 0);
+    // A window that went away between the listing and its pixmap leaves an error behind,
+    // and the picture simply lacks it; nobody else reads this connection's events.
+    while (XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(c)}) {
+    }
 }

@@ -178,8 +178,3 @@ std::optional<std::vector<xcb_window_t>> X11Connection::managedClients() {
     return std::vector<xcb_window_t>(windows,
                                      windows + xcb_get_property_value_length(reply.get()) / 4);
 }
-
-void X11Connection::sync() {
-    XcbReply<xcb_get_input_focus_reply_t> reply(
-        xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
-}

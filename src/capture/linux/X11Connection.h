@@ -75,9 +75,6 @@ public:
     // frame, on a window up to two levels below.
     std::vector<std::optional<int64_t>> owners(const std::vector<xcb_window_t>& windows);
 
-    // Blocks until the server has handled every request sent so far.
-    void sync();
-
 private:
     xcb_connection_t* connection_ = nullptr;
     const xcb_screen_t* screen_ = nullptr;

@@ -169,15 +169,21 @@ private:
                 drawPointer(*cursor, image);
             }
         }
-        VideoFrame& frame = queue_->acquire();
-        if (frame.width == image.width() && frame.height == image.height()) {
-            libyuv::ARGBCopy(image.pixels(), image.bytesPerRow(), frame.pixels.data(),
-                             frame.bytesPerRow, frame.width, frame.height);
-        } else {
+        const uint8_t* pixels = image.pixels();
+        int bytesPerRow = image.bytesPerRow();
+        const int width = static_cast<int>(configuration_.width);
+        const int height = static_cast<int>(configuration_.height);
+        if (width != image.width() || height != image.height()) {
+            scaled_.resize(static_cast<size_t>(width) * static_cast<size_t>(height) * 4);
             libyuv::ARGBScale(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
-                              frame.pixels.data(), frame.bytesPerRow, frame.width, frame.height,
-                              libyuv::kFilterBilinear);
+                              scaled_.data(), width * 4, width, height, libyuv::kFilterBilinear);
+            pixels = scaled_.data();
+            bytesPerRow = width * 4;
         }
+        VideoFrame& frame = queue_->acquire();
+        libyuv::ARGBToI420(pixels, bytesPerRow, frame.y.data(), frame.width, frame.u.data(),
+                           frame.chromaWidth(), frame.v.data(), frame.chromaWidth(), frame.width,
+                           frame.height);
         frame.captureTimeNs = captureNs;
         queue_->publish(frame);
     }
@@ -215,6 +221,7 @@ private:
     std::unique_ptr<X11Connection> connection_;
     std::unique_ptr<X11AreaGrabber> grabber_;
     std::unique_ptr<VideoFrameQueue> queue_;
+    std::vector<uint8_t> scaled_; // the grab at the output size, when that differs
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;

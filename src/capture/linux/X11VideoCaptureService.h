@@ -8,8 +8,9 @@
 //
 // A stream grabs its area with shared memory on its own capture thread, at most 30 times a
 // second on a fixed time grid of the monotonic clock, draws the pointer in (XFixes), scales
-// to the output size and passes the frame to its recorder through a queue of `queueDepth`
-// preallocated frames. The recorder encodes on a thread of its own (VideoFileRecorder).
+// to the output size, converts to I420 (libyuv) and passes the frame to its recorder
+// through a queue of `queueDepth` preallocated frames. The recorder encodes on a thread of its own
+// (VideoFileRecorder).
 class X11VideoCaptureService final : public VideoCaptureService {
 public:
     // An empty name means $DISPLAY.

@@ -19,8 +19,9 @@ TEST(VideoFrameQueue, FramesArePreallocatedAtTheOutputSize) {
     VideoFrame& frame = queue.acquire();
     EXPECT_EQ(frame.width, 320);
     EXPECT_EQ(frame.height, 240);
-    EXPECT_EQ(frame.bytesPerRow, 320 * 4);
-    EXPECT_EQ(frame.pixels.size(), 320u * 240u * 4u);
+    EXPECT_EQ(frame.y.size(), 320u * 240u);
+    EXPECT_EQ(frame.u.size(), 160u * 120u);
+    EXPECT_EQ(frame.v.size(), 160u * 120u);
 }
 
 TEST(VideoFrameQueue, FramesComeOutInCaptureOrder) {

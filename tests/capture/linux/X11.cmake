@@ -28,3 +28,8 @@ tessarel_add_test(VideoFrameQueueTest
     SOURCES VideoFrameQueueTest.cpp
     LIBS tessarel_linux_x11
     LABELS core)
+
+tessarel_add_test(X11EngineTest
+    SOURCES X11EngineTest.cpp
+    LIBS tessarel_linux_x11 tessarel_virtual_display tessarel_fake_capture
+    LABELS integration)

@@ -1,3 +1,4 @@
+#include "capture/CaptureEngine.h"
 #include "capture/linux/X11ContentProvider.h"
 #include "capture/linux/X11ScreenshotService.h"
 #include "capture/linux/X11VideoCaptureService.h"
@@ -179,18 +180,10 @@ DisplayInfo mainDisplay(const QByteArray& name) {
     return {};
 }
 
+// The stream configuration the engine makes for `sourcePoints` on a display of `scale`.
 VideoStreamConfiguration configurationFor(const Rect& sourcePoints, double scale) {
-    VideoStreamConfiguration configuration;
-    configuration.sourceRect = sourcePoints;
-    // The engine's even output size: truncate, round down to even, at least 2.
-    configuration.width = std::max(2LL, static_cast<long long>(sourcePoints.width * scale) / 2 * 2);
-    configuration.height =
-        std::max(2LL, static_cast<long long>(sourcePoints.height * scale) / 2 * 2);
-    configuration.pixelsPerPoint = scale;
-    configuration.minimumFrameInterval = {1, 30};
-    configuration.queueDepth = 6;
-    configuration.showsCursor = true;
-    return configuration;
+    return CaptureEngine::videoStreamConfiguration(
+        sourcePoints, CaptureEngine::videoOutputSize(sourcePoints.size(), scale), scale);
 }
 
 // Moves a window back and forth along a line until destroyed.
