@@ -1,12 +1,21 @@
 #include "capture/CaptureVocabulary.h"
 
-std::optional<AudioExportFormat> AudioExportFormat::fromRawValue(const QString& rawValue) {
-    for (AudioExportFormat format : allCases()) {
+namespace {
+
+// Exact, case-sensitive match against the raw values.
+template <typename Format> std::optional<Format> formatWithRawValue(const QString& rawValue) {
+    for (Format format : Format::allCases()) {
         if (format.rawValue() == rawValue) {
             return format;
         }
     }
     return std::nullopt;
+}
+
+} // namespace
+
+std::optional<AudioExportFormat> AudioExportFormat::fromRawValue(const QString& rawValue) {
+    return formatWithRawValue<AudioExportFormat>(rawValue);
 }
 
 QString AudioExportFormat::rawValue() const {
@@ -26,12 +35,7 @@ QString AudioExportFormat::fileExtension() const {
 }
 
 std::optional<SnapshotExportFormat> SnapshotExportFormat::fromRawValue(const QString& rawValue) {
-    for (SnapshotExportFormat format : allCases()) {
-        if (format.rawValue() == rawValue) {
-            return format;
-        }
-    }
-    return std::nullopt;
+    return formatWithRawValue<SnapshotExportFormat>(rawValue);
 }
 
 QString SnapshotExportFormat::rawValue() const {
