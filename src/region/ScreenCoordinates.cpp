@@ -1,7 +1,7 @@
 #include "region/ScreenCoordinates.h"
 
-Rect ScreenCoordinates::globalFrame(const QRectF& geometry, double primaryScreenHeight) {
-    return {geometry.x(), primaryScreenHeight - (geometry.y() + geometry.height()),
+Rect ScreenCoordinates::globalFrame(const QRectF& geometry, const QRectF& primaryGeometry) {
+    return {geometry.x() - primaryGeometry.x(), primaryGeometry.bottom() - geometry.bottom(),
             geometry.width(), geometry.height()};
 }
 

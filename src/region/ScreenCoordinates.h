@@ -10,9 +10,9 @@
 // between the two spaces happens here.
 class ScreenCoordinates {
 public:
-    // A screen's frame in global points, from its device-independent Qt geometry and the
-    // height of the primary screen, whose bottom-left corner is the global origin.
-    static Rect globalFrame(const QRectF& geometry, double primaryScreenHeight);
+    // A screen's frame in global points, from its device-independent Qt geometry and that of
+    // the primary screen, whose bottom-left corner is the global origin.
+    static Rect globalFrame(const QRectF& geometry, const QRectF& primaryGeometry);
 
     // An overlay of `viewHeight` points: its widget points and its view points (bottom-left
     // origin) are mirrored vertically.

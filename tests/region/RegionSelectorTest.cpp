@@ -171,10 +171,9 @@ TEST_F(RegionSelectorTest, SelectorGoneLeavesOverlayCallbacksHarmless) {
 // Two monitors of different sizes: a 1920 × 1080 primary and a 1280 × 1024 screen to its
 // right, both top-aligned as Qt places them.
 TEST(ScreenCoordinatesTest, TwoMonitorsOfDifferentSizesMapIntoBottomLeftGlobalPoints) {
-    const double primaryHeight = 1080;
-    EXPECT_EQ(ScreenCoordinates::globalFrame(QRectF(0, 0, 1920, 1080), primaryHeight),
-              (Rect{0, 0, 1920, 1080}));
-    const Rect second = ScreenCoordinates::globalFrame(QRectF(1920, 0, 1280, 1024), primaryHeight);
+    const QRectF primary(0, 0, 1920, 1080);
+    EXPECT_EQ(ScreenCoordinates::globalFrame(primary, primary), (Rect{0, 0, 1920, 1080}));
+    const Rect second = ScreenCoordinates::globalFrame(QRectF(1920, 0, 1280, 1024), primary);
     EXPECT_EQ(second, (Rect{1920, 56, 1280, 1024}));
 
     // A drag from (10, 10) to (110, 60) in the second overlay's widget points.
@@ -188,6 +187,13 @@ TEST(ScreenCoordinatesTest, TwoMonitorsOfDifferentSizesMapIntoBottomLeftGlobalPo
 }
 
 TEST(ScreenCoordinatesTest, ScreenBelowThePrimaryHasANegativeOrigin) {
-    EXPECT_EQ(ScreenCoordinates::globalFrame(QRectF(0, 1080, 1280, 720), 1080),
+    EXPECT_EQ(ScreenCoordinates::globalFrame(QRectF(0, 1080, 1280, 720), QRectF(0, 0, 1920, 1080)),
               (Rect{0, -720, 1280, 720}));
+}
+
+TEST(ScreenCoordinatesTest, APrimaryScreenAwayFromQtsOriginStillAnchorsTheGlobalSpace) {
+    const QRectF primary(1280, 200, 1920, 1080);
+    EXPECT_EQ(ScreenCoordinates::globalFrame(primary, primary), (Rect{0, 0, 1920, 1080}));
+    EXPECT_EQ(ScreenCoordinates::globalFrame(QRectF(0, 0, 1280, 1024), primary),
+              (Rect{-1280, 256, 1280, 1024}));
 }
