@@ -49,7 +49,7 @@ public:
         });
     }
 
-    void emit(const Args&... args) const {
+    void notify(const Args&... args) const {
         // Copy, so that an observer may unsubscribe while being called.
         const auto observers = state_->observers;
         for (const auto& entry : observers) {
@@ -76,8 +76,8 @@ public:
     const T& value() const { return value_; }
 
     void set(T newValue) {
-        objectWillChange_.emit();
-        willSet_.emit(newValue);
+        objectWillChange_.notify();
+        willSet_.notify(newValue);
         value_ = std::move(newValue);
     }
 
