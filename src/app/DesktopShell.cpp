@@ -84,8 +84,8 @@ private:
 
 } // namespace
 
-DesktopShell::DesktopShell(TessarelController& controller)
-    : controller_(controller),
+DesktopShell::DesktopShell(TessarelController& controller, bool trayAvailable)
+    : controller_(controller), trayAvailable_(trayAvailable),
       coordinator_(*this, controller.mode,
                    [&controller](TessarelMode mode) { controller.show(mode); }) {
     connect(qApp, &QGuiApplication::focusWindowChanged, this,
@@ -149,7 +149,7 @@ void DesktopShell::showPanel() {
 }
 
 void DesktopShell::configureStatusItem() {
-    if (!QSystemTrayIcon::isSystemTrayAvailable()) {
+    if (!trayAvailable_) {
         return;
     }
     tray_ = std::make_unique<QSystemTrayIcon>(

@@ -18,7 +18,9 @@ class DesktopShell : public QObject, private ShellWindowing {
 public:
     static constexpr QSize popupSize{480, 402};
 
-    explicit DesktopShell(TessarelController& controller);
+    // Without a tray the panel stands in for the popup.
+    explicit DesktopShell(TessarelController& controller,
+                          bool trayAvailable = QSystemTrayIcon::isSystemTrayAvailable());
     ~DesktopShell() override;
 
     void launch();
@@ -45,6 +47,7 @@ private:
     void installKeyMonitor(KeyHandler handler) override;
 
     TessarelController& controller_;
+    bool trayAvailable_;
     ShellCoordinator coordinator_;
     std::unique_ptr<QWidget> panel_;
     TessarelRootView* rootView_ = nullptr;

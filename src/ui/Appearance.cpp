@@ -58,11 +58,11 @@ QColor primaryText() {
 }
 
 QColor secondaryText() {
-    return darkDesktop() ? QColor(152, 152, 157) : QColor(110, 110, 115);
+    return darkDesktop() ? QColor(152, 152, 157) : QColor(128, 128, 133);
 }
 
 QColor panelBackground() {
-    return darkDesktop() ? QColor(36, 36, 38, 235) : QColor(246, 246, 248, 235);
+    return darkDesktop() ? QColor(36, 36, 38, 242) : QColor(246, 246, 248, 242);
 }
 
 QColor primary(double opacity) {

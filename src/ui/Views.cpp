@@ -103,6 +103,27 @@ private:
     QColor color_;
 };
 
+// The keyboard hint of a home row: a label on a faint rounded plate.
+class Badge : public QLabel {
+public:
+    Badge(const QString& text, QWidget* parent) : QLabel(text, parent) {
+        Appearance::styleLabel(*this, 14, QFont::Medium, Appearance::secondaryText());
+        setContentsMargins(10, 7, 10, 7);
+    }
+
+protected:
+    void paintEvent(QPaintEvent* event) override {
+        {
+            QPainter painter(this);
+            painter.setRenderHint(QPainter::Antialiasing);
+            QPainterPath plate;
+            plate.addRoundedRect(rect(), 9, 9);
+            painter.fillPath(plate, Appearance::primary(0.035));
+        }
+        QLabel::paintEvent(event);
+    }
+};
+
 QLabel* symbolLabel(const QString& symbol, const QColor& tint, int side, QWidget* parent) {
     auto* label = new QLabel(parent);
     label->setPixmap(Appearance::symbol(symbol, tint, side, parent));
@@ -315,12 +336,9 @@ HomeRow::HomeRow(const QString& icon, const QColor& color, const QString& title,
     layout->addLayout(lines);
     layout->addStretch(1);
 
-    auto* badge = textLabel(shortcut, 14, QFont::Medium, Appearance::secondaryText(), this);
+    auto* badge = new Badge(shortcut, this);
     badge->setObjectName(QStringLiteral("shortcutBadge"));
-    badge->setContentsMargins(10, 7, 10, 7);
-    badge->setStyleSheet(QStringLiteral("background: %1; border-radius: 9px;")
-                             .arg(Appearance::primary(0.035).name(QColor::HexArgb)));
-    layout->addWidget(badge);
+    layout->addWidget(badge, 0, Qt::AlignVCenter);
 
     for (QWidget* child : findChildren<QWidget*>()) {
         child->setAttribute(Qt::WA_TransparentForMouseEvents);
@@ -794,11 +812,15 @@ void TessarelRootView::renderPermissionAlert() {
         QStringLiteral("In Screen & System Audio Recording, click “+” and select this copy of "
                        "Tessarel. Use Show Tessarel in Finder if you need to locate it, then quit "
                        "and reopen the app."));
+    // One role for all three keeps them in this order on every desktop's button layout.
     QPushButton* settings = permissionAlert_->addButton(QStringLiteral("Open System Settings"),
-                                                        QMessageBox::AcceptRole);
+                                                        QMessageBox::ActionRole);
     QPushButton* reveal = permissionAlert_->addButton(QStringLiteral("Show Tessarel in Finder"),
                                                       QMessageBox::ActionRole);
-    permissionAlert_->addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+    QPushButton* cancel =
+        permissionAlert_->addButton(QStringLiteral("Cancel"), QMessageBox::ActionRole);
+    permissionAlert_->setEscapeButton(cancel);
+    permissionAlert_->setDefaultButton(settings);
     permissionAlert_->setWindowModality(Qt::WindowModal);
     connect(permissionAlert_, &QMessageBox::buttonClicked, this,
             [this, settings, reveal](QAbstractButton* clicked) {
