@@ -133,8 +133,10 @@ void DesktopShell::configurePanel() {
 
 void DesktopShell::setPanelContentSize(const Size& size) {
     if (panel_) {
-        panel_->resize(static_cast<int>(std::lround(size.width)),
-                       static_cast<int>(std::lround(size.height)));
+        const QSize content(static_cast<int>(std::lround(size.width)),
+                            static_cast<int>(std::lround(size.height)));
+        panel_->setMinimumSize(TessarelRootView::minimumSizeFor(content));
+        panel_->resize(content);
     }
 }
 

@@ -694,8 +694,11 @@ void ProgressView::render() {
 TessarelRootView::TessarelRootView(TessarelController& controller_, QWidget* parent)
     : ControllerView(controller_, parent) {
     setObjectName(QStringLiteral("rootView"));
-    setMinimumSize(minimumPanelSize);
     render();
+}
+
+QSize TessarelRootView::minimumSizeFor(const QSize& screenSize) {
+    return minimumPanelSize.boundedTo(screenSize);
 }
 
 QSize TessarelRootView::sizeHint() const {
@@ -736,6 +739,8 @@ void TessarelRootView::showContent(TessarelMode mode) {
         break;
     }
     contentMode_ = mode;
+    const bool fixedSize = content_->minimumSize() == content_->maximumSize();
+    setMinimumSize(fixedSize ? minimumSizeFor(content_->size()) : minimumPanelSize);
     placeContent();
     content_->show();
 }

@@ -143,6 +143,8 @@ class TessarelRootView : public ControllerView {
     Q_OBJECT
 public:
     static constexpr QSize minimumPanelSize{650, 410};
+    // The panel shrinks no further than 650 × 410, nor than a smaller screen needs.
+    static QSize minimumSizeFor(const QSize& screenSize);
 
     explicit TessarelRootView(TessarelController& controller, QWidget* parent = nullptr);
     QWidget* content() const { return content_; }
