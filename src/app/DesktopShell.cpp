@@ -1,6 +1,7 @@
 #include "app/DesktopShell.h"
 
 #include "controller/TessarelController.h"
+#include "controller/linux/DesktopScreens.h"
 #include "ui/Appearance.h"
 #include "ui/Views.h"
 
@@ -23,7 +24,8 @@ public:
     Popup(TessarelController& controller, std::function<void(TessarelMode)> onSelect)
         : QWidget(nullptr, Qt::Popup | Qt::FramelessWindowHint) {
         setObjectName(QStringLiteral("popup"));
-        setAttribute(Qt::WA_TranslucentBackground);
+        // Rounded corners only where something can show through them.
+        setAttribute(Qt::WA_TranslucentBackground, DesktopScreens::compositing());
         // A click on the tray icon that closes the popup must not reopen it.
         setAttribute(Qt::WA_NoMouseReplay);
         setFixedSize(DesktopShell::popupSize);
@@ -37,7 +39,8 @@ protected:
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
         QPainterPath shape;
-        shape.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), 12, 12);
+        const double radius = testAttribute(Qt::WA_TranslucentBackground) ? 12 : 0;
+        shape.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), radius, radius);
         painter.setCompositionMode(QPainter::CompositionMode_Source);
         painter.fillRect(rect(), Qt::transparent);
         painter.fillPath(shape, Appearance::panelBackground());

@@ -7,39 +7,8 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QScreen>
-#include <QtGui/qguiapplication_platform.h>
-
-#include <xcb/xcb.h>
-
-#include <cstdlib>
-#include <memory>
 
 namespace {
-
-// True unless this is an X display without a compositing manager, where a translucent
-// window would show black instead of what lies beneath.
-bool compositing() {
-    auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
-    if (x11 == nullptr || x11->connection() == nullptr) {
-        return true;
-    }
-    xcb_connection_t* connection = x11->connection();
-    const QByteArray name = QByteArrayLiteral("_NET_WM_CM_S0");
-    const std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> atom(
-        xcb_intern_atom_reply(
-            connection,
-            xcb_intern_atom(connection, 0, static_cast<uint16_t>(name.size()), name.constData()),
-            nullptr),
-        &std::free);
-    if (!atom) {
-        return false;
-    }
-    const std::unique_ptr<xcb_get_selection_owner_reply_t, decltype(&std::free)> owner(
-        xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, atom->atom),
-                                      nullptr),
-        &std::free);
-    return owner && owner->owner != XCB_NONE;
-}
 
 QColor systemBlue() {
     return {0, 122, 255};
@@ -136,7 +105,7 @@ void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& descripti
             continue;
         }
         // Taken before this overlay is up, so that it shows what lies beneath.
-        QPixmap frozen = compositing() ? QPixmap() : screen->grabWindow(0);
+        QPixmap frozen = DesktopScreens::compositing() ? QPixmap() : screen->grabWindow(0);
         auto* overlay = new SelectionOverlay(*screen, std::move(callbacks), std::move(frozen));
         overlay->show();
         overlay->raise();

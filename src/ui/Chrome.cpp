@@ -60,6 +60,7 @@ void GearMenuButton::popUpMenu() {
     auto* menu = new QMenu(this);
     menu->setObjectName(QStringLiteral("optionsMenu"));
     menu->setAttribute(Qt::WA_DeleteOnClose);
+    menu->setFont(Appearance::font(15));
     menu->addAction(QStringLiteral("About..."), this, [this] {
         if (showAbout_) {
             showAbout_();

@@ -580,6 +580,7 @@ void CaptureSetupView::popUpFormatMenu() {
     auto* menu = new QMenu(this);
     menu->setObjectName(QStringLiteral("formatMenu"));
     menu->setAttribute(Qt::WA_DeleteOnClose);
+    menu->setFont(Appearance::font(15));
     const QIcon checkmark =
         Appearance::symbolIcon(QStringLiteral("checkmark"), Appearance::primaryText(), 16);
     const auto addItem = [&](const QString& title, bool current, std::function<void()> choose) {

@@ -14,21 +14,31 @@
 
 namespace {
 
-QVariant displayNumber(const QScreen& screen) {
+xcb_connection_t* x11Connection() {
     auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
-    if (x11 == nullptr || x11->connection() == nullptr) {
-        return {};
-    }
-    const QByteArray name = screen.name().toUtf8();
-    xcb_connection_t* connection = x11->connection();
-    const xcb_intern_atom_cookie_t cookie =
-        xcb_intern_atom(connection, 0, static_cast<uint16_t>(name.size()), name.constData());
+    return x11 != nullptr ? x11->connection() : nullptr;
+}
+
+std::optional<xcb_atom_t> internAtom(xcb_connection_t* connection, const QByteArray& name) {
     const std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> reply(
-        xcb_intern_atom_reply(connection, cookie, nullptr), &std::free);
+        xcb_intern_atom_reply(
+            connection,
+            xcb_intern_atom(connection, 0, static_cast<uint16_t>(name.size()), name.constData()),
+            nullptr),
+        &std::free);
     if (!reply) {
+        return std::nullopt;
+    }
+    return reply->atom;
+}
+
+QVariant displayNumber(const QScreen& screen) {
+    xcb_connection_t* connection = x11Connection();
+    if (connection == nullptr) {
         return {};
     }
-    return QVariant::fromValue(static_cast<uint32_t>(reply->atom));
+    const std::optional<xcb_atom_t> atom = internAtom(connection, screen.name().toUtf8());
+    return atom ? QVariant::fromValue(static_cast<uint32_t>(*atom)) : QVariant();
 }
 
 } // namespace
@@ -39,6 +49,23 @@ ScreenDescription DesktopScreens::describe(const QScreen& screen) {
     return {displayNumber(screen),
             ScreenCoordinates::globalFrame(screen.geometry(), primaryGeometry),
             screen.devicePixelRatio()};
+}
+
+bool DesktopScreens::compositing() {
+    xcb_connection_t* connection = x11Connection();
+    if (connection == nullptr) {
+        return true;
+    }
+    const std::optional<xcb_atom_t> selection =
+        internAtom(connection, QByteArrayLiteral("_NET_WM_CM_S0"));
+    if (!selection) {
+        return false;
+    }
+    const std::unique_ptr<xcb_get_selection_owner_reply_t, decltype(&std::free)> owner(
+        xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, *selection),
+                                      nullptr),
+        &std::free);
+    return owner && owner->owner != XCB_NONE;
 }
 
 std::optional<ScreenDescription> DesktopScreens::mainScreen() {

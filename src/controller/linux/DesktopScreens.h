@@ -12,5 +12,9 @@ public:
     // global bottom-left points; the scale is the device pixel ratio.
     static ScreenDescription describe(const QScreen& screen);
 
+    // False on an X display without a compositing manager, where a translucent window shows
+    // black instead of what lies beneath.
+    static bool compositing();
+
     std::optional<ScreenDescription> mainScreen() override;
 };
