@@ -18,4 +18,4 @@ dbus-run-session -- bash -c '
     tray=$!
     "$0" "$@"
     kill $tray
-' "$build/bench/app_startup" "$@" "$build/src/app/tessarel"
+' "$build/bench/app_startup" "$@" "$build/bin/tessarel"

@@ -36,7 +36,7 @@ shot() { sleep 0.8; import -window root "$OUT/$1.png"; }
 trayer --edge top --align right --widthtype pixel --width 120 --height 32 &
 sleep 1
 mkdir -p "$HOME/Downloads"
-"$build/src/app/tessarel" &
+"$build/bin/tessarel" &
 sleep 2
 
 # The tray icon sits at the right end of the tray; the popup opens under it.
