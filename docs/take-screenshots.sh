@@ -19,9 +19,13 @@ convert -size ${width}x${height} gradient:'#4a6fd0'-'#8d56c9' "$work/desktop.png
 display -window root "$work/desktop.png" &
 sleep 0.5
 
+# Captures land in a throw-away home folder.
+export HOME=$work/home
+mkdir -p "$HOME"
+
 # A sound server with a silent output whose monitor can be recorded.
 export XDG_RUNTIME_DIR=$work/runtime
-mkdir -p "$XDG_RUNTIME_DIR"
+mkdir -p -m 0700 "$XDG_RUNTIME_DIR"
 pulseaudio --daemonize=no --exit-idle-time=-1 --disallow-exit -n \
     --load="module-native-protocol-unix" --load="module-null-sink sink_name=speakers" \
     >/dev/null 2>&1 &
@@ -35,7 +39,6 @@ build=$1 width=$2 height=$3
 shot() { sleep 0.8; import -window root "$OUT/$1.png"; }
 trayer --edge top --align right --widthtype pixel --width 120 --height 32 &
 sleep 1
-mkdir -p "$HOME/Downloads"
 "$build/bin/tessarel" &
 sleep 2
 
@@ -54,14 +57,22 @@ xdotool key ctrl+s
 shot snapshot-setup
 xdotool key ctrl+v
 shot video-setup
-# Start Recording, then drag out an area on the overlay.
+# Start Recording, then drag out an area on the overlay and record it.
 xdotool mousemove $((left + 560)) $((top + 417)) click 1
 sleep 0.5
 xdotool mousemove 300 250 mousedown 1 mousemove 600 420 mousemove 900 620
 shot overlay
-xdotool key Escape mouseup 1
-xdotool key Escape
-# Close the set-up screen: home.
-xdotool mousemove $((left + 650)) $((top + 46)) click 1
+xdotool mouseup 1
+shot progress-video
+# Stop Capture; the panel keeps its top-left corner while its size follows the screen.
+xdotool mousemove $((left + 600)) $((top + 156)) click 1
+sleep 1
 shot home
+xdotool key ctrl+r
+sleep 0.5
+xdotool mousemove $((left + 560)) $((top + 417)) click 1
+sleep 1.5
+shot progress-audio
+xdotool mousemove $((left + 600)) $((top + 266)) click 1
+sleep 1
 DRIVE
