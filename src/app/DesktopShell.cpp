@@ -91,8 +91,13 @@ DesktopShell::DesktopShell(TessarelController& controller, bool trayAvailable)
     : controller_(controller), trayAvailable_(trayAvailable),
       coordinator_(*this, controller.mode,
                    [&controller](TessarelMode mode) { controller.show(mode); }) {
-    connect(qApp, &QGuiApplication::focusWindowChanged, this,
-            [this](QWindow* window) { coordinator_.windowDidBecomeKey(window); });
+    connect(qApp, &QGuiApplication::focusWindowChanged, this, [this](QWindow* window) {
+        // A menu or dialog counts as the window it was opened from.
+        while (window != nullptr && window->transientParent() != nullptr) {
+            window = window->transientParent();
+        }
+        coordinator_.windowDidBecomeKey(window);
+    });
     connect(qApp, &QGuiApplication::applicationStateChanged, this,
             [this](Qt::ApplicationState state) {
                 if (state == Qt::ApplicationInactive) {

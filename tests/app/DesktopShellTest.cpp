@@ -2,6 +2,7 @@
 
 #include "app/DesktopShell.h"
 #include "region/SelectionOverlay.h"
+#include "ui/Chrome.h"
 #include "ui/Views.h"
 
 #include <QKeyEvent>
@@ -196,4 +197,16 @@ TEST_F(DesktopShellTest, AClosedPanelComesBackAtHomeWhenTessarelIsStartedAgain) 
     EXPECT_TRUE(shell->panel()->isVisible());
     EXPECT_EQ(controller->mode(), TessarelMode::home);
     EXPECT_EQ(panelSize(), QSize(650, 430));
+}
+
+TEST_F(DesktopShellTest, TheOptionsMenuOfThePopupLeavesThePopupOpen) {
+    launch(true);
+    clickTrayIcon();
+    auto* gear = find<GearMenuButton>(shell->popup(), "gearButton");
+    QTest::mouseClick(gear, Qt::LeftButton);
+    settle();
+    ASSERT_NE(gear->openMenu(), nullptr);
+    EXPECT_TRUE(gear->openMenu()->isVisible());
+    EXPECT_TRUE(shell->popup()->isVisible());
+    gear->openMenu()->close();
 }
