@@ -2,23 +2,34 @@
 
 #include <cmath>
 
-void SelectionViewState::mouseDown(Point point) {
+SelectionView::SelectionView(SelectionOverlayHost::OverlayCallbacks callbacks)
+    : callbacks_(std::move(callbacks)) {}
+
+void SelectionView::mouseDown(Point point) {
     start_ = point;
     current_ = start_;
 }
 
-void SelectionViewState::mouseDragged(Point point) {
+void SelectionView::mouseDragged(Point point) {
     current_ = point;
 }
 
-std::optional<Rect> SelectionViewState::mouseUp(Point point) const {
+void SelectionView::mouseUp(Point point) {
     if (!start_) {
-        return std::nullopt;
+        return;
     }
-    return RegionSelector::selectionRect(*start_, point);
+    if (callbacks_.onSelection) {
+        callbacks_.onSelection(RegionSelector::selectionRect(*start_, point));
+    }
 }
 
-std::optional<Rect> SelectionViewState::highlightedRect() const {
+void SelectionView::keyDown(SelectionKey key) {
+    if (key == SelectionKey::escape && callbacks_.onCancel) {
+        callbacks_.onCancel();
+    }
+}
+
+std::optional<Rect> SelectionView::highlightedRect() const {
     if (!start_ || !current_) {
         return std::nullopt;
     }

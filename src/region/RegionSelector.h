@@ -8,25 +8,6 @@
 #include <optional>
 #include <vector>
 
-// The drag state of one overlay, in the overlay's own coordinates (bottom-left origin,
-// y upwards, like the global space it is offset into).
-class SelectionViewState {
-public:
-    void mouseDown(Point point);
-    void mouseDragged(Point point);
-    // The rectangle to hand on, or none when no drag began in this view.
-    std::optional<Rect> mouseUp(Point point) const;
-    // The rectangle to draw as the undimmed hole, or none before a drag.
-    std::optional<Rect> highlightedRect() const;
-
-    const std::optional<Point>& start() const { return start_; }
-    const std::optional<Point>& current() const { return current_; }
-
-private:
-    std::optional<Point> start_;
-    std::optional<Point> current_;
-};
-
 // What the selector needs of the windowing system: one overlay per screen and the cursor.
 class SelectionOverlayHost {
 public:
@@ -42,6 +23,33 @@ public:
     virtual void closeOverlays() = 0;
     virtual void pushCrosshairCursor() = 0;
     virtual void popCursor() = 0;
+};
+
+enum class SelectionKey { escape, other };
+
+// The drag and key handling of one overlay, in the overlay's own coordinates (bottom-left
+// origin, y upwards, like the global space the selector offsets them into). The windowing
+// code feeds it events and draws what it reports. GUI thread only.
+class SelectionView {
+public:
+    explicit SelectionView(SelectionOverlayHost::OverlayCallbacks callbacks);
+
+    void mouseDown(Point point);
+    void mouseDragged(Point point);
+    // Hands the spanned rectangle on, when a drag began in this view.
+    void mouseUp(Point point);
+    // Escape cancels; every other key is swallowed.
+    void keyDown(SelectionKey key);
+    // The rectangle to draw as the undimmed hole, or none before a drag.
+    std::optional<Rect> highlightedRect() const;
+
+    const std::optional<Point>& start() const { return start_; }
+    const std::optional<Point>& current() const { return current_; }
+
+private:
+    SelectionOverlayHost::OverlayCallbacks callbacks_;
+    std::optional<Point> start_;
+    std::optional<Point> current_;
 };
 
 // Lets the user drag out the area to record on any screen. GUI thread only.

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "region/RegionSelector.h"
+#include "region/ScreenCoordinates.h"
+
+#include <QPixmap>
+#include <QPointer>
+#include <QWidget>
+
+#include <vector>
+
+class QScreen;
+
+// The borderless overlay over one screen: dims it, shows the dragged area undimmed with a
+// blue outline, and feeds its SelectionView. GUI thread only.
+class SelectionOverlay : public QWidget {
+    Q_OBJECT
+public:
+    static constexpr double dimmingAlpha = 0.32;
+    static constexpr double outlineWidth = 2.0;
+
+    // `frozenScreen`, when set, is drawn underneath: without a compositing manager the
+    // overlay cannot be see-through.
+    SelectionOverlay(QScreen& screen, SelectionOverlayHost::OverlayCallbacks callbacks,
+                     QPixmap frozenScreen);
+    const SelectionView& view() const { return view_; }
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+
+private:
+    SelectionView view_;
+    ScreenCoordinates coordinates_;
+    QPixmap frozenScreen_;
+};
+
+// Puts one overlay over every screen Qt knows.
+class DesktopSelectionOverlayHost : public SelectionOverlayHost {
+public:
+    std::vector<ScreenDescription> screens() override;
+    void showOverlay(const ScreenDescription& screen, OverlayCallbacks callbacks) override;
+    void closeOverlays() override;
+    void pushCrosshairCursor() override;
+    void popCursor() override;
+
+    // The overlays while a selection is under way, in the order of the screens.
+    std::vector<SelectionOverlay*> overlays() const;
+
+private:
+    std::vector<QPointer<SelectionOverlay>> overlays_;
+};

@@ -1,0 +1,153 @@
+#include "region/SelectionOverlay.h"
+#include "region/RegionSelector.h"
+#include "support/EventLoop.h"
+
+#include <QApplication>
+#include <QScreen>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <vector>
+
+namespace {
+
+struct Delivery {
+    Rect rect;
+    ScreenDescription screen;
+};
+
+// Real overlays on the offscreen platform's two screens: a 1920 × 1080 primary and a
+// 1280 × 1024 screen to its right, their bottom edges aligned.
+class SelectionOverlayTest : public testing::Test {
+protected:
+    ~SelectionOverlayTest() override {
+        host.closeOverlays();
+        while (QGuiApplication::overrideCursor() != nullptr) {
+            QGuiApplication::restoreOverrideCursor();
+        }
+        settle();
+    }
+
+    static void settle() {
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QCoreApplication::processEvents();
+    }
+
+    void begin() {
+        selector.begin([this](const Rect& rect, const ScreenDescription& screen) {
+            deliveries.push_back({rect, screen});
+        });
+    }
+
+    SelectionOverlay* overlay(std::size_t index) { return host.overlays().at(index); }
+
+    // A drag in the overlay's own widget points, as the pointer would make it.
+    static void drag(QWidget* target, QPoint from, QPoint to) {
+        QTest::mousePress(target, Qt::LeftButton, {}, from);
+        QMouseEvent move(QEvent::MouseMove, QPointF(to), target->mapToGlobal(QPointF(to)),
+                         Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(target, &move);
+        QTest::mouseRelease(target, Qt::LeftButton, {}, to);
+    }
+
+    DesktopSelectionOverlayHost host;
+    RegionSelector selector{host};
+    std::vector<Delivery> deliveries;
+};
+
+} // namespace
+
+TEST_F(SelectionOverlayTest, OneFramelessOverlayAboveEverythingCoversEachScreen) {
+    ASSERT_EQ(QGuiApplication::screens().size(), 2);
+    begin();
+    ASSERT_EQ(host.overlays().size(), 2u);
+    for (int i = 0; i < 2; ++i) {
+        SelectionOverlay* window = overlay(static_cast<std::size_t>(i));
+        EXPECT_EQ(window->geometry(), QGuiApplication::screens().at(i)->geometry());
+        EXPECT_TRUE(window->isVisible());
+        const Qt::WindowFlags flags = window->windowFlags();
+        EXPECT_TRUE(flags.testFlag(Qt::FramelessWindowHint));
+        EXPECT_TRUE(flags.testFlag(Qt::WindowStaysOnTopHint));
+        EXPECT_TRUE(flags.testFlag(Qt::X11BypassWindowManagerHint));
+        EXPECT_EQ(window->cursor().shape(), Qt::CrossCursor);
+    }
+    ASSERT_NE(QGuiApplication::overrideCursor(), nullptr);
+    EXPECT_EQ(QGuiApplication::overrideCursor()->shape(), Qt::CrossCursor);
+}
+
+TEST_F(SelectionOverlayTest, TheOverlayDimsAndShowsTheDragUndimmedWithABlueOutline) {
+    begin();
+    SelectionOverlay* window = overlay(0);
+    QTest::mousePress(window, Qt::LeftButton, {}, QPoint(100, 100));
+    QMouseEvent move(QEvent::MouseMove, QPointF(300, 200), window->mapToGlobal(QPointF(300, 200)),
+                     Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(window, &move);
+    const QImage image = window->grab().toImage();
+    const QColor dimmed = image.pixelColor(50, 50);
+    EXPECT_EQ(dimmed.alpha(), qRound(255 * SelectionOverlay::dimmingAlpha));
+    EXPECT_EQ(dimmed.red(), 0);
+    EXPECT_EQ(image.pixelColor(200, 150).alpha(), 0);
+    const QColor outline = image.pixelColor(200, 100);
+    EXPECT_GT(outline.blue(), 200);
+    EXPECT_LT(outline.red(), 60);
+}
+
+TEST_F(SelectionOverlayTest, OnTheSecondDisplayAtX1920TheViewRectangleIsOffsetIntoGlobalPoints) {
+    begin();
+    // View rectangle (10, 10, 100, 50) in bottom-left points of the 1024-point-high overlay.
+    drag(overlay(1), QPoint(10, 1014), QPoint(110, 964));
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(deliveries[0].rect, (Rect{1930, 10, 100, 50}));
+    EXPECT_EQ(deliveries[0].screen.frame, (Rect{1920, 0, 1280, 1024}));
+    settle();
+    EXPECT_TRUE(host.overlays().empty());
+    EXPECT_EQ(QGuiApplication::overrideCursor(), nullptr);
+}
+
+TEST_F(SelectionOverlayTest, ADragAtTheTopOfTheSmallerScreenLandsNearTheTopOfGlobalSpace) {
+    begin();
+    drag(overlay(1), QPoint(10, 10), QPoint(110, 60));
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(deliveries[0].rect, (Rect{1930, 964, 100, 50}));
+}
+
+TEST_F(SelectionOverlayTest, ATooSmallDragIsIgnoredAndTheOverlaysStay) {
+    begin();
+    drag(overlay(0), QPoint(100, 100), QPoint(119, 400));
+    EXPECT_TRUE(deliveries.empty());
+    settle();
+    EXPECT_EQ(host.overlays().size(), 2u);
+    drag(overlay(0), QPoint(100, 100), QPoint(120, 120));
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(deliveries[0].rect.size(), (Size{20, 20}));
+}
+
+TEST_F(SelectionOverlayTest, EscapeBeforeAnyDragRemovesAllOverlaysAndRestoresTheCursor) {
+    begin();
+    QTest::keyClick(overlay(0), Qt::Key_Escape);
+    settle();
+    EXPECT_TRUE(host.overlays().empty());
+    EXPECT_EQ(QGuiApplication::overrideCursor(), nullptr);
+    EXPECT_FALSE(selector.isSelecting());
+    EXPECT_TRUE(deliveries.empty());
+}
+
+TEST_F(SelectionOverlayTest, AMouseUpWithoutAMouseDownDoesNothing) {
+    begin();
+    QTest::mouseRelease(overlay(0), Qt::LeftButton, {}, QPoint(500, 500));
+    settle();
+    EXPECT_TRUE(deliveries.empty());
+    EXPECT_EQ(host.overlays().size(), 2u);
+}
+
+TEST_F(SelectionOverlayTest, AKeyOtherThanEscapeChangesNothing) {
+    begin();
+    QTest::keyClick(overlay(0), Qt::Key_A);
+    QTest::keyClick(overlay(1), Qt::Key_Return);
+    settle();
+    EXPECT_EQ(host.overlays().size(), 2u);
+    EXPECT_TRUE(selector.isSelecting());
+    EXPECT_TRUE(deliveries.empty());
+}
