@@ -1,0 +1,438 @@
+#include "capture/CaptureEngine.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QUuid>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+namespace {
+
+// Points times scale, truncated toward zero. Real screens never come near the limits, so
+// a product that does not fit is a programming error.
+long long truncatedPixels(double points, double scale) {
+    const double product = points * scale;
+    // 2^63: the first double above the signed 64-bit range.
+    constexpr double limit = 9223372036854775808.0;
+    if (!std::isfinite(product) || product >= limit || product < -limit) {
+        std::fprintf(stderr, "Tessarel: pixel size %f x %f is out of range\n", points, scale);
+        std::abort();
+    }
+    return static_cast<long long>(product);
+}
+
+long long evenPixelsAtLeastTwo(double points, double scale) {
+    return std::max(2LL, truncatedPixels(points, scale) / 2 * 2);
+}
+
+const DisplayInfo* displayWithID(const ShareableContent& content, uint32_t displayID) {
+    const auto found = std::find_if(
+        content.displays.begin(), content.displays.end(),
+        [displayID](const DisplayInfo& display) { return display.displayID == displayID; });
+    return found == content.displays.end() ? nullptr : &*found;
+}
+
+void resume(std::promise<void>& continuation, const std::exception_ptr& error) {
+    if (error) {
+        continuation.set_exception(error);
+    } else {
+        continuation.set_value();
+    }
+}
+
+// Removes a file when leaving the scope; a failure to remove is ignored.
+class RemoveOnExit {
+public:
+    explicit RemoveOnExit(QString path) : path_(std::move(path)) {}
+    ~RemoveOnExit() { QFile::remove(path_); }
+    RemoveOnExit(const RemoveOnExit&) = delete;
+    RemoveOnExit& operator=(const RemoveOnExit&) = delete;
+
+private:
+    QString path_;
+};
+
+} // namespace
+
+CaptureEngine::CaptureEngine(CapturePlatform platform) : platform_(platform) {}
+
+CaptureEngine::~CaptureEngine() = default;
+
+// ---- Display choice ------------------------------------------------------------------------
+
+std::pair<DisplayInfo, ContentFilter>
+CaptureEngine::captureTarget(const ShareableContent& content) {
+    const DisplayInfo* display = displayWithID(content, platform_.content.mainDisplayID());
+    if (!display && !content.displays.empty()) {
+        display = &content.displays.front();
+    }
+    if (!display) {
+        throw CaptureEngineError::noDisplay();
+    }
+    return {*display, ContentFilter{*display, ownApplication(content)}};
+}
+
+std::vector<RunningApplication>
+CaptureEngine::ownApplication(const ShareableContent& content) const {
+    const qint64 ownProcessID = QCoreApplication::applicationPid();
+    const auto found = std::find_if(
+        content.applications.begin(), content.applications.end(),
+        [ownProcessID](const RunningApplication& app) { return app.processID == ownProcessID; });
+    if (found == content.applications.end()) {
+        return {};
+    }
+    return {*found};
+}
+
+// ---- Audio ---------------------------------------------------------------------------------
+
+AudioStreamConfiguration CaptureEngine::audioStreamConfiguration() {
+    // Display-bound but only its sound is used: the smallest frame, once a second.
+    AudioStreamConfiguration configuration;
+    configuration.width = 2;
+    configuration.height = 2;
+    configuration.minimumFrameInterval = FrameInterval{1, 1};
+    configuration.capturesAudio = true;
+    configuration.excludesCurrentProcessAudio = true;
+    configuration.sampleRate = 48000;
+    configuration.channelCount = 2;
+    return configuration;
+}
+
+AudioWriterSettings CaptureEngine::audioWriterSettings(AudioExportFormat format) {
+    AudioWriterSettings settings;
+    settings.sampleRate = 48000;
+    settings.numberOfChannels = 2;
+    switch (format) {
+    case AudioExportFormat::m4a:
+        settings.fileType = AudioFileType::appleM4A;
+        settings.formatID = kAudioFormatMPEG4AAC;
+        settings.encoderBitRate = 192000;
+        break;
+    case AudioExportFormat::mp3:
+    case AudioExportFormat::wav:
+        settings.fileType = AudioFileType::wave;
+        settings.formatID = kAudioFormatLinearPCM;
+        settings.linearPCMBitDepth = 16;
+        settings.linearPCMIsFloat = false;
+        break;
+    }
+    return settings;
+}
+
+void CaptureEngine::startAudio(const QUrl& to, AudioExportFormat format) {
+    const ShareableContent content = platform_.content.shareableContent(false, true);
+    const ContentFilter filter = captureTarget(content).second;
+    const AudioStreamConfiguration configuration = audioStreamConfiguration();
+
+    QUrl writerURL = to;
+    AudioExportFormat writerFormat = format;
+    std::optional<PendingMP3Conversion> conversion;
+    if (format == AudioExportFormat::mp3) {
+        const QString name = QStringLiteral("Tessarel-") +
+                             QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() +
+                             QStringLiteral(".wav");
+        writerURL = QUrl::fromLocalFile(QDir(QDir::tempPath()).filePath(name));
+        writerFormat = AudioExportFormat::wav;
+        conversion = PendingMP3Conversion{writerURL, to};
+    }
+    // No buffer of the new stream can arrive yet; the lock only keeps every access alike.
+    withLock([&] { pendingMP3Conversion = conversion; });
+
+    prepare(makeAudioWriter(writerURL, writerFormat));
+
+    const std::shared_ptr<AudioCaptureStream> newStream =
+        platform_.audio.makeStream(filter, configuration, this);
+    newStream->addAudioOutput(this, writingQueue);
+    withLock([&] { stream = newStream; });
+    newStream->startCapture();
+}
+
+std::unique_ptr<AudioFileWriter> CaptureEngine::makeAudioWriter(const QUrl& url,
+                                                                AudioExportFormat format) {
+    const AudioWriterSettings settings = audioWriterSettings(format);
+    // Every failure, the unavailable encoder included, is wrapped once more: the doubled
+    // prefix of that case is the text users see.
+    try {
+        std::unique_ptr<AudioFileWriter> newWriter =
+            platform_.audioWriters.makeWriter(url, settings);
+        if (newWriter->canAddInput()) {
+            newWriter->addInput();
+            return newWriter;
+        }
+        throw CaptureEngineError::cannotCreateWriter(
+            QStringLiteral("The ") + format.rawValue() +
+            QStringLiteral(" encoder is unavailable on this Mac."));
+    } catch (...) {
+        throw CaptureEngineError::cannotCreateWriter(
+            localizedDescription(std::current_exception()));
+    }
+}
+
+void CaptureEngine::prepare(std::unique_ptr<AudioFileWriter> newWriter) {
+    withLock([&] {
+        writer = std::move(newWriter);
+        writerStarted = false;
+        sessionStarted = false;
+    });
+}
+
+void CaptureEngine::didOutputSampleBuffer(SampleBuffer buffer) {
+    if (!buffer.isValid || !buffer.dataIsReady) {
+        return;
+    }
+    // Held for the whole buffer, so finishWriting never races an append.
+    std::lock_guard guard(lock);
+    if (!writer) {
+        return;
+    }
+    const int64_t presentationTimeNs = buffer.presentationTimeNs;
+    if (!writerStarted) {
+        // Retried on every buffer until the writer starts.
+        if (!writer->startWriting()) {
+            return;
+        }
+        writerStarted = true;
+    }
+    if (!sessionStarted) {
+        writer->startSession(presentationTimeNs);
+        sessionStarted = true;
+    }
+    // Never wait for the writer: a buffer it cannot take now is dropped.
+    if (writer->isReadyForMoreMediaData()) {
+        writer->append(std::move(buffer));
+    }
+}
+
+void CaptureEngine::finishWriting() {
+    auto [finishing, started] = withLock([&] {
+        std::pair taken{std::move(writer), sessionStarted};
+        writer = nullptr;
+        writerStarted = false;
+        sessionStarted = false;
+        return taken;
+    });
+    if (!finishing) {
+        return;
+    }
+    finishing->markAsFinished();
+    if (!started) {
+        // No sound ever arrived: no file and, deliberately, no error.
+        finishing->cancelWriting();
+        return;
+    }
+    finishing->finishWriting();
+    if (finishing->status() != AudioWriterStatus::completed) {
+        throw CaptureEngineError::cannotEncode(
+            finishing->error().value_or(QStringLiteral("Unknown encoding error")));
+    }
+    const std::optional<PendingMP3Conversion> conversion =
+        withLock([&] { return std::exchange(pendingMP3Conversion, std::nullopt); });
+    if (conversion) {
+        convertToMP3(*conversion);
+    }
+}
+
+void CaptureEngine::convertToMP3(const PendingMP3Conversion& conversion) {
+    const QString sourcePath = conversion.source.toLocalFile();
+    const QString destinationPath = conversion.destination.toLocalFile();
+    const RemoveOnExit removeSource(sourcePath);
+
+    const std::optional<QString> encoder =
+        platform_.resources.pathForResource(QStringLiteral("lame"));
+    if (!encoder) {
+        throw CaptureEngineError::cannotEncode(
+            QStringLiteral("The bundled MP3 encoder is missing."));
+    }
+    // An argument list, never a shell: paths go through whole.
+    QProcess process;
+    process.setProgram(*encoder);
+    process.setArguments({QStringLiteral("--silent"), QStringLiteral("-b"), QStringLiteral("192"),
+                          sourcePath, destinationPath});
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardOutputFile(QProcess::nullDevice());
+    process.setStandardErrorFile(QProcess::nullDevice());
+    process.start();
+    if (!process.waitForStarted(-1)) {
+        throw PlatformError(process.errorString());
+    }
+    process.waitForFinished(-1);
+    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0 ||
+        !QFile::exists(destinationPath)) {
+        throw CaptureEngineError::cannotEncode(
+            QStringLiteral("macOS could not convert the recording to MP3."));
+    }
+}
+
+QString CaptureEngine::writerErrorDescription(const std::optional<WriterErrorInfo>& error) {
+    if (!error) {
+        return QStringLiteral("Unknown writer error");
+    }
+    const QString origin = QStringLiteral(" (") + error->domain + QLatin1Char(' ') +
+                           QString::number(error->code) + QLatin1Char(')');
+    if (error->failureReason) {
+        return error->localizedDescription + QStringLiteral(" \u2014 ") + *error->failureReason +
+               origin;
+    }
+    return error->localizedDescription + origin;
+}
+
+// ---- Snapshot ------------------------------------------------------------------------------
+
+PixelSize CaptureEngine::snapshotPixelSize(const Size& size, double scale) {
+    return {truncatedPixels(size.width, scale), truncatedPixels(size.height, scale)};
+}
+
+Image CaptureEngine::snapshot(uint32_t screenID, const Size& size, double scale) {
+    const ShareableContent content = platform_.content.shareableContent(false, true);
+    // No fall-back: a screen the service does not list cannot be captured.
+    const DisplayInfo* display = displayWithID(content, screenID);
+    if (!display) {
+        throw CaptureEngineError::noDisplay();
+    }
+    const ContentFilter filter{*display, ownApplication(content)};
+    const PixelSize pixels = snapshotPixelSize(size, scale);
+    const ScreenshotConfiguration configuration{pixels.width, pixels.height, false};
+    return platform_.screenshots.captureImage(filter, configuration);
+}
+
+// ---- Video ---------------------------------------------------------------------------------
+
+Rect CaptureEngine::videoSourceRect(const Rect& region, const Rect& screenFrame) {
+    // Global bottom-left origin to the display's own top-left origin.
+    return {region.minX() - screenFrame.minX(), screenFrame.maxY() - region.maxY(), region.width,
+            region.height};
+}
+
+PixelSize CaptureEngine::videoOutputSize(const Size& regionSize, double scale) {
+    // Encoders want even dimensions.
+    return {evenPixelsAtLeastTwo(regionSize.width, scale),
+            evenPixelsAtLeastTwo(regionSize.height, scale)};
+}
+
+VideoStreamConfiguration CaptureEngine::videoStreamConfiguration(const Rect& sourceRect,
+                                                                 const PixelSize& outputSize,
+                                                                 double scale) {
+    VideoStreamConfiguration configuration;
+    configuration.sourceRect = sourceRect;
+    configuration.width = outputSize.width;
+    configuration.height = outputSize.height;
+    configuration.pixelsPerPoint = scale;
+    configuration.minimumFrameInterval = FrameInterval{1, 30};
+    configuration.queueDepth = 6;
+    configuration.showsCursor = true;
+    return configuration;
+}
+
+void CaptureEngine::startVideo(const QUrl& to, const Rect& region, uint32_t screenID,
+                               const Rect& screenFrame, double scale) {
+    const ShareableContent content = platform_.content.shareableContent(false, true);
+    // No fall-back: the area lies on this display and no other.
+    const DisplayInfo* display = displayWithID(content, screenID);
+    if (!display) {
+        throw CaptureEngineError::noDisplay();
+    }
+    // Leaves the panel and the selection overlays out of the movie.
+    const ContentFilter filter{*display, ownApplication(content)};
+    const VideoStreamConfiguration configuration = videoStreamConfiguration(
+        videoSourceRect(region, screenFrame), videoOutputSize(region.size(), scale), scale);
+    const std::shared_ptr<VideoCaptureStream> newStream =
+        platform_.video.makeStream(filter, configuration, this);
+
+    RecordingOutputConfiguration recorderConfiguration;
+    recorderConfiguration.outputURL = to;
+    recorderConfiguration.outputFileType = VideoFileType::mpeg4;
+    const std::vector<VideoCodec> codecs = platform_.video.availableVideoCodecTypes();
+    // Without H.264 the recorder's default is kept, silently.
+    if (std::find(codecs.begin(), codecs.end(), VideoCodec::h264) != codecs.end()) {
+        recorderConfiguration.videoCodecType = VideoCodec::h264;
+    }
+    const std::shared_ptr<RecordingOutput> recorder =
+        platform_.video.makeRecordingOutput(recorderConfiguration, this);
+    newStream->addRecordingOutput(recorder);
+
+    withLock([&] {
+        stream = newStream;
+        recordingOutput = recorder;
+        recordingResult = std::nullopt;
+        recordingContinuation = std::nullopt;
+    });
+    try {
+        newStream->startCapture();
+    } catch (...) {
+        withLock([&] {
+            stream = nullptr;
+            recordingOutput = nullptr;
+        });
+        throw;
+    }
+}
+
+void CaptureEngine::recordingOutputDidStartRecording() {}
+
+void CaptureEngine::recordingOutputDidFinishRecording() {
+    completeNativeRecording(RecordingResult{});
+}
+
+void CaptureEngine::recordingOutputDidFail(std::exception_ptr error) {
+    completeNativeRecording(RecordingResult{std::move(error)});
+}
+
+void CaptureEngine::completeNativeRecording(RecordingResult result) {
+    // Whichever side arrives second consumes what the first one left.
+    std::optional<std::promise<void>> waiter = withLock([&]() -> std::optional<std::promise<void>> {
+        if (recordingContinuation) {
+            return std::exchange(recordingContinuation, std::nullopt);
+        }
+        recordingResult = result;
+        return std::nullopt;
+    });
+    if (waiter) {
+        resume(*waiter, result.error);
+    }
+}
+
+void CaptureEngine::awaitRecordingCompletion() {
+    std::promise<void> continuation;
+    std::future<void> outcome = continuation.get_future();
+    const std::optional<RecordingResult> result = withLock([&]() -> std::optional<RecordingResult> {
+        if (!recordingResult) {
+            recordingContinuation = std::move(continuation);
+            return std::nullopt;
+        }
+        return std::exchange(recordingResult, std::nullopt);
+    });
+    if (result) {
+        resume(continuation, result->error);
+    }
+    outcome.get();
+}
+
+// ---- Stop ----------------------------------------------------------------------------------
+
+void CaptureEngine::streamDidStop(std::exception_ptr /*error*/) {
+    // A stream that stopped on its own is left as it is; only stop() ends a capture.
+}
+
+void CaptureEngine::stop() {
+    const std::shared_ptr<CaptureStream> stopping =
+        withLock([&] { return std::exchange(stream, nullptr); });
+    const bool recordingVideo = withLock([&] { return recordingOutput != nullptr; });
+    if (stopping) {
+        // An error here ends stop at once, without finishing anything.
+        stopping->stopCapture();
+    }
+    if (recordingVideo) {
+        awaitRecordingCompletion();
+        // Kept after a failure; the next startVideo replaces it.
+        withLock([&] { recordingOutput = nullptr; });
+    } else {
+        finishWriting();
+    }
+}
