@@ -1,1 +1,1 @@
-#X11 through XCB : displays and applications, snapshot, cropped video stream and recorder.
+# X11 through XCB: displays and applications, snapshot, cropped video stream and recorder.
