@@ -45,7 +45,10 @@ void writeAll(int fd, const void* data, size_t size) {
 
 class WaveFileSink final : public AudioFileSink {
 public:
-    WaveFileSink(int fd, int sampleRate, int channelCount) : fd_(fd), channelCount_(channelCount) {
+    WaveFileSink(int fd, int sampleRate, int channelCount)
+        : fd_(fd), channelCount_(channelCount),
+          bytesPerHalfSecond_(static_cast<uint64_t>(sampleRate) * channelCount * sizeof(int16_t) /
+                              2) {
         const auto blockAlign = static_cast<uint16_t>(channelCount * sizeof(int16_t));
         std::array<uint8_t, kHeaderSize> header{};
         size_t at = 0;
@@ -75,7 +78,7 @@ public:
     }
 
     // Each block's data goes out before the sizes that count it, so the header always
-    // describes data that is in the file.
+    // describes data that is in the file. The sizes follow every half second of sound.
     void write(const float* samples, int64_t frames) override {
         const size_t count = static_cast<size_t>(frames) * channelCount_;
         if (dataBytes_ + count * sizeof(int16_t) > kMaxDataBytes) {
@@ -87,15 +90,22 @@ public:
         });
         writeAll(fd_, pcm_.data(), count * sizeof(int16_t));
         dataBytes_ += count * sizeof(int16_t);
-        writeSize(4, kHeaderSize - 8 + dataBytes_);
-        writeSize(kHeaderSize - 4, dataBytes_);
+        if (dataBytes_ - countedBytes_ >= bytesPerHalfSecond_) {
+            writeSizes();
+        }
     }
 
-    void finish() override {}
+    void finish() override { writeSizes(); }
 
 private:
     static constexpr size_t kHeaderSize = 44;
     static constexpr uint64_t kMaxDataBytes = 0xFFFFFFFFu - kHeaderSize;
+
+    void writeSizes() {
+        writeSize(4, kHeaderSize - 8 + dataBytes_);
+        writeSize(kHeaderSize - 4, dataBytes_);
+        countedBytes_ = dataBytes_;
+    }
 
     void writeSize(off_t offset, uint64_t size) {
         const std::array<uint8_t, 4> bytes{
@@ -109,7 +119,9 @@ private:
 
     int fd_;
     size_t channelCount_;
+    uint64_t bytesPerHalfSecond_;
     uint64_t dataBytes_ = 0;
+    uint64_t countedBytes_ = 0;
     std::vector<int16_t> pcm_;
 };
 
@@ -173,7 +185,8 @@ private:
 
 class Mpeg4AudioFileSink final : public AudioFileSink {
 public:
-    Mpeg4AudioFileSink(int fd, int sampleRate, int channelCount, int bitRate)
+    Mpeg4AudioFileSink(int fd, const std::string& path, int sampleRate, int channelCount,
+                       int bitRate)
         : fd_(fd), channelCount_(channelCount) {
         const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
         if (!codec) {
@@ -192,6 +205,8 @@ public:
         AVFormatContext* format = nullptr;
         check(avformat_alloc_output_context2(&format, nullptr, "ipod", nullptr));
         format_.reset(format);
+        // Named only so that the muxer sees the extension it expects.
+        format_->url = av_strdup(path.c_str());
         if (format_->oformat->flags & AVFMT_GLOBALHEADER) {
             codec_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
         }
@@ -342,7 +357,8 @@ std::unique_ptr<AudioFileSink> makeWaveFileSink(int fd, int sampleRate, int chan
     return std::make_unique<WaveFileSink>(fd, sampleRate, channelCount);
 }
 
-std::unique_ptr<AudioFileSink> makeMpeg4AudioFileSink(int fd, int sampleRate, int channelCount,
+std::unique_ptr<AudioFileSink> makeMpeg4AudioFileSink(int fd, const std::string& path,
+                                                      int sampleRate, int channelCount,
                                                       int bitRate) {
-    return std::make_unique<Mpeg4AudioFileSink>(fd, sampleRate, channelCount, bitRate);
+    return std::make_unique<Mpeg4AudioFileSink>(fd, path, sampleRate, channelCount, bitRate);
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 // The file formats behind FfmpegAudioWriter. Each file is written to an open descriptor that
 // the caller owns, from one thread, and stays playable when the process dies while writing.
@@ -18,5 +19,7 @@ public:
 std::unique_ptr<AudioFileSink> makeWaveFileSink(int fd, int sampleRate, int channelCount);
 
 // AAC in an MPEG-4 audio file, written in fragments that a player can read up to the last one.
-std::unique_ptr<AudioFileSink> makeMpeg4AudioFileSink(int fd, int sampleRate, int channelCount,
+// `path` names the file that `fd` writes.
+std::unique_ptr<AudioFileSink> makeMpeg4AudioFileSink(int fd, const std::string& path,
+                                                      int sampleRate, int channelCount,
                                                       int bitRate);

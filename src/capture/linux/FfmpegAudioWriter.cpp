@@ -85,7 +85,7 @@ public:
         try {
             sink_ =
                 container_ == Container::mpeg4Audio
-                    ? makeMpeg4AudioFileSink(fd.get(), settings_.sampleRate,
+                    ? makeMpeg4AudioFileSink(fd.get(), path.toStdString(), settings_.sampleRate,
                                              settings_.numberOfChannels,
                                              settings_.encoderBitRate.value_or(0))
                     : makeWaveFileSink(fd.get(), settings_.sampleRate, settings_.numberOfChannels);
