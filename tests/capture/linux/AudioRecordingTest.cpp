@@ -273,3 +273,29 @@ TEST_F(AudioRecording, SoundServerKilledMidRecordingThenStopKeepsTheM4AUpToTheFa
 TEST_F(AudioRecording, SoundServerKilledMidRecordingThenStopKeepsTheWavUpToTheFailure) {
     recordUntilTheServerIsKilled(AudioExportFormat::wav);
 }
+
+TEST_F(AudioRecording, SoundMissingMidRecordingBecomesSilenceSoTheDurationFollowsTheClock) {
+    playTone();
+    const QString wav = destination(AudioExportFormat::wav);
+    engine.startAudio(QUrl::fromLocalFile(wav), AudioExportFormat::wav);
+    const Clock::time_point started = Clock::now();
+    QThread::msleep(1000);
+    // While the output is suspended its monitor sends nothing.
+    pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("1")});
+    QThread::msleep(1000);
+    pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("0")});
+    QThread::msleep(1000);
+    const Clock::time_point stopping = Clock::now();
+    engine.stop();
+
+    const std::optional<AudioFileFacts> facts = probeAudioFile(wav);
+    ASSERT_TRUE(facts);
+    EXPECT_NEAR(facts->durationSeconds, secondsBetween(started, stopping), 0.1);
+    const std::vector<float> samples = decodeMono(wav);
+    size_t longestSilence = 0;
+    for (size_t i = 0, run = 0; i < samples.size(); ++i) {
+        run = std::fabs(samples[i]) < 1e-4f ? run + 1 : 0;
+        longestSilence = std::max(longestSilence, run);
+    }
+    EXPECT_NEAR(static_cast<double>(longestSilence) / 48000, 1.0, 0.15);
+}
