@@ -77,7 +77,8 @@ QProcessEnvironment SoundServer::clientEnvironment() const {
 
 void SoundServer::playTone(double frequencyHz, double seconds) {
     stopPlaying();
-    // sox makes the samples, pacat plays them as they come.
+    // sox makes the samples, pacat plays them as they come, with enough buffered not to run
+    // dry on a busy machine.
     generator_.setStandardOutputProcess(&player_);
     generator_.setStandardErrorFile(QProcess::nullDevice());
     player_.setProcessEnvironment(clientEnvironment());
@@ -95,7 +96,7 @@ void SoundServer::playTone(double frequencyHz, double seconds) {
     player_.start(QStringLiteral("pacat"),
                   {QStringLiteral("--playback"), QStringLiteral("--device=") + sinkName(),
                    QStringLiteral("--format=float32le"), QStringLiteral("--rate=") + rate,
-                   QStringLiteral("--channels=") + channels, QStringLiteral("--latency-msec=20")});
+                   QStringLiteral("--channels=") + channels, QStringLiteral("--latency-msec=100")});
     if (!generator_.waitForStarted(10000) || !player_.waitForStarted(10000)) {
         throw std::runtime_error("the tone could not be played");
     }

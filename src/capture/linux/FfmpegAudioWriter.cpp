@@ -6,6 +6,7 @@
 #include <QFileInfo>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -97,6 +98,7 @@ public:
         fd_ = std::move(fd);
         status_ = AudioWriterStatus::writing;
         worker_ = std::thread([this] { encode(); });
+        pthread_setname_np(worker_.native_handle(), "Tessarel.audio");
         return true;
     }
 

@@ -11,6 +11,10 @@
 // presentation time relative to the session start; gaps become silence, so the file's
 // duration follows the clock. append hands each buffer to the writer's own encoding thread
 // through a bounded queue and never waits for the encoder.
+//
+// Threads: makeWriter from any thread. A writer's members from any thread, one call at a time;
+// finishWriting and cancelWriting wait for the encoding thread, and so does destroying a
+// writer that is still writing (it ends the file).
 class FfmpegAudioWriterFactory final : public AudioWriterFactory {
 public:
     // Throws PlatformError when the destination exists, its folder is missing or the settings

@@ -105,6 +105,9 @@ public:
 
 private:
     void connect() {
+        stopReported_ = false;
+        anchorNs_.reset();
+        framesDelivered_ = 0;
         mainloop_.reset(pa_threaded_mainloop_new());
         if (!mainloop_) {
             throw PlatformError(QStringLiteral("The sound server could not be contacted."));
