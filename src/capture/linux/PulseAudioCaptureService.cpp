@@ -295,20 +295,26 @@ private:
             }
             const auto frames = static_cast<int64_t>(byteCount / frameBytes);
             // A hole (no data) becomes silence of its length.
-            deliver(static_cast<const float*>(data), frames, captureTimeNs(frames));
+            deliver(static_cast<const float*>(data), frames, captureTimeNs());
             pa_stream_drop(stream_.get());
         }
     }
 
     // The clock time of the first frame of the chunk just peeked: the latency of a record
-    // stream runs from the read position to what the source records now.
-    int64_t captureTimeNs(int64_t frames) {
+    // stream runs from the read position to what the source records now. Before the first
+    // timing update, what waits to be read (this chunk included) is the best lower bound.
+    int64_t captureTimeNs() {
         pa_usec_t latencyUs = 0;
         int negative = 0;
-        if (pa_stream_get_latency(stream_.get(), &latencyUs, &negative) < 0 || negative) {
-            latencyUs = static_cast<pa_usec_t>(frames * 1'000'000 / spec_.rate);
+        int64_t latencyNs = 0;
+        if (pa_stream_get_latency(stream_.get(), &latencyUs, &negative) == 0) {
+            latencyNs = static_cast<int64_t>(latencyUs) * 1000 * (negative ? -1 : 1);
+        } else {
+            latencyNs = static_cast<int64_t>(
+                            pa_bytes_to_usec(pa_stream_readable_size(stream_.get()), &spec_)) *
+                        1000;
         }
-        return monotonicNowNs() - static_cast<int64_t>(latencyUs) * 1000;
+        return monotonicNowNs() - latencyNs;
     }
 
     int64_t framesToNs(int64_t frames) const { return frames * kNsPerSecond / spec_.rate; }
