@@ -1,0 +1,326 @@
+#include "capture/linux/FfmpegAudioWriter.h"
+
+#include "capture/linux/FfmpegAudioFiles.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+enum class Container { mpeg4Audio, wave };
+
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor() { reset(); }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    int get() const { return fd_; }
+    void reset() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// About two seconds of 20 ms buffers.
+constexpr size_t kQueueCapacity = 100;
+// Times closer than this to the frames already written count as continuous.
+constexpr int64_t kContinuityToleranceNs = 2'000'000;
+constexpr int64_t kNsPerSecond = 1'000'000'000;
+
+class FfmpegAudioWriter final : public AudioFileWriter {
+public:
+    FfmpegAudioWriter(QString path, Container container, const AudioWriterSettings& settings)
+        : path_(std::move(path)), container_(container), settings_(settings) {}
+    // A writer dropped while writing still ends its file.
+    ~FfmpegAudioWriter() override { finishWriting(); }
+    FfmpegAudioWriter(const FfmpegAudioWriter&) = delete;
+    FfmpegAudioWriter& operator=(const FfmpegAudioWriter&) = delete;
+
+    bool canAddInput() override {
+        std::lock_guard guard(mutex_);
+        return !inputAdded_ && status_ == AudioWriterStatus::unknown;
+    }
+
+    void addInput() override {
+        std::lock_guard guard(mutex_);
+        inputAdded_ = true;
+    }
+
+    bool startWriting() override {
+        std::lock_guard guard(mutex_);
+        if (status_ != AudioWriterStatus::unknown) {
+            return false;
+        }
+        const QByteArray path = QFile::encodeName(path_);
+        FileDescriptor fd(::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+        if (fd.get() < 0) {
+            failLocked(QStringLiteral("The file “%1” could not be created: %2")
+                           .arg(QFileInfo(path_).fileName(),
+                                QString::fromLocal8Bit(std::strerror(errno))));
+            return false;
+        }
+        try {
+            sink_ =
+                container_ == Container::mpeg4Audio
+                    ? makeMpeg4AudioFileSink(fd.get(), path.toStdString(), settings_.sampleRate,
+                                             settings_.numberOfChannels,
+                                             settings_.encoderBitRate.value_or(0))
+                    : makeWaveFileSink(fd.get(), settings_.sampleRate, settings_.numberOfChannels);
+        } catch (const std::exception& error) {
+            ::unlink(path.constData());
+            failLocked(QString::fromUtf8(error.what()));
+            return false;
+        }
+        fd_ = std::move(fd);
+        status_ = AudioWriterStatus::writing;
+        worker_ = std::thread([this] { encode(); });
+        pthread_setname_np(worker_.native_handle(), "Tessarel.audio");
+        return true;
+    }
+
+    void startSession(int64_t sourceTimeNs) override {
+        std::lock_guard guard(mutex_);
+        sessionStartNs_ = sourceTimeNs;
+    }
+
+    bool isReadyForMoreMediaData() override {
+        std::lock_guard guard(mutex_);
+        return readyLocked();
+    }
+
+    bool append(SampleBuffer buffer) override {
+        {
+            std::lock_guard guard(mutex_);
+            if (!readyLocked() || buffer.sampleRate != settings_.sampleRate ||
+                buffer.channelCount != settings_.numberOfChannels) {
+                return false;
+            }
+            queue_.push_back(std::move(buffer));
+        }
+        wake_.notify_one();
+        return true;
+    }
+
+    void markAsFinished() override {
+        std::lock_guard guard(mutex_);
+        markedFinished_ = true;
+    }
+
+    void finishWriting() override {
+        if (!worker_.joinable()) {
+            return;
+        }
+        stopWorker(Ending::finish);
+        std::lock_guard guard(mutex_);
+        sink_.reset();
+        fd_.reset();
+        if (status_ == AudioWriterStatus::writing) {
+            status_ = AudioWriterStatus::completed;
+        }
+    }
+
+    void cancelWriting() override {
+        if (worker_.joinable()) {
+            stopWorker(Ending::cancel);
+            std::lock_guard guard(mutex_);
+            sink_.reset();
+            fd_.reset();
+            ::unlink(QFile::encodeName(path_).constData());
+            status_ = AudioWriterStatus::cancelled;
+            return;
+        }
+        std::lock_guard guard(mutex_);
+        if (status_ == AudioWriterStatus::unknown) {
+            status_ = AudioWriterStatus::cancelled;
+        }
+    }
+
+    AudioWriterStatus status() override {
+        std::lock_guard guard(mutex_);
+        return status_;
+    }
+
+    std::optional<QString> error() override {
+        std::lock_guard guard(mutex_);
+        return error_;
+    }
+
+private:
+    enum class Ending { none, finish, cancel };
+
+    bool readyLocked() const {
+        return status_ == AudioWriterStatus::writing && !markedFinished_ &&
+               queue_.size() < kQueueCapacity;
+    }
+
+    void failLocked(const QString& description) {
+        status_ = AudioWriterStatus::failed;
+        error_ = description;
+    }
+
+    void stopWorker(Ending ending) {
+        {
+            std::lock_guard guard(mutex_);
+            ending_ = ending;
+        }
+        wake_.notify_one();
+        worker_.join();
+    }
+
+    // ---- Encoding thread ----
+
+    // Writes every queued buffer, then ends the file unless the writing was cancelled. After
+    // a failure the rest of the queue is dropped; the file keeps what was written before.
+    void encode() {
+        for (;;) {
+            SampleBuffer buffer;
+            int64_t sessionStartNs = 0;
+            {
+                std::unique_lock guard(mutex_);
+                wake_.wait(guard, [this] { return !queue_.empty() || ending_ != Ending::none; });
+                if (ending_ == Ending::cancel) {
+                    return;
+                }
+                if (queue_.empty()) {
+                    break;
+                }
+                buffer = std::move(queue_.front());
+                queue_.pop_front();
+                if (!sessionStartNs_) {
+                    sessionStartNs_ = buffer.presentationTimeNs;
+                }
+                sessionStartNs = *sessionStartNs_;
+                if (status_ != AudioWriterStatus::writing) {
+                    continue;
+                }
+            }
+            guarded([&] { place(buffer, sessionStartNs); });
+        }
+        guarded([this] { sink_->finish(); });
+    }
+
+    template <typename Body> void guarded(Body&& body) {
+        try {
+            body();
+        } catch (const std::exception& error) {
+            std::lock_guard guard(mutex_);
+            failLocked(QString::fromUtf8(error.what()));
+        }
+    }
+
+    // Puts the buffer where its time says: a gap before it becomes silence, and frames that
+    // overlap what is already written are left out.
+    void place(const SampleBuffer& buffer, int64_t sessionStartNs) {
+        const int64_t rate = settings_.sampleRate;
+        const int64_t position = static_cast<int64_t>(
+            std::llround(static_cast<double>(buffer.presentationTimeNs - sessionStartNs) *
+                         static_cast<double>(rate) / kNsPerSecond));
+        const int64_t offset = position - framesWritten_;
+        const int64_t tolerance = kContinuityToleranceNs * rate / kNsPerSecond;
+        int64_t skipped = 0;
+        if (offset > tolerance) {
+            writeSilence(offset);
+        } else if (offset < -tolerance) {
+            skipped = std::min(-offset, buffer.frameCount());
+        }
+        const int64_t frames = buffer.frameCount() - skipped;
+        if (frames > 0) {
+            sink_->write(buffer.samples.data() + skipped * buffer.channelCount, frames);
+            framesWritten_ += frames;
+        }
+    }
+
+    void writeSilence(int64_t frames) {
+        const int64_t chunk = settings_.sampleRate / 10;
+        silence_.resize(static_cast<size_t>(chunk * settings_.numberOfChannels), 0.0f);
+        while (frames > 0) {
+            const int64_t count = std::min(frames, chunk);
+            sink_->write(silence_.data(), count);
+            framesWritten_ += count;
+            frames -= count;
+        }
+    }
+
+    const QString path_;
+    const Container container_;
+    const AudioWriterSettings settings_;
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool inputAdded_ = false;
+    bool markedFinished_ = false;
+    AudioWriterStatus status_ = AudioWriterStatus::unknown;
+    std::optional<QString> error_;
+    std::optional<int64_t> sessionStartNs_;
+    std::deque<SampleBuffer> queue_;
+    Ending ending_ = Ending::none;
+    FileDescriptor fd_;
+    // Used by the encoding thread while it runs; released under the mutex after it ended.
+    std::unique_ptr<AudioFileSink> sink_;
+    std::thread worker_;
+
+    // Encoding thread only.
+    int64_t framesWritten_ = 0;
+    std::vector<float> silence_;
+};
+
+std::optional<Container> containerFor(const AudioWriterSettings& settings) {
+    if (settings.sampleRate <= 0 || settings.numberOfChannels <= 0) {
+        return std::nullopt;
+    }
+    if (settings.fileType == AudioFileType::appleM4A && settings.formatID == kAudioFormatMPEG4AAC &&
+        settings.encoderBitRate) {
+        return Container::mpeg4Audio;
+    }
+    if (settings.fileType == AudioFileType::wave && settings.formatID == kAudioFormatLinearPCM &&
+        settings.linearPCMBitDepth == 16 && !settings.linearPCMIsFloat.value_or(false)) {
+        return Container::wave;
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::unique_ptr<AudioFileWriter>
+FfmpegAudioWriterFactory::makeWriter(const QUrl& url, const AudioWriterSettings& settings) {
+    const std::optional<Container> container = containerFor(settings);
+    if (!container) {
+        throw PlatformError(QStringLiteral("This audio format cannot be written."));
+    }
+    if (!url.isLocalFile()) {
+        throw PlatformError(QStringLiteral("Recordings can only be saved to a local folder."));
+    }
+    const QFileInfo file(url.toLocalFile());
+    if (file.exists() || file.isSymLink()) {
+        throw PlatformError(QStringLiteral("The file “%1” already exists.").arg(file.fileName()));
+    }
+    if (!QFileInfo(file.absolutePath()).isDir()) {
+        throw PlatformError(
+            QStringLiteral("The folder “%1” does not exist.").arg(file.absolutePath()));
+    }
+    return std::make_unique<FfmpegAudioWriter>(file.absoluteFilePath(), *container, settings);
+}

@@ -1,0 +1,301 @@
+#include "capture/CaptureEngine.h"
+#include "capture/linux/ApplicationResourceDirectories.h"
+#include "capture/linux/AudioFileInspection.h"
+#include "capture/linux/FfmpegAudioWriter.h"
+#include "capture/linux/PulseAudioCaptureService.h"
+#include "support/FakeCapturePlatform.h"
+#include "support/SoundServer.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsBetween(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+QStringList temporaryWaves(const QString& dir) {
+    return QDir(dir).entryList({QStringLiteral("Tessarel-*.wav")}, QDir::Files);
+}
+
+// The engine with the real sound server, writers and resources; displays and the rest are
+// stand-ins. Each test has its own server, save folder and temporary folder.
+class AudioRecording : public testing::Test {
+protected:
+    AudioRecording() {
+        previousTemp_ = qgetenv("TMPDIR");
+        qputenv("TMPDIR", tempDir.path().toUtf8());
+        saveFolder = saveRoot.path();
+    }
+    ~AudioRecording() override {
+        server.stopPlaying();
+        qputenv("TMPDIR", previousTemp_);
+    }
+
+    QString destination(AudioExportFormat format) const {
+        return QDir(saveFolder)
+            .filePath(QStringLiteral("Tessarel Audio 2026-03-09 at 07.03.04.") +
+                      format.fileExtension());
+    }
+
+    // Records the playing tone for about `seconds`; returns the time between the start's
+    // return and the stop.
+    double record(AudioExportFormat format, double seconds = 2.0) {
+        engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
+        const Clock::time_point started = Clock::now();
+        QThread::msleep(static_cast<unsigned long>(seconds * 1000));
+        const Clock::time_point stopping = Clock::now();
+        engine.stop();
+        return secondsBetween(started, stopping);
+    }
+
+    void playTone() { server.playTone(1000, 60); }
+
+    void pactl(const QStringList& arguments) {
+        QProcess process;
+        process.setProcessEnvironment(server.clientEnvironment());
+        process.start(QStringLiteral("pactl"), arguments);
+        ASSERT_TRUE(process.waitForFinished(30000));
+        ASSERT_EQ(process.exitCode(), 0);
+    }
+
+    // The stream stops on its own; the user's stop then ends the file with what was captured.
+    void recordUntilTheServerIsKilled(AudioExportFormat format) {
+        playTone();
+        engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
+        const Clock::time_point started = Clock::now();
+        QThread::msleep(1500);
+        const Clock::time_point killed = Clock::now();
+        server.kill();
+        QThread::msleep(500);
+        EXPECT_NO_THROW(engine.stop());
+        const std::optional<AudioFileFacts> facts = probeAudioFile(destination(format));
+        ASSERT_TRUE(facts);
+        EXPECT_NEAR(facts->durationSeconds, secondsBetween(started, killed), 0.1);
+        expectTone(destination(format));
+    }
+
+    void expectTone(const QString& path) {
+        EXPECT_NEAR(dominantFrequencyHz(decodeMono(path), 48000), 1000.0, 10.0);
+    }
+
+    SoundServer server;
+    QTemporaryDir tempDir;
+    QTemporaryDir saveRoot;
+    QString saveFolder;
+    FakeCapturePlatform fakes;
+    PulseAudioCaptureService audio;
+    FfmpegAudioWriterFactory writers;
+    ApplicationResourceDirectories resources{{QStringLiteral(TESSAREL_BUILD_RESOURCE_DIR)}};
+    QTemporaryDir emptyResources;
+    ApplicationResourceDirectories noResources{{emptyResources.path()}};
+
+    CaptureEngine engine{
+        {fakes.content, audio, writers, fakes.screenshots, fakes.video, resources}};
+
+private:
+    QByteArray previousTemp_;
+};
+
+} // namespace
+
+TEST_F(AudioRecording, ToneRecordedAsM4AIsAacAt192kbps48kHzStereo) {
+    playTone();
+    const double seconds = record(AudioExportFormat::m4a);
+    const std::optional<AudioFileFacts> facts = probeAudioFile(destination(AudioExportFormat::m4a));
+    ASSERT_TRUE(facts);
+    EXPECT_TRUE(facts->formatName.contains(QStringLiteral("m4a")))
+        << facts->formatName.toStdString();
+    EXPECT_EQ(facts->majorBrand, QStringLiteral("M4A "));
+    EXPECT_EQ(facts->codecName, QStringLiteral("aac"));
+    EXPECT_EQ(facts->sampleRate, 48000);
+    EXPECT_EQ(facts->channels, 2);
+    EXPECT_NEAR(static_cast<double>(facts->bitRate), 192000.0, 192000.0 * 0.05);
+    EXPECT_NEAR(facts->durationSeconds, seconds, 0.1);
+    expectTone(destination(AudioExportFormat::m4a));
+}
+
+TEST_F(AudioRecording, ToneRecordedAsWavIs16BitPcm48kHzStereo) {
+    playTone();
+    const double seconds = record(AudioExportFormat::wav);
+    const std::optional<AudioFileFacts> facts = probeAudioFile(destination(AudioExportFormat::wav));
+    ASSERT_TRUE(facts);
+    EXPECT_EQ(facts->formatName, QStringLiteral("wav"));
+    EXPECT_EQ(facts->codecName, QStringLiteral("pcm_s16le"));
+    EXPECT_EQ(facts->bitsPerSample, 16);
+    EXPECT_EQ(facts->sampleRate, 48000);
+    EXPECT_EQ(facts->channels, 2);
+    EXPECT_NEAR(facts->durationSeconds, seconds, 0.1);
+    expectTone(destination(AudioExportFormat::wav));
+}
+
+TEST_F(AudioRecording, ToneRecordedAsMp3IsMp3At192kbps48kHzStereo) {
+    playTone();
+    const double seconds = record(AudioExportFormat::mp3);
+    const std::optional<AudioFileFacts> facts = probeAudioFile(destination(AudioExportFormat::mp3));
+    ASSERT_TRUE(facts);
+    EXPECT_EQ(facts->formatName, QStringLiteral("mp3"));
+    EXPECT_EQ(facts->codecName, QStringLiteral("mp3"));
+    EXPECT_EQ(facts->sampleRate, 48000);
+    EXPECT_EQ(facts->channels, 2);
+    EXPECT_EQ(facts->bitRate, 192000);
+    EXPECT_NEAR(facts->durationSeconds, seconds, 0.1);
+    expectTone(destination(AudioExportFormat::mp3));
+}
+
+TEST_F(AudioRecording, Mp3RecordingWritesATemporaryWavUntilTheStop) {
+    playTone();
+    const QString mp3 = destination(AudioExportFormat::mp3);
+    engine.startAudio(QUrl::fromLocalFile(mp3), AudioExportFormat::mp3);
+    QStringList waves;
+    const QDeadlineTimer deadline(30000);
+    while ((waves = temporaryWaves(tempDir.path())).isEmpty() && !deadline.hasExpired()) {
+        QThread::msleep(10);
+    }
+    ASSERT_EQ(waves.size(), 1);
+    EXPECT_TRUE(QRegularExpression(
+                    QStringLiteral("^Tessarel-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-"
+                                   "[0-9A-F]{12}\\.wav$"))
+                    .match(waves.front())
+                    .hasMatch())
+        << waves.front().toStdString();
+    QThread::msleep(1000);
+    EXPECT_FALSE(QFile::exists(mp3));
+    EXPECT_GT(QFileInfo(tempDir.filePath(waves.front())).size(), 48000 * 4 / 2);
+    engine.stop();
+    EXPECT_TRUE(QFile::exists(mp3));
+    EXPECT_TRUE(temporaryWaves(tempDir.path()).isEmpty());
+}
+
+TEST_F(AudioRecording, MissingLameReportsTheBundledEncoderMissingAndLeavesNoTemporaryFile) {
+    CaptureEngine withoutLame{
+        {fakes.content, audio, writers, fakes.screenshots, fakes.video, noResources}};
+    playTone();
+    const QString mp3 = destination(AudioExportFormat::mp3);
+    withoutLame.startAudio(QUrl::fromLocalFile(mp3), AudioExportFormat::mp3);
+    QThread::msleep(500);
+    try {
+        withoutLame.stop();
+        FAIL() << "the recording was converted without lame";
+    } catch (const CaptureEngineError& error) {
+        EXPECT_STREQ(error.what(),
+                     "The capture could not be saved: The bundled MP3 encoder is missing.");
+    }
+    EXPECT_TRUE(temporaryWaves(tempDir.path()).isEmpty());
+    EXPECT_FALSE(QFile::exists(mp3));
+}
+
+TEST_F(AudioRecording, StopBeforeAnySoundArrivesLeavesNoFileAndNoError) {
+    // A suspended output sends nothing to its monitor.
+    pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("1")});
+    for (AudioExportFormat format : AudioExportFormat::allCases()) {
+        engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
+        QThread::msleep(300);
+        EXPECT_NO_THROW(engine.stop());
+        EXPECT_FALSE(QFile::exists(destination(format))) << format.rawValue().toStdString();
+    }
+    EXPECT_TRUE(QDir(saveFolder).isEmpty());
+}
+
+TEST_F(AudioRecording, SecondStartAfterAFinishedRecordingWorks) {
+    playTone();
+    record(AudioExportFormat::wav, 1.0);
+    ASSERT_TRUE(QFile::rename(destination(AudioExportFormat::wav), saveRoot.filePath("first.wav")));
+    const double seconds = record(AudioExportFormat::wav, 1.0);
+    const std::optional<AudioFileFacts> facts = probeAudioFile(destination(AudioExportFormat::wav));
+    ASSERT_TRUE(facts);
+    EXPECT_NEAR(facts->durationSeconds, seconds, 0.1);
+    expectTone(destination(AudioExportFormat::wav));
+}
+
+TEST_F(AudioRecording, SaveFolderWithBlanksAndNonAsciiLettersWorks) {
+    saveFolder = saveRoot.filePath(QStringLiteral("Aufnahmen für Jürgen – 录音 Ærø"));
+    ASSERT_TRUE(QDir().mkpath(saveFolder));
+    playTone();
+    for (AudioExportFormat format : AudioExportFormat::allCases()) {
+        record(format, 1.0);
+        ASSERT_TRUE(probeAudioFile(destination(format))) << format.rawValue().toStdString();
+        expectTone(destination(format));
+    }
+}
+
+TEST_F(AudioRecording, ExistingFileAtTheDestinationIsNotOverwritten) {
+    for (AudioExportFormat format : {AudioExportFormat::m4a, AudioExportFormat::wav}) {
+        QFile existing(destination(format));
+        ASSERT_TRUE(existing.open(QIODevice::WriteOnly));
+        existing.write("keep");
+        existing.close();
+        try {
+            engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
+            FAIL() << "a recording started over an existing file";
+        } catch (const CaptureEngineError& error) {
+            EXPECT_EQ(QString::fromUtf8(error.what()),
+                      QStringLiteral("The recording could not start: The file “%1” already exists.")
+                          .arg(QFileInfo(destination(format)).fileName()));
+        }
+        ASSERT_TRUE(existing.open(QIODevice::ReadOnly));
+        EXPECT_EQ(existing.readAll(), "keep");
+    }
+}
+
+TEST_F(AudioRecording, NoSoundServerFailsTheStartWithAClearErrorAndLeavesNoFile) {
+    server.kill();
+    try {
+        engine.startAudio(QUrl::fromLocalFile(destination(AudioExportFormat::m4a)),
+                          AudioExportFormat::m4a);
+        FAIL() << "a recording started without a sound server";
+    } catch (const PlatformError& error) {
+        EXPECT_TRUE(
+            QString::fromUtf8(error.what())
+                .startsWith(QStringLiteral("Tessarel could not connect to the sound server: ")))
+            << error.what();
+    }
+    EXPECT_NO_THROW(engine.stop());
+    EXPECT_TRUE(QDir(saveFolder).isEmpty());
+}
+
+TEST_F(AudioRecording, SoundServerKilledMidRecordingThenStopKeepsTheM4AUpToTheFailure) {
+    recordUntilTheServerIsKilled(AudioExportFormat::m4a);
+}
+
+TEST_F(AudioRecording, SoundServerKilledMidRecordingThenStopKeepsTheWavUpToTheFailure) {
+    recordUntilTheServerIsKilled(AudioExportFormat::wav);
+}
+
+TEST_F(AudioRecording, SoundMissingMidRecordingBecomesSilenceSoTheDurationFollowsTheClock) {
+    playTone();
+    const QString wav = destination(AudioExportFormat::wav);
+    engine.startAudio(QUrl::fromLocalFile(wav), AudioExportFormat::wav);
+    const Clock::time_point started = Clock::now();
+    QThread::msleep(1000);
+    // While the output is suspended its monitor sends nothing.
+    pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("1")});
+    QThread::msleep(1000);
+    pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("0")});
+    QThread::msleep(1000);
+    const Clock::time_point stopping = Clock::now();
+    engine.stop();
+
+    const std::optional<AudioFileFacts> facts = probeAudioFile(wav);
+    ASSERT_TRUE(facts);
+    EXPECT_NEAR(facts->durationSeconds, secondsBetween(started, stopping), 0.1);
+    const std::vector<float> samples = decodeMono(wav);
+    size_t longestSilence = 0;
+    for (size_t i = 0, run = 0; i < samples.size(); ++i) {
+        run = std::fabs(samples[i]) < 1e-4f ? run + 1 : 0;
+        longestSilence = std::max(longestSilence, run);
+    }
+    EXPECT_NEAR(static_cast<double>(longestSilence) / 48000, 1.0, 0.15);
+}
