@@ -11,6 +11,6 @@ public:
     virtual CapturePlatform platform() = 0;
 };
 
-// Chooses the capture backends. Where none is available every capture fails with
-// "Screen and sound capture are not available on this system."
+// Chooses the capture backends: PulseAudio and FFmpeg for sound; X11 for the screen in an
+// X11 session, elsewhere a stand-in whose every screen capture fails with a clear message.
 std::unique_ptr<LoadedCapturePlatform> loadCapturePlatform();

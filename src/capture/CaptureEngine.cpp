@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QUuid>
 
@@ -63,7 +64,10 @@ private:
 
 CaptureEngine::CaptureEngine(CapturePlatform platform) : platform_(platform) {}
 
-CaptureEngine::~CaptureEngine() = default;
+CaptureEngine::~CaptureEngine() {
+    // A stream still running delivers to writingQueue: end it while the queue is alive.
+    withLock([&] { return std::exchange(stream, nullptr); }).reset();
+}
 
 // ---- Display choice ------------------------------------------------------------------------
 
@@ -136,6 +140,11 @@ void CaptureEngine::startAudio(const QUrl& to, AudioExportFormat format) {
     AudioExportFormat writerFormat = format;
     std::optional<PendingMP3Conversion> conversion;
     if (format == AudioExportFormat::mp3) {
+        // The encoder would replace the file; the other formats' writers refuse it themselves.
+        if (QFileInfo::exists(to.toLocalFile())) {
+            throw CaptureEngineError::cannotCreateWriter(
+                QStringLiteral("The file “%1” already exists.").arg(to.fileName()));
+        }
         const QString name = QStringLiteral("Tessarel-") +
                              QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() +
                              QStringLiteral(".wav");

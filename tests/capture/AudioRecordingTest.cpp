@@ -74,6 +74,21 @@ TEST_F(AudioRecording, MP3IsWrittenToTemporaryTessarelUuidWavNeverAtTheDestinati
     EXPECT_NE(fakes.audioWriters.lastWriter().url, writer.url);
 }
 
+TEST_F(AudioRecording, ExistingFileAtAnMP3DestinationIsNotReplaced) {
+    const QUrl destination = scratchURL("Tessarel Audio 2026-03-09 at 07.03.04.mp3");
+    QFile existing(destination.toLocalFile());
+    ASSERT_TRUE(existing.open(QIODevice::WriteOnly));
+    existing.write("earlier recording");
+    existing.close();
+
+    EXPECT_EQ(descriptionOfError([&] { engine.startAudio(destination, AudioExportFormat::mp3); }),
+              "The recording could not start: The file “Tessarel Audio 2026-03-09 at "
+              "07.03.04.mp3” already exists.");
+    EXPECT_EQ(fakes.audioWriters.makeWriterCount(), 0);
+    ASSERT_TRUE(existing.open(QIODevice::ReadOnly));
+    EXPECT_EQ(existing.readAll(), "earlier recording");
+}
+
 TEST_F(AudioRecording, ChoosingWavOrM4AWritesWithTheirEncodings) {
     engine.startAudio(scratchURL("a.wav"), AudioExportFormat::wav);
     engine.stop();

@@ -299,3 +299,17 @@ TEST_F(AudioRecording, SoundMissingMidRecordingBecomesSilenceSoTheDurationFollow
     }
     EXPECT_NEAR(static_cast<double>(longestSilence) / 48000, 1.0, 0.15);
 }
+
+TEST_F(AudioRecording, EngineDestroyedWhileRecordingEndsItsStreamFirst) {
+    playTone();
+    auto local = std::make_unique<CaptureEngine>(
+        CapturePlatform{fakes.content, audio, writers, fakes.screenshots, fakes.video, resources});
+    local->startAudio(QUrl::fromLocalFile(saveRoot.filePath("dropped.wav")),
+                      AudioExportFormat::wav);
+    QThread::msleep(300);
+
+    // Sound keeps arriving until the stream is gone; none may reach a destroyed queue.
+    local.reset();
+    QThread::msleep(100);
+    SUCCEED();
+}
