@@ -257,7 +257,7 @@ std::optional<EndToEndSession::WindowInfo> EndToEndSession::waitForTrayIcon(qint
 }
 
 std::vector<uint32_t> EndToEndSession::stackingOrder() {
-    // xwininfo lists the root's children as the server stacks them, bottom first.
+    // xwininfo lists the root's children from the top of the stack down.
     std::vector<uint32_t> windows;
     static const QRegularExpression childPattern(QStringLiteral("^\\s+(0x[0-9a-f]+) "));
     for (const QByteArray& line : display_
@@ -266,7 +266,7 @@ std::vector<uint32_t> EndToEndSession::stackingOrder() {
                                       .split('\n')) {
         const auto match = childPattern.match(QString::fromLatin1(line));
         if (match.hasMatch()) {
-            windows.push_back(match.captured(1).toUInt(nullptr, 16));
+            windows.insert(windows.begin(), match.captured(1).toUInt(nullptr, 16));
         }
     }
     return windows;

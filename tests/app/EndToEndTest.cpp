@@ -1,6 +1,7 @@
 #include "EndToEndSession.h"
 
 #include "capture/CaptureEngine.h"
+#include "support/EventLoop.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -286,36 +287,64 @@ TEST_F(EndToEndTest, WithoutATrayOneInstanceShowsThePanelAtHomeAndASecondStartRa
     }
 }
 
-TEST_F(EndToEndTest, ASnapshotHasThePixelSizeOfTheMonitorHoldingTheFocusedWindow) {
-    // A 1920 × 1080 primary at scale 1 and, to its right, a 1280 × 1024 monitor at scale 2.
+TEST_F(EndToEndTest, ASnapshotHasThePixelSizeAndPixelsOfTheMonitorHoldingTheFocusedWindow) {
+    // A 1920 × 1080 monitor at scale 1 and, to its right, a 2560 × 1440 primary at scale 2.
     const QRect big(0, 0, 1920, 1080);
-    const QRect dense(1920, 0, 1280, 1024);
+    const QRect dense(1920, 0, 2560, 1440);
     EndToEndSession::Options options;
-    options.screenSize = QSize(3200, 1080);
-    options.monitors = {{QStringLiteral("Big"), big}, {QStringLiteral("Dense"), dense}};
+    options.screenSize = QSize(4480, 1440);
+    options.trayHost = false;
+    options.monitors = {{QStringLiteral("Big"), big}, {QStringLiteral("*Dense"), dense}};
     options.environment = {
         {QStringLiteral("QT_SCREEN_SCALE_FACTORS"), QStringLiteral("Big=1;Dense=2")}};
     EndToEndSession session(options);
     QProcess& tessarel = session.startTessarel();
-    const auto setup = openFromPopup(session, tessarel, 2);
-    ASSERT_TRUE(setup);
 
+    // The panel comes up at home on the primary monitor, where a point is two pixels.
+    const auto home = session.waitForWindowOfSize(tessarel.processId(), kHome * 2);
+    ASSERT_TRUE(home) << "no panel at home at scale 2";
+    ASSERT_TRUE(dense.contains(home->geometry))
+        << home->geometry.x() << "," << home->geometry.y() << " " << home->geometry.width() << "x"
+        << home->geometry.height();
+    session.display().movePointer(home->geometry.left() + 400, home->geometry.top() + 80);
+    session.key(QStringLiteral("ctrl+s"));
+    const auto onDense = session.waitForWindowOfSize(tessarel.processId(), kSetup * 2);
+    ASSERT_TRUE(onDense) << "no snapshot set-up at scale 2";
+    session.screenshot(QStringLiteral("on-dense-monitor"));
+    session.click(at(onDense->geometry, kStartButton, 2));
+    ASSERT_TRUE(session.waitForReveals(1));
+    const QStringList first = captures(session);
+    ASSERT_EQ(first.size(), 1);
+    const QImage denseSnapshot(QDir(session.saveFolder()).filePath(first.first()));
+    ASSERT_EQ(denseSnapshot.size(), dense.size());
+    // The monitor's own pixels, the panel left out.
+    EXPECT_EQ(
+        differingPixels(denseSnapshot, session.background(), denseSnapshot.rect(), dense.topLeft()),
+        0);
+
+    // Names have whole seconds: the next snapshot gets its own once the clock has moved on.
+    const QDateTime firstTaken = QDateTime::currentDateTime();
+    ASSERT_TRUE(processEventsUntil([&firstTaken] {
+        return QDateTime::currentDateTime().toSecsSinceEpoch() > firstTaken.toSecsSinceEpoch();
+    }));
     // No window manager draws a title bar to drag the panel by; it is moved as a window
-    // manager would move it.
-    const QPoint target = dense.topLeft() + QPoint(100, 60);
-    session.xdotool({QStringLiteral("windowmove"), QString::number(setup->id),
-                     QString::number(target.x()), QString::number(target.y())});
-    const auto moved = session.waitForWindowOfSize(tessarel.processId(), kSetup * 2);
-    ASSERT_TRUE(moved) << "the panel did not take the dense monitor's scale";
-    session.screenshot(QStringLiteral("panel-on-dense-monitor"));
-
-    session.click(at(moved->geometry, kStartButton, 2));
-    const QString path = expectOneRevealedCapture(session);
-    ASSERT_FALSE(path.isEmpty());
-    const QImage snapshot(path);
-    ASSERT_EQ(snapshot.size(), dense.size());
-    // The monitor's own pixels, the panel left out; the tray at the top is not compared.
-    EXPECT_EQ(differingPixels(snapshot, session.background(),
-                              QRect(0, 40, dense.width(), dense.height() - 40), dense.topLeft()),
-              0);
+    // manager would move it, onto the other monitor.
+    session.xdotool({QStringLiteral("windowmove"), QString::number(onDense->id),
+                     QStringLiteral("200"), QStringLiteral("150")});
+    session.display().movePointer(260, 190);
+    session.key(QStringLiteral("ctrl+r"));
+    session.key(QStringLiteral("ctrl+s"));
+    const auto onBig = session.waitForWindow(tessarel.processId(), [&](const auto& window) {
+        return window.geometry.size() == kSetup && big.contains(window.geometry);
+    });
+    ASSERT_TRUE(onBig) << "no snapshot set-up at scale 1";
+    session.screenshot(QStringLiteral("on-big-monitor"));
+    session.click(at(onBig->geometry, kStartButton));
+    ASSERT_TRUE(session.waitForReveals(2));
+    QStringList second = captures(session);
+    second.removeAll(first.first());
+    ASSERT_EQ(second.size(), 1);
+    const QImage bigSnapshot(QDir(session.saveFolder()).filePath(second.first()));
+    ASSERT_EQ(bigSnapshot.size(), big.size());
+    EXPECT_EQ(differingPixels(bigSnapshot, session.background(), bigSnapshot.rect()), 0);
 }
