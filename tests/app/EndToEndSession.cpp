@@ -304,3 +304,20 @@ QJsonObject EndToEndSession::probe(const QString& path) {
         report.value(QStringLiteral("format")).toObject().value(QStringLiteral("format_name")));
     return stream;
 }
+
+std::optional<double> EndToEndSession::peakLevel(const QString& path) {
+    QProcess ffmpeg;
+    ffmpeg.start(QStringLiteral("ffmpeg"),
+                 {QStringLiteral("-nostdin"), QStringLiteral("-hide_banner"), QStringLiteral("-i"),
+                  path, QStringLiteral("-af"), QStringLiteral("volumedetect"), QStringLiteral("-f"),
+                  QStringLiteral("null"), QStringLiteral("-")});
+    if (!ffmpeg.waitForFinished(60000) || ffmpeg.exitCode() != 0) {
+        return std::nullopt;
+    }
+    static const QRegularExpression peak(QStringLiteral("max_volume: (-?[0-9.]+) dB"));
+    const auto match = peak.match(QString::fromUtf8(ffmpeg.readAllStandardError()));
+    if (!match.hasMatch()) {
+        return std::nullopt;
+    }
+    return match.captured(1).toDouble();
+}

@@ -86,6 +86,8 @@ public:
     // The first stream and the container of a media file, as ffprobe reports them: the
     // stream's fields plus "format_name".
     static QJsonObject probe(const QString& path);
+    // The loudest sample of a sound file in dB below full scale, as ffmpeg measures it.
+    static std::optional<double> peakLevel(const QString& path);
 
 private:
     QTemporaryDir work_;

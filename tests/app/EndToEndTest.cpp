@@ -166,6 +166,10 @@ TEST_F(EndToEndTest, AnMP3RecordingOfTheComputersSoundIsSavedUnderItsTimestamped
     EXPECT_EQ(stream.value(QStringLiteral("codec_name")).toString(), QStringLiteral("mp3"));
     EXPECT_EQ(stream.value(QStringLiteral("sample_rate")).toString(), QStringLiteral("48000"));
     EXPECT_EQ(stream.value(QStringLiteral("channels")).toInt(), 2);
+    // The tone, played at half of full scale (-6 dB), is in it.
+    const std::optional<double> peak = EndToEndSession::peakLevel(path);
+    ASSERT_TRUE(peak);
+    EXPECT_GT(*peak, -12.0);
     // The panel is back at home.
     EXPECT_TRUE(session.waitForWindowOfSize(tessarel.processId(), kHome));
 }
