@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QMap>
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
@@ -43,7 +44,7 @@ void startOrThrow(QProcess& process, const char* what) {
     }
 }
 
-void end(QProcess& process) {
+void endProcess(QProcess& process) {
     if (process.state() != QProcess::NotRunning) {
         process.kill();
         process.waitForFinished(30000);
@@ -128,11 +129,11 @@ EndToEndSession::EndToEndSession(Options options) {
 
 EndToEndSession::~EndToEndSession() {
     for (const auto& application : applications_) {
-        end(*application);
+        endProcess(*application);
     }
-    end(trayHost_);
+    endProcess(trayHost_);
     fileManager_.reset();
-    end(bus_);
+    endProcess(bus_);
     if (testing::Test::HasFailure()) {
         work_.setAutoRemove(false);
         std::fprintf(stderr, "Screenshots, captures and logs kept in %s\n",
