@@ -10,6 +10,8 @@ extern "C" {
 
 #include <libyuv.h>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstring>
 #include <deque>
@@ -72,26 +74,6 @@ const AVCodec* encoderFor(std::optional<VideoCodec> preferred) {
         return h264;
     }
     return mpeg4Encoder();
-}
-
-bool samePlane(const uint8_t* packed, int width, int rows, const uint8_t* data, int stride) {
-    for (int y = 0; y < rows; ++y) {
-        if (std::memcmp(packed + static_cast<ptrdiff_t>(y) * width,
-                        data + static_cast<ptrdiff_t>(y) * stride,
-                        static_cast<size_t>(width)) != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool samePicture(const VideoFrame& frame, const AVFrame& picture) {
-    return samePlane(frame.y.data(), frame.width, frame.height, picture.data[0],
-                     picture.linesize[0]) &&
-           samePlane(frame.u.data(), frame.chromaWidth(), frame.chromaHeight(), picture.data[1],
-                     picture.linesize[1]) &&
-           samePlane(frame.v.data(), frame.chromaWidth(), frame.chromaHeight(), picture.data[2],
-                     picture.linesize[2]);
 }
 
 } // namespace
@@ -170,15 +152,13 @@ public:
         packet_.reset(av_packet_alloc());
     }
 
-    void encode(const VideoFrame& frame, int64_t timeNs) {
+    // False when the frame comes too soon after the last one to have a time of its own.
+    bool encode(const VideoFrame& frame, int64_t timeNs) {
         const int64_t pts = av_rescale_q(timeNs, kNanoseconds, kTimeBase);
         if (lastPts_ && pts <= *lastPts_) {
-            return;
+            return false;
         }
         const bool keyframeDue = !lastKeyframePts_ || pts - *lastKeyframePts_ >= kTimeBase.den;
-        if (!keyframeDue && lastPts_ && samePicture(frame, *picture_)) {
-            return;
-        }
         AVFrame* picture = picture_.get();
         check(av_frame_make_writable(picture), QStringLiteral("Tessarel is out of memory"));
         libyuv::I420Copy(frame.y.data(), frame.width, frame.u.data(), frame.chromaWidth(),
@@ -201,6 +181,7 @@ public:
         check(avcodec_send_frame(context_.get(), picture),
               QStringLiteral("Tessarel could not encode the movie"));
         drain();
+        return true;
     }
 
     // The movie ends at `endTimeNs`, and never sooner than one frame interval per encoded
@@ -251,7 +232,6 @@ private:
     std::unique_ptr<AVFormatContext, FormatContextFree> format_;
     AVStream* stream_ = nullptr; // owned by format_
     std::unique_ptr<AVCodecContext, CodecContextFree> context_;
-    // The last picture encoded, kept to spot an unchanged screen.
     FramePtr picture_;
     PacketPtr packet_;
     std::deque<PacketPtr> pending_;
@@ -283,19 +263,26 @@ std::vector<VideoCodec> VideoFileRecorder::availableCodecs() {
     return codecs;
 }
 
+long long VideoFileRecorder::encodedFrames() const {
+    return encodedFrames_;
+}
+
 void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
                               int64_t frameIntervalNs) {
     encoder_ =
         std::make_unique<Encoder>(configuration_.outputURL.toLocalFile(),
                                   configuration_.videoCodecType, width, height, frameIntervalNs);
     thread_ = std::thread([this, &queue, startTimeNs] {
+        pthread_setname_np(pthread_self(), "Tessarel.encode");
         delegate_->recordingOutputDidStartRecording();
         std::exception_ptr error;
         try {
             while (VideoFrame* frame = queue.next()) {
                 const int64_t timeNs = frame->captureTimeNs - startTimeNs;
                 try {
-                    encoder_->encode(*frame, timeNs);
+                    if (encoder_->encode(*frame, timeNs)) {
+                        ++encodedFrames_;
+                    }
                 } catch (...) {
                     queue.recycle(*frame);
                     throw;

@@ -2,6 +2,7 @@
 add_library(tessarel_linux_x11 STATIC
     VideoFileRecorder.cpp
     VideoFrameQueue.cpp
+    VideoPicture.cpp
     X11AreaGrabber.cpp
     X11Connection.cpp
     X11ContentProvider.cpp

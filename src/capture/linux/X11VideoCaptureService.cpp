@@ -2,14 +2,18 @@
 
 #include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameQueue.h"
+#include "capture/linux/VideoPicture.h"
 #include "capture/linux/X11AreaGrabber.h"
 #include "capture/linux/X11Connection.h"
+#include "capture/linux/X11ShmImage.h"
 
 #include <xcb/xfixes.h>
 
-#include <libyuv.h>
+#include <pthread.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -19,6 +23,9 @@
 namespace {
 
 constexpr int64_t kShortestFrameIntervalNs = 1'000'000'000 / 30;
+// An unchanged picture is passed on this often all the same, so the recorder can place a
+// keyframe and the file stays playable up to the last second.
+constexpr int64_t kLongestFrameIntervalNs = 1'000'000'000;
 
 int64_t monotonicNowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -67,6 +74,8 @@ public:
             excluded.push_back(application.processID);
         }
         auto grabber = std::make_unique<X11AreaGrabber>(*connection, area, std::move(excluded));
+        std::array<std::unique_ptr<X11ShmImage>, 2> grabs{
+            std::make_unique<X11ShmImage>(*connection), std::make_unique<X11ShmImage>(*connection)};
         if (configuration_.showsCursor) {
             xcb_connection_t* c = connection->get();
             XcbReply<xcb_xfixes_query_version_reply_t> version(xcb_xfixes_query_version_reply(
@@ -83,6 +92,10 @@ public:
         }
         connection_ = std::move(connection);
         grabber_ = std::move(grabber);
+        grabs_ = std::move(grabs);
+        picture_ = std::make_unique<VideoPicture>(width, height);
+        previousGrab_.reset();
+        lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
         queue_ = std::move(queue);
         stopping_ = false;
         thread_ = std::thread([this, startNs, intervalNs] { capture(startNs, intervalNs); });
@@ -103,13 +116,22 @@ public:
         if (recorder_) {
             recorder_->finish();
         }
+        picture_.reset();
+        grabs_ = {};
         grabber_.reset();
         connection_.reset();
     }
 
+    X11VideoCaptureService::Counts counts() const {
+        return {captured_, skippedIdentical_, queue_ ? queue_->droppedFrames() : 0,
+                recorder_ ? recorder_->encodedFrames() : 0, windowListings_};
+    }
+
 private:
     // The source rectangle in root pixels: the display's origin plus the display-local
-    // rectangle scaled to pixels, clipped to the display.
+    // rectangle scaled to pixels, clipped to the display. Where that is the output size
+    // or one pixel more (the output is rounded down to even), the output size is taken
+    // as it is rather than resampled.
     PixelRect pixelArea(const PixelRect& root) const {
         const Rect& frame = filter_.display.frame;
         const Rect& source = configuration_.sourceRect;
@@ -119,10 +141,17 @@ private:
                                 static_cast<int>(std::lround(frame.y)),
                                 static_cast<int>(std::lround(frame.width)),
                                 static_cast<int>(std::lround(frame.height))};
-        const PixelRect wanted{display.x + static_cast<int>(std::lround(source.x * scale)),
-                               display.y + static_cast<int>(std::lround(source.y * scale)),
-                               static_cast<int>(std::lround(source.width * scale)),
-                               static_cast<int>(std::lround(source.height * scale))};
+        PixelRect wanted{display.x + static_cast<int>(std::lround(source.x * scale)),
+                         display.y + static_cast<int>(std::lround(source.y * scale)),
+                         static_cast<int>(std::lround(source.width * scale)),
+                         static_cast<int>(std::lround(source.height * scale))};
+        const auto fit = [](int& size, long long output) {
+            if (size - output == 1) {
+                size = static_cast<int>(output);
+            }
+        };
+        fit(wanted.width, configuration_.width);
+        fit(wanted.height, configuration_.height);
         return wanted.intersected(display).intersected(root);
     }
 
@@ -136,6 +165,7 @@ private:
     // The capture thread: one grab per tick of a fixed grid; ticks missed while late are
     // skipped rather than made up in a burst.
     void capture(int64_t startNs, int64_t intervalNs) {
+        pthread_setname_np(pthread_self(), "Tessarel.grab");
         try {
             for (int64_t tick = 0;; tick = (monotonicNowNs() - startNs) / intervalNs + 1) {
                 const std::chrono::steady_clock::time_point deadline{
@@ -153,6 +183,8 @@ private:
         }
     }
 
+    // Grabs into the buffer the last frame passed on is not in, so the two can be compared
+    // without a copy; an unchanged grab goes no further than that comparison.
     void grabFrame() {
         xcb_connection_t* c = connection_->get();
         const int64_t captureNs = monotonicNowNs();
@@ -160,8 +192,11 @@ private:
         if (configuration_.showsCursor) {
             pointer = xcb_xfixes_get_cursor_image(c);
         }
-        grabber_->grab();
-        X11ShmImage& image = grabber_->image();
+        const size_t current = previousGrab_ == 0u ? 1 : 0;
+        X11ShmImage& image = *grabs_[current];
+        grabber_->grab(image);
+        windowListings_ = grabber_->windowListings();
+        ++captured_;
         if (pointer) {
             XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor(
                 xcb_xfixes_get_cursor_image_reply(c, *pointer, nullptr));
@@ -169,21 +204,21 @@ private:
                 drawPointer(*cursor, image);
             }
         }
-        const uint8_t* pixels = image.pixels();
-        int bytesPerRow = image.bytesPerRow();
-        const int width = static_cast<int>(configuration_.width);
-        const int height = static_cast<int>(configuration_.height);
-        if (width != image.width() || height != image.height()) {
-            scaled_.resize(static_cast<size_t>(width) * static_cast<size_t>(height) * 4);
-            libyuv::ARGBScale(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
-                              scaled_.data(), width * 4, width, height, libyuv::kFilterBilinear);
-            pixels = scaled_.data();
-            bytesPerRow = width * 4;
+        const bool heartbeat = captureNs - lastPassedOnNs_ >= kLongestFrameIntervalNs;
+        const bool changed =
+            picture_->update(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
+                             previousGrab_ ? grabs_[*previousGrab_]->pixels() : nullptr);
+        if (!changed && !heartbeat) {
+            ++skippedIdentical_;
+            return;
         }
+        previousGrab_ = current;
+        lastPassedOnNs_ = captureNs;
+        const VideoFrame& picture = picture_->frame();
         VideoFrame& frame = queue_->acquire();
-        libyuv::ARGBToI420(pixels, bytesPerRow, frame.y.data(), frame.width, frame.u.data(),
-                           frame.chromaWidth(), frame.v.data(), frame.chromaWidth(), frame.width,
-                           frame.height);
+        frame.y = picture.y;
+        frame.u = picture.u;
+        frame.v = picture.v;
         frame.captureTimeNs = captureNs;
         queue_->publish(frame);
     }
@@ -217,15 +252,22 @@ private:
     const VideoStreamConfiguration configuration_;
     StreamDelegate* const delegate_;
     std::shared_ptr<VideoFileRecorder> recorder_;
+    std::unique_ptr<VideoFrameQueue> queue_;
     // Made by startCapture, then used by the capture thread only until it is joined.
     std::unique_ptr<X11Connection> connection_;
     std::unique_ptr<X11AreaGrabber> grabber_;
-    std::unique_ptr<VideoFrameQueue> queue_;
-    std::vector<uint8_t> scaled_; // the grab at the output size, when that differs
+    std::array<std::unique_ptr<X11ShmImage>, 2> grabs_;
+    std::optional<size_t> previousGrab_; // the grab the last frame passed on was made from
+    std::unique_ptr<VideoPicture> picture_;
+    int64_t lastPassedOnNs_ = 0;
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
     std::thread thread_;
+    // Written by the capture thread, read by any.
+    std::atomic<long long> captured_{0};
+    std::atomic<long long> skippedIdentical_{0};
+    std::atomic<long long> windowListings_{0};
 };
 
 } // namespace
@@ -246,4 +288,9 @@ std::shared_ptr<RecordingOutput>
 X11VideoCaptureService::makeRecordingOutput(const RecordingOutputConfiguration& config,
                                             RecordingOutputDelegate* delegate) {
     return std::make_shared<VideoFileRecorder>(config, delegate);
+}
+
+X11VideoCaptureService::Counts X11VideoCaptureService::counts(const VideoCaptureStream& stream) {
+    const auto* ours = dynamic_cast<const X11VideoStream*>(&stream);
+    return ours ? ours->counts() : Counts{};
 }
