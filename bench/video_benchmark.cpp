@@ -34,6 +34,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -195,6 +196,7 @@ struct Result {
     long long frames = 0;
     double duration = 0;
     qint64 bytes = 0;
+    std::optional<X11VideoCaptureService::Counts> counts; // Tessarel's only
 };
 
 void probeInto(Result& result, const QString& path) {
@@ -254,6 +256,7 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     getrusage(RUSAGE_SELF, &after);
     Result result;
     result.cpuSeconds = cpuSeconds(after) - cpuSeconds(before);
+    result.counts = X11VideoCaptureService::counts(*stream);
     probeInto(result, path);
     return result;
 }
@@ -331,6 +334,7 @@ int main(int argc, char** argv) {
     std::printf("%-9s %-9s %9s %8s %8s %9s %11s\n", "scene", "recorder", "cpu s", "frames",
                 "missing", "length s", "size MB");
     std::vector<std::string> ratios;
+    std::vector<std::string> details;
     for (const char* scene : {"desktop", "motion"}) {
         const pid_t driver =
             spawn({argv[0], "--scene", scene, "--display", display.name().toStdString()});
@@ -352,6 +356,18 @@ int main(int argc, char** argv) {
                       std::strcmp(scene, "desktop") == 0 ? "0.50" : "0.80",
                       static_cast<double>(ours.bytes) / static_cast<double>(peer.bytes));
         ratios.emplace_back(line);
+        if (const auto& counts = ours.counts) {
+            std::snprintf(line, sizeof line,
+                          "%-9s tessarel: %lld captured, %lld skipped as identical, %lld dropped by "
+                          "the queue, %lld encoded; windows listed %lld times",
+                          scene, counts->captured, counts->skippedIdentical,
+                          counts->droppedByQueue, counts->encoded, counts->windowListings);
+            details.emplace_back(line);
+        }
+    }
+    std::printf("\n");
+    for (const auto& line : details) {
+        std::printf("%s\n", line.c_str());
     }
     std::printf("\n");
     for (const auto& line : ratios) {

@@ -8,8 +8,6 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include <libyuv.h>
-
 #include <pthread.h>
 
 #include <algorithm>
@@ -120,6 +118,9 @@ public:
             // Without B-frames decoding order is display order: each frame's duration is
             // exactly the time until the next capture, and the movie starts at zero.
             context_->max_b_frames = 0;
+            // One thread: a frame of a screen recording takes a small part of its interval,
+            // and frame threads would only add CPU time for their hand-overs.
+            context_->thread_count = 1;
         } else {
             context_->flags |= AV_CODEC_FLAG_QSCALE;
             context_->global_quality = FF_QP2LAMBDA * 4;
@@ -152,19 +153,17 @@ public:
         packet_.reset(av_packet_alloc());
     }
 
-    // False when the frame comes too soon after the last one to have a time of its own.
+    // Brings the picture up to `frame`; false when the frame comes too soon after the last
+    // one encoded to have a time of its own.
     bool encode(const VideoFrame& frame, int64_t timeNs) {
+        AVFrame* picture = picture_.get();
+        check(av_frame_make_writable(picture), QStringLiteral("Tessarel is out of memory"));
+        applyChanges(frame, *picture);
         const int64_t pts = av_rescale_q(timeNs, kNanoseconds, kTimeBase);
         if (lastPts_ && pts <= *lastPts_) {
             return false;
         }
         const bool keyframeDue = !lastKeyframePts_ || pts - *lastKeyframePts_ >= kTimeBase.den;
-        AVFrame* picture = picture_.get();
-        check(av_frame_make_writable(picture), QStringLiteral("Tessarel is out of memory"));
-        libyuv::I420Copy(frame.y.data(), frame.width, frame.u.data(), frame.chromaWidth(),
-                         frame.v.data(), frame.chromaWidth(), picture->data[0],
-                         picture->linesize[0], picture->data[1], picture->linesize[1],
-                         picture->data[2], picture->linesize[2], frame.width, frame.height);
         if (lastPts_) {
             durations_[*lastPts_] = pts - *lastPts_;
         }
@@ -200,6 +199,32 @@ public:
     }
 
 private:
+    static void applyChanges(const VideoFrame& frame, AVFrame& picture) {
+        const int chromaWidth = frame.chromaWidth();
+        for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
+            const ColumnSpan& span = frame.changed[pair];
+            if (span.isEmpty()) {
+                continue;
+            }
+            const int top = static_cast<int>(pair) * 2;
+            for (int y = top; y < std::min(frame.height, top + 2); ++y) {
+                std::memcpy(picture.data[0] + static_cast<ptrdiff_t>(y) * picture.linesize[0] +
+                                span.begin,
+                            frame.y.data() + static_cast<ptrdiff_t>(y) * frame.width + span.begin,
+                            static_cast<size_t>(span.end - span.begin));
+            }
+            const int chromaBegin = span.begin / 2;
+            const auto chromaBytes = static_cast<size_t>((span.end + 1) / 2 - chromaBegin);
+            const ptrdiff_t from = static_cast<ptrdiff_t>(pair) * chromaWidth + chromaBegin;
+            std::memcpy(picture.data[1] + static_cast<ptrdiff_t>(pair) * picture.linesize[1] +
+                            chromaBegin,
+                        frame.u.data() + from, chromaBytes);
+            std::memcpy(picture.data[2] + static_cast<ptrdiff_t>(pair) * picture.linesize[2] +
+                            chromaBegin,
+                        frame.v.data() + from, chromaBytes);
+        }
+    }
+
     // Writes what the encoder has ready, each packet as soon as its duration is known.
     void drain() {
         for (;;) {

@@ -1,8 +1,8 @@
 # X11 through XCB: displays and applications, snapshot, cropped video stream and recorder.
 add_library(tessarel_linux_x11 STATIC
     VideoFileRecorder.cpp
+    VideoFrameConverter.cpp
     VideoFrameQueue.cpp
-    VideoPicture.cpp
     X11AreaGrabber.cpp
     X11Connection.cpp
     X11ContentProvider.cpp

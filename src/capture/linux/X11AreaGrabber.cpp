@@ -133,16 +133,18 @@ bool X11AreaGrabber::excludedWindowOverlaps() const {
     });
 }
 
-// Reads the events that arrived since the last grab. Moves, resizes and restacks are
-// applied to the list as they come; a window that appears, goes, is mapped or changes
-// parent may bring a new owner, so the list is read again. Errors left by requests whose
-// windows vanished meanwhile are dropped: the picture simply lacks those windows.
-void X11AreaGrabber::followLayout() {
-    while (XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(connection_.get())}) {
+// Reads the events `poll` hands out. Moves, resizes and restacks are applied to the list as
+// they come; a window that appears, goes, is mapped or changes parent may bring a new owner,
+// so the list is read again. Errors left by requests whose windows vanished meanwhile are
+// dropped: the picture simply lacks those windows. Returns whether any of the events may
+// have brought an excluded window over the area.
+bool X11AreaGrabber::followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*)) {
+    bool mayShowExcluded = false;
+    while (XcbReply<xcb_generic_event_t> event{poll(connection_.get())}) {
         switch (event->response_type & 0x7f) {
         case XCB_CONFIGURE_NOTIFY:
             if (windows_) {
-                followConfigure(
+                mayShowExcluded |= followConfigure(
                     *reinterpret_cast<const xcb_configure_notify_event_t*>(event.get()));
             }
             break;
@@ -163,6 +165,7 @@ void X11AreaGrabber::followLayout() {
         case XCB_GRAVITY_NOTIFY:
         case XCB_CIRCULATE_NOTIFY:
             windows_.reset();
+            mayShowExcluded = true;
             break;
         default:
             break;
@@ -172,15 +175,16 @@ void X11AreaGrabber::followLayout() {
         windows_ = connection_.topLevels();
         ++windowListings_;
     }
+    return mayShowExcluded;
 }
 
-void X11AreaGrabber::followConfigure(const xcb_configure_notify_event_t& event) {
+bool X11AreaGrabber::followConfigure(const xcb_configure_notify_event_t& event) {
     auto& windows = *windows_;
     const auto moved = std::find_if(windows.begin(), windows.end(),
                                     [&](const X11TopLevel& w) { return w.window == event.window; });
     if (moved == windows.end()) {
         windows_.reset();
-        return;
+        return true;
     }
     X11TopLevel window = *moved;
     window.outerGeometry = {event.x, event.y, event.width + 2 * event.border_width,
@@ -193,19 +197,28 @@ void X11AreaGrabber::followConfigure(const xcb_configure_notify_event_t& event) 
                              [&](const X11TopLevel& w) { return w.window == event.above_sibling; });
         if (place == windows.end()) {
             windows_.reset();
-            return;
+            return true;
         }
         ++place;
     }
     windows.insert(place, window);
+    return window.isShown() && isExcluded(window) &&
+           !window.outerGeometry.intersected(area_).isEmpty();
 }
 
 void X11AreaGrabber::grab(X11ShmImage& image) {
-    followLayout();
-    if (windows_ && excludedWindowOverlaps()) {
-        compose(image);
-    } else {
+    followLayout(xcb_poll_for_event);
+    for (;;) {
+        if (windows_ && excludedWindowOverlaps()) {
+            compose(image);
+            return;
+        }
         image.grab(connection_.root(), area_);
+        // The server reports a change it made before the copy ahead of the copy's reply. If
+        // one may have put an excluded window into the picture, the grab is made again.
+        if (!followLayout(xcb_poll_for_queued_event)) {
+            return;
+        }
     }
 }
 

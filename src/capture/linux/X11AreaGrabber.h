@@ -39,8 +39,8 @@ public:
 private:
     struct Composer;
 
-    void followLayout();
-    void followConfigure(const xcb_configure_notify_event_t& event);
+    bool followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*));
+    bool followConfigure(const xcb_configure_notify_event_t& event);
     bool isExcluded(const X11TopLevel& window) const;
     bool excludedWindowOverlaps() const;
     void compose(X11ShmImage& image);

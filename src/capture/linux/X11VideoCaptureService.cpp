@@ -1,8 +1,8 @@
 #include "capture/linux/X11VideoCaptureService.h"
 
 #include "capture/linux/VideoFileRecorder.h"
+#include "capture/linux/VideoFrameConverter.h"
 #include "capture/linux/VideoFrameQueue.h"
-#include "capture/linux/VideoPicture.h"
 #include "capture/linux/X11AreaGrabber.h"
 #include "capture/linux/X11Connection.h"
 #include "capture/linux/X11ShmImage.h"
@@ -93,7 +93,7 @@ public:
         connection_ = std::move(connection);
         grabber_ = std::move(grabber);
         grabs_ = std::move(grabs);
-        picture_ = std::make_unique<VideoPicture>(width, height);
+        converter_ = std::make_unique<VideoFrameConverter>(width, height);
         previousGrab_.reset();
         lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
         queue_ = std::move(queue);
@@ -116,7 +116,7 @@ public:
         if (recorder_) {
             recorder_->finish();
         }
-        picture_.reset();
+        converter_.reset();
         grabs_ = {};
         grabber_.reset();
         connection_.reset();
@@ -206,19 +206,17 @@ private:
         }
         const bool heartbeat = captureNs - lastPassedOnNs_ >= kLongestFrameIntervalNs;
         const bool changed =
-            picture_->update(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
-                             previousGrab_ ? grabs_[*previousGrab_]->pixels() : nullptr);
+            converter_->compare(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
+                                previousGrab_ ? grabs_[*previousGrab_]->pixels() : nullptr);
         if (!changed && !heartbeat) {
             ++skippedIdentical_;
             return;
         }
         previousGrab_ = current;
         lastPassedOnNs_ = captureNs;
-        const VideoFrame& picture = picture_->frame();
         VideoFrame& frame = queue_->acquire();
-        frame.y = picture.y;
-        frame.u = picture.u;
-        frame.v = picture.v;
+        converter_->convert(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
+                            frame);
         frame.captureTimeNs = captureNs;
         queue_->publish(frame);
     }
@@ -258,7 +256,7 @@ private:
     std::unique_ptr<X11AreaGrabber> grabber_;
     std::array<std::unique_ptr<X11ShmImage>, 2> grabs_;
     std::optional<size_t> previousGrab_; // the grab the last frame passed on was made from
-    std::unique_ptr<VideoPicture> picture_;
+    std::unique_ptr<VideoFrameConverter> converter_;
     int64_t lastPassedOnNs_ = 0;
     std::mutex mutex_;
     std::condition_variable wake_;
