@@ -349,7 +349,7 @@ int main(int argc, char** argv) {
         waitpid(driver, nullptr, 0);
         printRow(scene, "tessarel", ours, seconds);
         printRow(scene, "ffmpeg", peer, seconds);
-        char line[200];
+        char line[400];
         std::snprintf(line, sizeof line,
                       "%-9s cpu %.2f x ffmpeg (target %s), size %.2f x ffmpeg (target 1.20)", scene,
                       ours.cpuSeconds / peer.cpuSeconds,
@@ -357,11 +357,14 @@ int main(int argc, char** argv) {
                       static_cast<double>(ours.bytes) / static_cast<double>(peer.bytes));
         ratios.emplace_back(line);
         if (const auto& counts = ours.counts) {
-            std::snprintf(line, sizeof line,
-                          "%-9s tessarel: %lld captured, %lld skipped as identical, %lld dropped by "
-                          "the queue, %lld encoded; windows listed %lld times",
-                          scene, counts->captured, counts->skippedIdentical,
-                          counts->droppedByQueue, counts->encoded, counts->windowListings);
+            std::snprintf(
+                line, sizeof line,
+                "%-9s tessarel: %lld captured, %lld skipped as identical, %lld dropped by "
+                "the queue, %lld encoded; windows listed %lld times; cpu s: %.2f "
+                "encoding thread (x264, muxer), %.2f the rest",
+                scene, counts->captured, counts->skippedIdentical, counts->droppedByQueue,
+                counts->encoded, counts->windowListings, counts->encoderCpuSeconds,
+                ours.cpuSeconds - counts->encoderCpuSeconds);
             details.emplace_back(line);
         }
     }

@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include <pthread.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cstring>
@@ -292,6 +293,10 @@ long long VideoFileRecorder::encodedFrames() const {
     return encodedFrames_;
 }
 
+double VideoFileRecorder::encoderCpuSeconds() const {
+    return encoderCpuSeconds_;
+}
+
 void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
                               int64_t frameIntervalNs) {
     encoder_ =
@@ -319,6 +324,10 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
             error = std::current_exception();
         }
         encoder_.reset();
+        timespec cpu{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+        encoderCpuSeconds_ =
+            static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
         if (error) {
             delegate_->recordingOutputDidFail(error);
         } else {

@@ -123,8 +123,12 @@ public:
     }
 
     X11VideoCaptureService::Counts counts() const {
-        return {captured_, skippedIdentical_, queue_ ? queue_->droppedFrames() : 0,
-                recorder_ ? recorder_->encodedFrames() : 0, windowListings_};
+        return {captured_,
+                skippedIdentical_,
+                queue_ ? queue_->droppedFrames() : 0,
+                recorder_ ? recorder_->encodedFrames() : 0,
+                windowListings_,
+                recorder_ ? recorder_->encoderCpuSeconds() : 0};
     }
 
 private:
