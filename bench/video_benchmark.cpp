@@ -360,11 +360,11 @@ int main(int argc, char** argv) {
             std::snprintf(
                 line, sizeof line,
                 "%-9s tessarel: %lld captured, %lld skipped as identical, %lld dropped by "
-                "the queue, %lld encoded; windows listed %lld times; cpu s: %.2f "
-                "encoding thread (x264, muxer), %.2f the rest",
+                "the queue, %lld encoded; windows listed %lld times; cpu s: %.2f capture "
+                "thread, %.2f encoding (x264, muxer)",
                 scene, counts->captured, counts->skippedIdentical, counts->droppedByQueue,
-                counts->encoded, counts->windowListings, counts->encoderCpuSeconds,
-                ours.cpuSeconds - counts->encoderCpuSeconds);
+                counts->encoded, counts->windowListings, counts->captureCpuSeconds,
+                ours.cpuSeconds - counts->captureCpuSeconds);
             details.emplace_back(line);
         }
     }

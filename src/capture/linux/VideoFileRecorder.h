@@ -43,9 +43,6 @@ public:
 
     // Any thread: frames handed to the encoder so far.
     long long encodedFrames() const;
-    // Any thread, once the movie is complete or has failed: the CPU time the encoding
-    // thread took, encoder and file writing.
-    double encoderCpuSeconds() const;
 
 private:
     class Encoder;
@@ -55,5 +52,4 @@ private:
     std::unique_ptr<Encoder> encoder_;
     std::thread thread_;
     std::atomic<long long> encodedFrames_{0};
-    std::atomic<double> encoderCpuSeconds_{0};
 };

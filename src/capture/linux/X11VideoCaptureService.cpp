@@ -10,6 +10,7 @@
 #include <xcb/xfixes.h>
 
 #include <pthread.h>
+#include <time.h>
 
 #include <algorithm>
 #include <array>
@@ -128,7 +129,7 @@ public:
                 queue_ ? queue_->droppedFrames() : 0,
                 recorder_ ? recorder_->encodedFrames() : 0,
                 windowListings_,
-                recorder_ ? recorder_->encoderCpuSeconds() : 0};
+                captureCpuSeconds_};
     }
 
 private:
@@ -166,17 +167,20 @@ private:
         return std::max(requested, kShortestFrameIntervalNs);
     }
 
-    // The capture thread: one grab per tick of a fixed grid; ticks missed while late are
-    // skipped rather than made up in a burst.
+    // The capture thread: at most one grab per tick of a fixed grid. A grab that ran into
+    // the next tick's interval is followed by that tick's at once; a tick missed entirely
+    // is skipped rather than made up in a burst.
     void capture(int64_t startNs, int64_t intervalNs) {
         pthread_setname_np(pthread_self(), "Tessarel.grab");
         try {
-            for (int64_t tick = 0;; tick = (monotonicNowNs() - startNs) / intervalNs + 1) {
+            for (int64_t tick = 0;;
+                 tick = std::max(tick + 1, (monotonicNowNs() - startNs) / intervalNs)) {
                 const std::chrono::steady_clock::time_point deadline{
                     std::chrono::nanoseconds(startNs + tick * intervalNs)};
                 {
                     std::unique_lock guard(mutex_);
                     if (wake_.wait_until(guard, deadline, [this] { return stopping_; })) {
+                        noteCpuTime();
                         return;
                     }
                 }
@@ -185,6 +189,14 @@ private:
         } catch (...) {
             delegate_->streamDidStop(std::current_exception());
         }
+    }
+
+    // The capture thread, as it ends.
+    void noteCpuTime() {
+        timespec cpu{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+        captureCpuSeconds_ =
+            static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
     }
 
     // Grabs into the buffer the last frame passed on is not in, so the two can be compared
@@ -209,18 +221,22 @@ private:
             }
         }
         const bool heartbeat = captureNs - lastPassedOnNs_ >= kLongestFrameIntervalNs;
-        const bool changed =
-            converter_->compare(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
-                                previousGrab_ ? grabs_[*previousGrab_]->pixels() : nullptr);
-        if (!changed && !heartbeat) {
+        const auto grabOf = [](const X11ShmImage& shm) {
+            return VideoGrab{shm.pixels(), shm.width(), shm.height(), shm.bytesPerRow()};
+        };
+        const VideoGrab grab = grabOf(image);
+        std::optional<VideoGrab> previous;
+        if (previousGrab_) {
+            previous = grabOf(*grabs_[*previousGrab_]);
+        }
+        if (!converter_->differs(grab, previous ? &*previous : nullptr) && !heartbeat) {
             ++skippedIdentical_;
             return;
         }
         previousGrab_ = current;
         lastPassedOnNs_ = captureNs;
         VideoFrame& frame = queue_->acquire();
-        converter_->convert(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
-                            frame);
+        converter_->convert(frame);
         frame.captureTimeNs = captureNs;
         queue_->publish(frame);
     }
@@ -270,6 +286,7 @@ private:
     std::atomic<long long> captured_{0};
     std::atomic<long long> skippedIdentical_{0};
     std::atomic<long long> windowListings_{0};
+    std::atomic<double> captureCpuSeconds_{0};
 };
 
 } // namespace

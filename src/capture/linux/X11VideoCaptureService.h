@@ -21,7 +21,7 @@ public:
         long long droppedByQueue = 0;   // frames overwritten while the encoder was behind
         long long encoded = 0;          // frames the recorder encoded
         long long windowListings = 0;   // times the top-level windows were read
-        double encoderCpuSeconds = 0;   // the recorder's thread, once the movie is complete
+        double captureCpuSeconds = 0;   // the capture thread's, once it has stopped
     };
 
     // An empty name means $DISPLAY.

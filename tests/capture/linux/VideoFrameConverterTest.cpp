@@ -55,6 +55,10 @@ void apply(const VideoFrame& frame, VideoFrame& picture) {
     }
 }
 
+VideoGrab grabOf(const std::vector<uint8_t>& pixels, int width, int height) {
+    return {pixels.data(), width, height, width * 4};
+}
+
 void expectSamePicture(const VideoFrame& got, const VideoFrame& want) {
     EXPECT_EQ(got.y, want.y);
     EXPECT_EQ(got.u, want.u);
@@ -68,8 +72,8 @@ TEST(VideoFrameConverter, FirstGrabIsConvertedWhole) {
     VideoFrameConverter converter(64, 48);
     VideoFrame frame = emptyFrame(64, 48);
 
-    EXPECT_TRUE(converter.compare(grab.data(), 64 * 4, 64, 48, nullptr));
-    converter.convert(grab.data(), 64 * 4, 64, 48, frame);
+    EXPECT_TRUE(converter.differs(grabOf(grab, 64, 48), nullptr));
+    converter.convert(frame);
 
     expectSamePicture(frame, wholeConversion(grab, 64, 48));
     for (const ColumnSpan& span : frame.changed) {
@@ -82,7 +86,22 @@ TEST(VideoFrameConverter, GrabEqualToThePreviousOneIsNoChange) {
     const auto second = first;
     VideoFrameConverter converter(64, 48);
 
-    EXPECT_FALSE(converter.compare(second.data(), 64 * 4, 64, 48, first.data()));
+    const VideoGrab previous = grabOf(first, 64, 48);
+    EXPECT_FALSE(converter.differs(grabOf(second, 64, 48), &previous));
+}
+
+TEST(VideoFrameConverter, UnchangedGrabPassedOnAllTheSameMarksNothing) {
+    const auto grab = noise(64, 48, 7);
+    VideoFrameConverter converter(64, 48);
+    VideoFrame frame = emptyFrame(64, 48);
+    const VideoGrab same = grabOf(grab, 64, 48);
+
+    ASSERT_FALSE(converter.differs(same, &same));
+    converter.convert(frame);
+
+    for (const ColumnSpan& span : frame.changed) {
+        EXPECT_TRUE(span.isEmpty());
+    }
 }
 
 TEST(VideoFrameConverter, OnlyTheChangedColumnsOfChangedRowsAreMarked) {
@@ -97,8 +116,9 @@ TEST(VideoFrameConverter, OnlyTheChangedColumnsOfChangedRowsAreMarked) {
     VideoFrameConverter converter(96, 64);
     VideoFrame frame = emptyFrame(96, 64);
 
-    ASSERT_TRUE(converter.compare(second.data(), 96 * 4, 96, 64, first.data()));
-    converter.convert(second.data(), 96 * 4, 96, 64, frame);
+    const VideoGrab previous = grabOf(first, 96, 64);
+    ASSERT_TRUE(converter.differs(grabOf(second, 96, 64), &previous));
+    converter.convert(frame);
 
     for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
         const bool inPatch = pair >= 6 && pair <= 14;
@@ -119,8 +139,9 @@ TEST(VideoFrameConverter, ChangesAppliedToThePictureBeforeGiveTheNewPicture) {
     VideoFrame frame = emptyFrame(96, 64);
     VideoFrame picture = wholeConversion(first, 96, 64);
 
-    ASSERT_TRUE(converter.compare(second.data(), 96 * 4, 96, 64, first.data()));
-    converter.convert(second.data(), 96 * 4, 96, 64, frame);
+    const VideoGrab previous = grabOf(first, 96, 64);
+    ASSERT_TRUE(converter.differs(grabOf(second, 96, 64), &previous));
+    converter.convert(frame);
     apply(frame, picture);
 
     expectSamePicture(picture, wholeConversion(second, 96, 64));
@@ -143,10 +164,12 @@ TEST(VideoFrameConverter, FrameTakenBackFromTheQueueKeepsItsEarlierChanges) {
     VideoFrame frame = emptyFrame(64, 64);
     VideoFrame picture = wholeConversion(first, 64, 64);
 
-    ASSERT_TRUE(converter.compare(second.data(), 64 * 4, 64, 64, first.data()));
-    converter.convert(second.data(), 64 * 4, 64, 64, frame);
-    ASSERT_TRUE(converter.compare(third.data(), 64 * 4, 64, 64, second.data()));
-    converter.convert(third.data(), 64 * 4, 64, 64, frame);
+    const VideoGrab firstGrab = grabOf(first, 64, 64);
+    const VideoGrab secondGrab = grabOf(second, 64, 64);
+    ASSERT_TRUE(converter.differs(secondGrab, &firstGrab));
+    converter.convert(frame);
+    ASSERT_TRUE(converter.differs(grabOf(third, 64, 64), &secondGrab));
+    converter.convert(frame);
     apply(frame, picture);
 
     expectSamePicture(picture, wholeConversion(third, 64, 64));
@@ -157,9 +180,10 @@ TEST(VideoFrameConverter, GrabOfAnotherSizeIsScaledToTheOutputSize) {
     VideoFrameConverter converter(64, 48);
     VideoFrame frame = emptyFrame(64, 48);
 
-    ASSERT_TRUE(converter.compare(grab.data(), 65 * 4, 65, 49, nullptr));
-    converter.convert(grab.data(), 65 * 4, 65, 49, frame);
-    EXPECT_FALSE(converter.compare(grab.data(), 65 * 4, 65, 49, grab.data()));
+    ASSERT_TRUE(converter.differs(grabOf(grab, 65, 49), nullptr));
+    converter.convert(frame);
+    const VideoGrab same = grabOf(grab, 65, 49);
+    EXPECT_FALSE(converter.differs(same, &same));
 
     std::vector<uint8_t> scaled(64 * 48 * 4);
     libyuv::ARGBScale(grab.data(), 65 * 4, 65, 49, scaled.data(), 64 * 4, 64, 48,
