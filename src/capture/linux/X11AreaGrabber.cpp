@@ -158,8 +158,10 @@ bool X11AreaGrabber::followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*
                 }
             }
             break;
-        case XCB_CREATE_NOTIFY:
+        case XCB_CREATE_NOTIFY: // a new window is not mapped yet
         case XCB_DESTROY_NOTIFY:
+            windows_.reset();
+            break;
         case XCB_MAP_NOTIFY:
         case XCB_REPARENT_NOTIFY:
         case XCB_GRAVITY_NOTIFY:
