@@ -9,7 +9,10 @@
 // A child process of this program draws the scene, so the CPU seconds are each recorder's
 // own (the X server's share is not counted for either). Frames are counted with ffprobe;
 // ffmpeg writes a constant 30 fps, repeating a frame where it missed one, so its "missing"
-// column cannot show drops.
+// column cannot show drops. Below the table, Tessarel's stream tells what became of its
+// grabs (skipped as identical to the one before, dropped because the encoder was behind,
+// encoded), how often it listed the windows, and how its CPU time divides between the
+// capture thread and encoding.
 
 #include "capture/linux/X11ContentProvider.h"
 #include "capture/linux/X11VideoCaptureService.h"
