@@ -200,6 +200,7 @@ public:
     }
 
 private:
+    // Copies the changed columns of `frame` into `picture`.
     static void applyChanges(const VideoFrame& frame, AVFrame& picture) {
         const int chromaWidth = frame.chromaWidth();
         for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
@@ -258,7 +259,7 @@ private:
     std::unique_ptr<AVFormatContext, FormatContextFree> format_;
     AVStream* stream_ = nullptr; // owned by format_
     std::unique_ptr<AVCodecContext, CodecContextFree> context_;
-    FramePtr picture_;
+    FramePtr picture_; // the whole picture, which each frame's changes bring up to date
     PacketPtr packet_;
     std::deque<PacketPtr> pending_;
     std::map<int64_t, int64_t> durations_; // pts → how long that frame shows
