@@ -9,7 +9,10 @@
 // A child process of this program draws the scene, so the CPU seconds are each recorder's
 // own (the X server's share is not counted for either). Frames are counted with ffprobe;
 // ffmpeg writes a constant 30 fps, repeating a frame where it missed one, so its "missing"
-// column cannot show drops.
+// column cannot show drops. Below the table, Tessarel's stream tells what became of its
+// grabs (skipped as identical to the one before, dropped because the encoder was behind,
+// encoded), how often it listed the windows, and how its CPU time divides between the
+// capture thread and encoding.
 
 #include "capture/linux/X11ContentProvider.h"
 #include "capture/linux/X11VideoCaptureService.h"
@@ -34,6 +37,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -195,6 +199,7 @@ struct Result {
     long long frames = 0;
     double duration = 0;
     qint64 bytes = 0;
+    std::optional<X11VideoCaptureService::Counts> counts; // Tessarel's only
 };
 
 void probeInto(Result& result, const QString& path) {
@@ -254,6 +259,7 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     getrusage(RUSAGE_SELF, &after);
     Result result;
     result.cpuSeconds = cpuSeconds(after) - cpuSeconds(before);
+    result.counts = X11VideoCaptureService::counts(*stream);
     probeInto(result, path);
     return result;
 }
@@ -331,6 +337,7 @@ int main(int argc, char** argv) {
     std::printf("%-9s %-9s %9s %8s %8s %9s %11s\n", "scene", "recorder", "cpu s", "frames",
                 "missing", "length s", "size MB");
     std::vector<std::string> ratios;
+    std::vector<std::string> details;
     for (const char* scene : {"desktop", "motion"}) {
         const pid_t driver =
             spawn({argv[0], "--scene", scene, "--display", display.name().toStdString()});
@@ -345,13 +352,28 @@ int main(int argc, char** argv) {
         waitpid(driver, nullptr, 0);
         printRow(scene, "tessarel", ours, seconds);
         printRow(scene, "ffmpeg", peer, seconds);
-        char line[200];
+        char line[400];
         std::snprintf(line, sizeof line,
                       "%-9s cpu %.2f x ffmpeg (target %s), size %.2f x ffmpeg (target 1.20)", scene,
                       ours.cpuSeconds / peer.cpuSeconds,
                       std::strcmp(scene, "desktop") == 0 ? "0.50" : "0.80",
                       static_cast<double>(ours.bytes) / static_cast<double>(peer.bytes));
         ratios.emplace_back(line);
+        if (const auto& counts = ours.counts) {
+            std::snprintf(
+                line, sizeof line,
+                "%-9s tessarel: %lld captured, %lld skipped as identical, %lld dropped by "
+                "the queue, %lld encoded; windows listed %lld times; cpu s: %.2f capture "
+                "thread, %.2f encoding (x264, muxer)",
+                scene, counts->captured, counts->skippedIdentical, counts->droppedByQueue,
+                counts->encoded, counts->windowListings, counts->captureCpuSeconds,
+                ours.cpuSeconds - counts->captureCpuSeconds);
+            details.emplace_back(line);
+        }
+    }
+    std::printf("\n");
+    for (const auto& line : details) {
+        std::printf("%s\n", line.c_str());
     }
     std::printf("\n");
     for (const auto& line : ratios) {

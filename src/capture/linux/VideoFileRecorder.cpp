@@ -8,7 +8,7 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include <libyuv.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <cstring>
@@ -74,26 +74,6 @@ const AVCodec* encoderFor(std::optional<VideoCodec> preferred) {
     return mpeg4Encoder();
 }
 
-bool samePlane(const uint8_t* packed, int width, int rows, const uint8_t* data, int stride) {
-    for (int y = 0; y < rows; ++y) {
-        if (std::memcmp(packed + static_cast<ptrdiff_t>(y) * width,
-                        data + static_cast<ptrdiff_t>(y) * stride,
-                        static_cast<size_t>(width)) != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool samePicture(const VideoFrame& frame, const AVFrame& picture) {
-    return samePlane(frame.y.data(), frame.width, frame.height, picture.data[0],
-                     picture.linesize[0]) &&
-           samePlane(frame.u.data(), frame.chromaWidth(), frame.chromaHeight(), picture.data[1],
-                     picture.linesize[1]) &&
-           samePlane(frame.v.data(), frame.chromaWidth(), frame.chromaHeight(), picture.data[2],
-                     picture.linesize[2]);
-}
-
 } // namespace
 
 // The FFmpeg side of one movie. Used by the recorder's thread only (after construction).
@@ -138,6 +118,10 @@ public:
             // Without B-frames decoding order is display order: each frame's duration is
             // exactly the time until the next capture, and the movie starts at zero.
             context_->max_b_frames = 0;
+            // One thread: a screen recording's frame takes a small part of its interval, and
+            // frame threads cost some 5 % more CPU time for their hand-overs (measured
+            // against two at 1080p); the queue absorbs a slow keyframe.
+            context_->thread_count = 1;
         } else {
             context_->flags |= AV_CODEC_FLAG_QSCALE;
             context_->global_quality = FF_QP2LAMBDA * 4;
@@ -170,21 +154,17 @@ public:
         packet_.reset(av_packet_alloc());
     }
 
-    void encode(const VideoFrame& frame, int64_t timeNs) {
-        const int64_t pts = av_rescale_q(timeNs, kNanoseconds, kTimeBase);
-        if (lastPts_ && pts <= *lastPts_) {
-            return;
-        }
-        const bool keyframeDue = !lastKeyframePts_ || pts - *lastKeyframePts_ >= kTimeBase.den;
-        if (!keyframeDue && lastPts_ && samePicture(frame, *picture_)) {
-            return;
-        }
+    // Brings the picture up to `frame`; false when the frame comes too soon after the last
+    // one encoded to have a time of its own.
+    bool encode(const VideoFrame& frame, int64_t timeNs) {
         AVFrame* picture = picture_.get();
         check(av_frame_make_writable(picture), QStringLiteral("Tessarel is out of memory"));
-        libyuv::I420Copy(frame.y.data(), frame.width, frame.u.data(), frame.chromaWidth(),
-                         frame.v.data(), frame.chromaWidth(), picture->data[0],
-                         picture->linesize[0], picture->data[1], picture->linesize[1],
-                         picture->data[2], picture->linesize[2], frame.width, frame.height);
+        applyChanges(frame, *picture);
+        const int64_t pts = av_rescale_q(timeNs, kNanoseconds, kTimeBase);
+        if (lastPts_ && pts <= *lastPts_) {
+            return false;
+        }
+        const bool keyframeDue = !lastKeyframePts_ || pts - *lastKeyframePts_ >= kTimeBase.den;
         if (lastPts_) {
             durations_[*lastPts_] = pts - *lastPts_;
         }
@@ -201,6 +181,7 @@ public:
         check(avcodec_send_frame(context_.get(), picture),
               QStringLiteral("Tessarel could not encode the movie"));
         drain();
+        return true;
     }
 
     // The movie ends at `endTimeNs`, and never sooner than one frame interval per encoded
@@ -219,6 +200,33 @@ public:
     }
 
 private:
+    // Copies the changed columns of `frame` into `picture`.
+    static void applyChanges(const VideoFrame& frame, AVFrame& picture) {
+        const int chromaWidth = frame.chromaWidth();
+        for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
+            const ColumnSpan& span = frame.changed[pair];
+            if (span.isEmpty()) {
+                continue;
+            }
+            const int top = static_cast<int>(pair) * 2;
+            for (int y = top; y < std::min(frame.height, top + 2); ++y) {
+                std::memcpy(picture.data[0] + static_cast<ptrdiff_t>(y) * picture.linesize[0] +
+                                span.begin,
+                            frame.y.data() + static_cast<ptrdiff_t>(y) * frame.width + span.begin,
+                            static_cast<size_t>(span.end - span.begin));
+            }
+            const int chromaBegin = span.begin / 2;
+            const auto chromaBytes = static_cast<size_t>((span.end + 1) / 2 - chromaBegin);
+            const ptrdiff_t from = static_cast<ptrdiff_t>(pair) * chromaWidth + chromaBegin;
+            std::memcpy(picture.data[1] + static_cast<ptrdiff_t>(pair) * picture.linesize[1] +
+                            chromaBegin,
+                        frame.u.data() + from, chromaBytes);
+            std::memcpy(picture.data[2] + static_cast<ptrdiff_t>(pair) * picture.linesize[2] +
+                            chromaBegin,
+                        frame.v.data() + from, chromaBytes);
+        }
+    }
+
     // Writes what the encoder has ready, each packet as soon as its duration is known.
     void drain() {
         for (;;) {
@@ -251,8 +259,7 @@ private:
     std::unique_ptr<AVFormatContext, FormatContextFree> format_;
     AVStream* stream_ = nullptr; // owned by format_
     std::unique_ptr<AVCodecContext, CodecContextFree> context_;
-    // The last picture encoded, kept to spot an unchanged screen.
-    FramePtr picture_;
+    FramePtr picture_; // the whole picture, which each frame's changes bring up to date
     PacketPtr packet_;
     std::deque<PacketPtr> pending_;
     std::map<int64_t, int64_t> durations_; // pts → how long that frame shows
@@ -283,19 +290,26 @@ std::vector<VideoCodec> VideoFileRecorder::availableCodecs() {
     return codecs;
 }
 
+long long VideoFileRecorder::encodedFrames() const {
+    return encodedFrames_;
+}
+
 void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
                               int64_t frameIntervalNs) {
     encoder_ =
         std::make_unique<Encoder>(configuration_.outputURL.toLocalFile(),
                                   configuration_.videoCodecType, width, height, frameIntervalNs);
     thread_ = std::thread([this, &queue, startTimeNs] {
+        pthread_setname_np(pthread_self(), "Tessarel.encode");
         delegate_->recordingOutputDidStartRecording();
         std::exception_ptr error;
         try {
             while (VideoFrame* frame = queue.next()) {
                 const int64_t timeNs = frame->captureTimeNs - startTimeNs;
                 try {
-                    encoder_->encode(*frame, timeNs);
+                    if (encoder_->encode(*frame, timeNs)) {
+                        ++encodedFrames_;
+                    }
                 } catch (...) {
                     queue.recycle(*frame);
                     throw;

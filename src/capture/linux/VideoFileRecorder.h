@@ -2,6 +2,7 @@
 
 #include "capture/CapturePlatform.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <thread>
@@ -17,9 +18,8 @@ class VideoFrameQueue;
 // moov, then a fragment at each keyframe and at least every quarter second, flushed to disk at
 // once, with a keyframe at least every second), so a process killed mid-recording leaves a movie
 // that plays up to its last fragment; a normal stop writes the index at the end as well.
-// Each frame's time stamp is its capture time, so late or dropped frames never shift the
-// rest, and a frame identical to the previous one is not encoded at all: its predecessor
-// is simply shown longer.
+// Each frame's time stamp is its capture time, so late, dropped or skipped frames never
+// shift the rest: a frame is shown until the next one's capture time.
 class VideoFileRecorder final : public RecordingOutput {
 public:
     VideoFileRecorder(RecordingOutputConfiguration configuration,
@@ -41,6 +41,9 @@ public:
     // has failed and the delegate has been told which.
     void finish();
 
+    // Any thread: frames handed to the encoder so far.
+    long long encodedFrames() const;
+
 private:
     class Encoder;
 
@@ -48,4 +51,5 @@ private:
     RecordingOutputDelegate* delegate_;
     std::unique_ptr<Encoder> encoder_;
     std::thread thread_;
+    std::atomic<long long> encodedFrames_{0};
 };

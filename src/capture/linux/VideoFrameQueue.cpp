@@ -2,6 +2,18 @@
 
 #include <algorithm>
 
+void ColumnSpan::unite(const ColumnSpan& other) {
+    if (other.isEmpty()) {
+        return;
+    }
+    if (isEmpty()) {
+        *this = other;
+        return;
+    }
+    begin = std::min(begin, other.begin);
+    end = std::max(end, other.end);
+}
+
 VideoFrameQueue::VideoFrameQueue(int depth, int width, int height)
     : depth_(static_cast<size_t>(std::max(depth, 1))) {
     // One frame may be filling and one encoding besides those waiting.
@@ -14,6 +26,7 @@ VideoFrameQueue::VideoFrameQueue(int depth, int width, int height)
             static_cast<size_t>(frame->chromaWidth()) * static_cast<size_t>(frame->chromaHeight());
         frame->u.resize(chroma);
         frame->v.resize(chroma);
+        frame->changed.resize(static_cast<size_t>(frame->chromaHeight()));
         free_.push_back(frame.get());
         storage_.push_back(std::move(frame));
     }
@@ -29,6 +42,7 @@ VideoFrame& VideoFrameQueue::acquire() {
     }
     VideoFrame* frame = free_.back();
     free_.pop_back();
+    std::fill(frame->changed.begin(), frame->changed.end(), ColumnSpan{});
     return *frame;
 }
 

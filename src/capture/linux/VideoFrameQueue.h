@@ -8,14 +8,27 @@
 #include <optional>
 #include <vector>
 
-// One captured picture in I420 (a full-size luma plane, then two chroma planes of half
-// the width and height, rows packed) and the monotonic time it was taken at.
+// Columns [begin, end) of a pair of rows.
+struct ColumnSpan {
+    int begin = 0;
+    int end = 0;
+
+    bool isEmpty() const { return end <= begin; }
+    void unite(const ColumnSpan& other);
+    friend bool operator==(const ColumnSpan&, const ColumnSpan&) = default;
+};
+
+// What changed in a picture since the frame before, in I420 (a full-size luma plane, then
+// two chroma planes of half the width and height, rows packed), and the monotonic time it
+// was taken at. Only the changed columns of each pair of rows hold pixels; the rest of the
+// picture is that of the frames before.
 struct VideoFrame {
     int width = 0;
     int height = 0;
     std::vector<uint8_t> y;
     std::vector<uint8_t> u;
     std::vector<uint8_t> v;
+    std::vector<ColumnSpan> changed; // one per pair of rows, even columns but at the right edge
     int64_t captureTimeNs = 0;
 
     int chromaWidth() const { return (width + 1) / 2; }
@@ -25,6 +38,8 @@ struct VideoFrame {
 // A bounded queue of preallocated frames between one producer (the capture thread) and one
 // consumer (the encoder thread). The producer never waits: when `depth` frames are already
 // waiting, the newest of them is taken back and overwritten, and the drop is counted.
+// Since frames carry only what changed, a frame taken back keeps its changed columns, to
+// which the producer adds its own; any other frame comes with none.
 class VideoFrameQueue {
 public:
     VideoFrameQueue(int depth, int width, int height);

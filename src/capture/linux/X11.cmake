@@ -1,6 +1,7 @@
 # X11 through XCB: displays and applications, snapshot, cropped video stream and recorder.
 add_library(tessarel_linux_x11 STATIC
     VideoFileRecorder.cpp
+    VideoFrameConverter.cpp
     VideoFrameQueue.cpp
     X11AreaGrabber.cpp
     X11Connection.cpp

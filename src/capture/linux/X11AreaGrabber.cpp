@@ -3,86 +3,228 @@
 #include "capture/CaptureVocabulary.h"
 
 #include <xcb/composite.h>
+#include <xcb/render.h>
 #include <xcb/xcb_renderutil.h>
 
 #include <algorithm>
 
 namespace {
 
-// Server-side resources freed with the owning connection's requests.
-struct ServerPixmap {
-    xcb_connection_t* connection = nullptr;
-    xcb_pixmap_t id = XCB_NONE;
-    ~ServerPixmap() {
-        if (id != XCB_NONE) {
-            xcb_free_pixmap(connection, id);
-        }
-    }
+// A server-side resource with an id of this client, freed by `Release` when the holder goes.
+// A creation the server refused leaves an error event behind, and so does the release;
+// the grabber drops those with the rest of its events.
+template <typename Release> class ServerResource {
+public:
+    explicit ServerResource(xcb_connection_t* connection)
+        : connection_(connection), id_(xcb_generate_id(connection)) {}
+    ~ServerResource() { Release{}(connection_, id_); }
+    ServerResource(const ServerResource&) = delete;
+    ServerResource& operator=(const ServerResource&) = delete;
+
+    uint32_t id() const { return id_; }
+
+private:
+    xcb_connection_t* connection_;
+    uint32_t id_;
 };
 
-struct ServerGC {
-    xcb_connection_t* connection = nullptr;
-    xcb_gcontext_t id = XCB_NONE;
-    ~ServerGC() {
-        if (id != XCB_NONE) {
-            xcb_free_gc(connection, id);
-        }
+struct FreePixmap {
+    void operator()(xcb_connection_t* c, uint32_t id) const { xcb_free_pixmap(c, id); }
+};
+struct FreeGC {
+    void operator()(xcb_connection_t* c, uint32_t id) const { xcb_free_gc(c, id); }
+};
+struct FreePicture {
+    void operator()(xcb_connection_t* c, uint32_t id) const { xcb_render_free_picture(c, id); }
+};
+using ServerPixmap = ServerResource<FreePixmap>;
+using ServerGC = ServerResource<FreeGC>;
+using ServerPicture = ServerResource<FreePicture>;
+
+// Every top-level window drawn into an off-screen pixmap of its own while this lives; the
+// server keeps painting the screen itself, so nothing visible changes.
+class Redirection {
+public:
+    Redirection(xcb_connection_t* connection, xcb_window_t root)
+        : connection_(connection), root_(root) {
+        xcb_composite_redirect_subwindows(connection_, root_, XCB_COMPOSITE_REDIRECT_AUTOMATIC);
     }
+    ~Redirection() {
+        xcb_composite_unredirect_subwindows(connection_, root_, XCB_COMPOSITE_REDIRECT_AUTOMATIC);
+        xcb_flush(connection_);
+    }
+    Redirection(const Redirection&) = delete;
+    Redirection& operator=(const Redirection&) = delete;
+
+private:
+    xcb_connection_t* connection_;
+    xcb_window_t root_;
 };
 
-struct ServerPicture {
-    xcb_connection_t* connection = nullptr;
-    xcb_render_picture_t id = XCB_NONE;
-    ~ServerPicture() {
-        if (id != XCB_NONE) {
-            xcb_render_free_picture(connection, id);
-        }
-    }
-};
+[[noreturn]] void cannotCompose() {
+    // Never capture Tessarel's own windows silently.
+    throw PlatformError(QStringLiteral(
+        "Tessarel cannot leave its own windows out of the capture on this X server."));
+}
 
 } // namespace
 
 // The Composite and Render state of a grabber that has had to leave a window out.
 struct X11AreaGrabber::Composer {
+    Composer(X11Connection& connection, const PixelRect& area)
+        : formats(xcb_render_query_pict_formats_reply(
+              connection.get(), xcb_render_query_pict_formats(connection.get()), nullptr)),
+          rootPixmapAtom(connection.atom("_XROOTPMAP_ID")),
+          redirection(connection.get(), connection.root()), canvas(connection.get()),
+          canvasPicture(connection.get()), gc(connection.get()) {
+        xcb_connection_t* c = connection.get();
+        const auto* rootFormat =
+            xcb_render_util_find_visual_format(formats.get(), connection.screen().root_visual);
+        if (!rootFormat) {
+            cannotCompose();
+        }
+        xcb_create_pixmap(c, connection.screen().root_depth, canvas.id(), connection.root(),
+                          static_cast<uint16_t>(area.width), static_cast<uint16_t>(area.height));
+        xcb_create_gc(c, gc.id(), canvas.id(), 0, nullptr);
+        xcb_render_create_picture(c, canvasPicture.id(), canvas.id(), rootFormat->format, 0,
+                                  nullptr);
+    }
+
     XcbReply<xcb_render_query_pict_formats_reply_t> formats;
+    xcb_atom_t rootPixmapAtom;
+    Redirection redirection;
     ServerPixmap canvas;
     ServerPicture canvasPicture;
     ServerGC gc;
-    xcb_atom_t rootPixmapAtom = XCB_NONE;
 };
 
 X11AreaGrabber::X11AreaGrabber(X11Connection& connection, const PixelRect& area,
                                std::vector<int64_t> excludedProcessIDs)
-    : connection_(connection), area_(area), excluded_(std::move(excludedProcessIDs)),
-      image_(connection, area.width, area.height) {
+    : connection_(connection), area_(area), excluded_(std::move(excludedProcessIDs)) {
     if (connection_.screen().root_depth != 24 && connection_.screen().root_depth != 32) {
         throw PlatformError(QStringLiteral("Tessarel can only capture a 24-bit X screen."));
     }
+    if (!excluded_.empty()) {
+        // Before the first listing, so no change can fall between the two.
+        const uint32_t mask = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+        xcb_change_window_attributes(connection_.get(), connection_.root(), XCB_CW_EVENT_MASK,
+                                     &mask);
+    }
 }
 
-X11AreaGrabber::~X11AreaGrabber() = default;
+X11AreaGrabber::~X11AreaGrabber() {
+    if (!excluded_.empty()) {
+        const uint32_t mask = XCB_EVENT_MASK_NO_EVENT;
+        xcb_change_window_attributes(connection_.get(), connection_.root(), XCB_CW_EVENT_MASK,
+                                     &mask);
+        xcb_flush(connection_.get());
+    }
+}
 
-bool X11AreaGrabber::excludedWindowOverlaps(const std::vector<X11TopLevel>& windows) const {
-    return std::any_of(windows.begin(), windows.end(), [this](const X11TopLevel& window) {
-        return window.processID &&
-               std::find(excluded_.begin(), excluded_.end(), *window.processID) !=
-                   excluded_.end() &&
+bool X11AreaGrabber::isExcluded(const X11TopLevel& window) const {
+    return window.processID &&
+           std::find(excluded_.begin(), excluded_.end(), *window.processID) != excluded_.end();
+}
+
+bool X11AreaGrabber::excludedWindowOverlaps() const {
+    return std::any_of(windows_->begin(), windows_->end(), [this](const X11TopLevel& window) {
+        return window.isShown() && isExcluded(window) &&
                !window.outerGeometry.intersected(area_).isEmpty();
     });
 }
 
-void X11AreaGrabber::grab() {
-    if (!excluded_.empty()) {
-        const auto windows = connection_.topLevels(true);
-        if (excludedWindowOverlaps(windows)) {
-            compose(windows);
+// Reads the events `poll` hands out. Moves, resizes and restacks are applied to the list as
+// they come; a window that appears, goes, is mapped or changes parent may bring a new owner,
+// so the list is read again. Errors left by requests whose windows vanished meanwhile are
+// dropped: the picture simply lacks those windows. Returns whether any of the events may
+// have brought an excluded window over the area.
+bool X11AreaGrabber::followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*)) {
+    bool mayShowExcluded = false;
+    while (XcbReply<xcb_generic_event_t> event{poll(connection_.get())}) {
+        switch (event->response_type & 0x7f) {
+        case XCB_CONFIGURE_NOTIFY:
+            if (windows_) {
+                mayShowExcluded |= followConfigure(
+                    *reinterpret_cast<const xcb_configure_notify_event_t*>(event.get()));
+            }
+            break;
+        case XCB_UNMAP_NOTIFY:
+            if (windows_) {
+                const auto& unmap = *reinterpret_cast<const xcb_unmap_notify_event_t*>(event.get());
+                for (X11TopLevel& window : *windows_) {
+                    if (window.window == unmap.window) {
+                        window.viewable = false;
+                    }
+                }
+            }
+            break;
+        case XCB_CREATE_NOTIFY: // a new window is not mapped yet
+        case XCB_DESTROY_NOTIFY:
+            windows_.reset();
+            break;
+        case XCB_MAP_NOTIFY:
+        case XCB_REPARENT_NOTIFY:
+        case XCB_GRAVITY_NOTIFY:
+        case XCB_CIRCULATE_NOTIFY:
+            windows_.reset();
+            mayShowExcluded = true;
+            break;
+        default:
+            break;
+        }
+    }
+    if (!windows_ && !excluded_.empty()) {
+        windows_ = connection_.topLevels();
+        ++windowListings_;
+    }
+    return mayShowExcluded;
+}
+
+bool X11AreaGrabber::followConfigure(const xcb_configure_notify_event_t& event) {
+    auto& windows = *windows_;
+    const auto moved = std::find_if(windows.begin(), windows.end(),
+                                    [&](const X11TopLevel& w) { return w.window == event.window; });
+    if (moved == windows.end()) {
+        windows_.reset();
+        return true;
+    }
+    X11TopLevel window = *moved;
+    window.outerGeometry = {event.x, event.y, event.width + 2 * event.border_width,
+                            event.height + 2 * event.border_width};
+    windows.erase(moved);
+    // The event names the sibling the window now lies directly above, or none for the bottom.
+    auto place = windows.begin();
+    if (event.above_sibling != XCB_NONE) {
+        place = std::find_if(windows.begin(), windows.end(),
+                             [&](const X11TopLevel& w) { return w.window == event.above_sibling; });
+        if (place == windows.end()) {
+            windows_.reset();
+            return true;
+        }
+        ++place;
+    }
+    windows.insert(place, window);
+    return window.isShown() && isExcluded(window) &&
+           !window.outerGeometry.intersected(area_).isEmpty();
+}
+
+void X11AreaGrabber::grab(X11ShmImage& image) {
+    followLayout(xcb_poll_for_event);
+    for (;;) {
+        if (windows_ && excludedWindowOverlaps()) {
+            compose(image);
+            return;
+        }
+        image.grab(connection_.root(), area_);
+        // The server reports a change it made before the copy ahead of the copy's reply. If
+        // one may have put an excluded window into the picture, the grab is made again.
+        if (!followLayout(xcb_poll_for_queued_event)) {
             return;
         }
     }
-    image_.grab(connection_.root(), area_.x, area_.y);
 }
 
-void X11AreaGrabber::compose(const std::vector<X11TopLevel>& windows) {
+void X11AreaGrabber::compose(X11ShmImage& image) {
     xcb_connection_t* c = connection_.get();
     if (!composer_) {
         XcbReply<xcb_composite_query_version_reply_t> composite(
@@ -90,78 +232,49 @@ void X11AreaGrabber::compose(const std::vector<X11TopLevel>& windows) {
         XcbReply<xcb_render_query_version_reply_t> render(
             xcb_render_query_version_reply(c, xcb_render_query_version(c, 0, 11), nullptr));
         if (!composite || !render) {
-            // Never capture Tessarel's own windows silently.
-            throw PlatformError(QStringLiteral(
-                "Tessarel cannot leave its own windows out of the capture on this X server."));
+            cannotCompose();
         }
-        auto composer = std::make_unique<Composer>();
-        composer->formats.reset(
-            xcb_render_query_pict_formats_reply(c, xcb_render_query_pict_formats(c), nullptr));
-        composer->rootPixmapAtom = connection_.atom("_XROOTPMAP_ID");
-        // Every top-level window gets an off-screen pixmap; the server keeps painting the
-        // screen itself, so nothing visible changes. Released with the connection.
-        xcb_composite_redirect_subwindows(c, connection_.root(), XCB_COMPOSITE_REDIRECT_AUTOMATIC);
-        composer->canvas = {c, xcb_generate_id(c)};
-        xcb_create_pixmap(c, connection_.screen().root_depth, composer->canvas.id,
-                          connection_.root(), static_cast<uint16_t>(area_.width),
-                          static_cast<uint16_t>(area_.height));
-        composer->gc = {c, xcb_generate_id(c)};
-        xcb_create_gc(c, composer->gc.id, composer->canvas.id, 0, nullptr);
-        const auto* rootFormat = xcb_render_util_find_visual_format(
-            composer->formats.get(), connection_.screen().root_visual);
-        if (!rootFormat) {
-            throw PlatformError(QStringLiteral(
-                "Tessarel cannot leave its own windows out of the capture on this X server."));
-        }
-        composer->canvasPicture = {c, xcb_generate_id(c)};
-        xcb_render_create_picture(c, composer->canvasPicture.id, composer->canvas.id,
-                                  rootFormat->format, 0, nullptr);
-        composer_ = std::move(composer);
+        composer_ = std::make_unique<Composer>(connection_, area_);
     }
+    const Composer& composer = *composer_;
 
     // The wallpaper first, where a desktop has published it; black elsewhere.
     const xcb_render_color_t black{0, 0, 0, 0xffff};
     const xcb_rectangle_t whole{0, 0, static_cast<uint16_t>(area_.width),
                                 static_cast<uint16_t>(area_.height)};
-    xcb_render_fill_rectangles(c, XCB_RENDER_PICT_OP_SRC, composer_->canvasPicture.id, black, 1,
+    xcb_render_fill_rectangles(c, XCB_RENDER_PICT_OP_SRC, composer.canvasPicture.id(), black, 1,
                                &whole);
-    const auto wallpaperCookie = xcb_get_property(c, 0, connection_.root(),
-                                                  composer_->rootPixmapAtom, XCB_ATOM_PIXMAP, 0, 1);
+    const auto wallpaperCookie =
+        xcb_get_property(c, 0, connection_.root(), composer.rootPixmapAtom, XCB_ATOM_PIXMAP, 0, 1);
     XcbReply<xcb_get_property_reply_t> wallpaper(
         xcb_get_property_reply(c, wallpaperCookie, nullptr));
     if (wallpaper && wallpaper->format == 32 &&
         xcb_get_property_value_length(wallpaper.get()) >= 4) {
         const auto pixmap =
             *static_cast<const xcb_pixmap_t*>(xcb_get_property_value(wallpaper.get()));
-        xcb_copy_area(c, pixmap, composer_->canvas.id, composer_->gc.id,
+        xcb_copy_area(c, pixmap, composer.canvas.id(), composer.gc.id(),
                       static_cast<int16_t>(area_.x), static_cast<int16_t>(area_.y), 0, 0,
                       static_cast<uint16_t>(area_.width), static_cast<uint16_t>(area_.height));
     }
 
-    for (const X11TopLevel& window : windows) {
-        const bool isExcluded = window.processID && std::find(excluded_.begin(), excluded_.end(),
-                                                              *window.processID) != excluded_.end();
+    for (const X11TopLevel& window : *windows_) {
         const PixelRect rect = window.outerGeometry;
-        if (isExcluded || rect.intersected(area_).isEmpty()) {
+        if (!window.isShown() || isExcluded(window) || rect.intersected(area_).isEmpty()) {
             continue;
         }
         const auto* format =
-            xcb_render_util_find_visual_format(composer_->formats.get(), window.visual);
+            xcb_render_util_find_visual_format(composer.formats.get(), window.visual);
         if (!format) {
             continue;
         }
-        ServerPixmap contents{c, xcb_generate_id(c)};
-        ServerPicture picture{c, xcb_generate_id(c)};
-        xcb_composite_name_window_pixmap(c, window.window, contents.id);
-        xcb_render_create_picture(c, picture.id, contents.id, format->format, 0, nullptr);
+        ServerPixmap contents(c);
+        ServerPicture picture(c);
+        xcb_composite_name_window_pixmap(c, window.window, contents.id());
+        xcb_render_create_picture(c, picture.id(), contents.id(), format->format, 0, nullptr);
         xcb_render_composite(
-            c, XCB_RENDER_PICT_OP_OVER, picture.id, XCB_NONE, composer_->canvasPicture.id, 0, 0, 0,
-            0, static_cast<int16_t>(rect.x - area_.x), static_cast<int16_t>(rect.y - area_.y),
+            c, XCB_RENDER_PICT_OP_OVER, picture.id(), XCB_NONE, composer.canvasPicture.id(), 0, 0,
+            0, 0, static_cast<int16_t>(rect.x - area_.x), static_cast<int16_t>(rect.y - area_.y),
             static_cast<uint16_t>(rect.width), static_cast<uint16_t>(rect.height));
     }
-    image_.grab(composer_->canvas.id, 0, 0);
-    // A window that went away between the listing and its pixmap leaves an error behind,
-    // and the picture simply lacks it; nobody else reads this connection's events.
-    while (XcbReply<xcb_generic_event_t> event{xcb_poll_for_event(c)}) {
-    }
+    image.grab(composer.canvas.id(), {0, 0, area_.width, area_.height});
 }

@@ -3,20 +3,23 @@
 #include "capture/linux/X11Connection.h"
 #include "capture/linux/X11ShmImage.h"
 
-#include <xcb/render.h>
-
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 // Grabs one area of the root window, leaving out the windows of the excluded processes.
 // While none of them overlaps the area the screen is read as it is. While one does, the
 // picture is composed on the server from the other top-level windows (their Composite
 // pixmaps, stacked with Render) and the root's wallpaper, so the excluded windows never
-// have to be hidden and nothing on screen flickers. Used from one thread at a time.
+// have to be hidden and nothing on screen flickers.
+//
+// The top-level windows are listed once and then followed through the root's structure
+// events, so an unchanged layout costs no round trip. The grabber owns its connection's
+// event queue while it lives. Used from one thread at a time.
 class X11AreaGrabber {
 public:
-    // Throws PlatformError when the area cannot be read.
+    // Throws PlatformError when the screen cannot be captured.
     X11AreaGrabber(X11Connection& connection, const PixelRect& area,
                    std::vector<int64_t> excludedProcessIDs);
     ~X11AreaGrabber();
@@ -24,22 +27,28 @@ public:
     X11AreaGrabber& operator=(const X11AreaGrabber&) = delete;
 
     const PixelRect& area() const { return area_; }
-    // The grabbed B, G, R, X pixels, rows of image().bytesPerRow() bytes.
-    X11ShmImage& image() { return image_; }
 
-    // Throws PlatformError when the server refuses, or when an excluded window overlaps
-    // the area and the server cannot compose without it.
-    void grab();
+    // Fills `image` with the area's B, G, R, X pixels. Throws PlatformError when the server
+    // refuses, or when an excluded window overlaps the area and the server cannot compose
+    // without it.
+    void grab(X11ShmImage& image);
+
+    // How many times the windows have been listed so far.
+    long long windowListings() const { return windowListings_; }
 
 private:
     struct Composer;
 
-    bool excludedWindowOverlaps(const std::vector<X11TopLevel>& windows) const;
-    void compose(const std::vector<X11TopLevel>& windows);
+    bool followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*));
+    bool followConfigure(const xcb_configure_notify_event_t& event);
+    bool isExcluded(const X11TopLevel& window) const;
+    bool excludedWindowOverlaps() const;
+    void compose(X11ShmImage& image);
 
     X11Connection& connection_;
     PixelRect area_;
     std::vector<int64_t> excluded_;
-    X11ShmImage image_;
+    std::optional<std::vector<X11TopLevel>> windows_; // none until listed or after a change
+    long long windowListings_ = 0;
     std::unique_ptr<Composer> composer_; // made the first time it is needed
 };

@@ -119,7 +119,7 @@ X11Connection::owners(const std::vector<xcb_window_t>& windows) {
     return result;
 }
 
-std::vector<X11TopLevel> X11Connection::topLevels(bool viewableOnly) {
+std::vector<X11TopLevel> X11Connection::topLevels() {
     XcbReply<xcb_query_tree_reply_t> tree(
         xcb_query_tree_reply(connection_, xcb_query_tree(connection_, root()), nullptr));
     std::vector<X11TopLevel> result;
@@ -140,28 +140,30 @@ std::vector<X11TopLevel> X11Connection::topLevels(bool viewableOnly) {
             connection_, attributes[static_cast<size_t>(i)], nullptr));
         XcbReply<xcb_get_geometry_reply_t> geometry(
             xcb_get_geometry_reply(connection_, geometries[static_cast<size_t>(i)], nullptr));
-        if (!attribute || !geometry || attribute->_class != XCB_WINDOW_CLASS_INPUT_OUTPUT) {
-            continue;
-        }
-        const bool viewable = attribute->map_state == XCB_MAP_STATE_VIEWABLE;
-        if (viewableOnly && !viewable) {
-            continue;
+        if (!attribute || !geometry) {
+            continue; // gone meanwhile
         }
         const int border = geometry->border_width;
         result.push_back({children[i],
                           {geometry->x, geometry->y, geometry->width + 2 * border,
                            geometry->height + 2 * border},
-                          viewable,
+                          attribute->map_state == XCB_MAP_STATE_VIEWABLE,
+                          attribute->_class == XCB_WINDOW_CLASS_INPUT_ONLY,
                           attribute->visual,
                           std::nullopt});
     }
-    std::vector<xcb_window_t> windows;
+    std::vector<xcb_window_t> drawn;
     for (const auto& topLevel : result) {
-        windows.push_back(topLevel.window);
+        if (!topLevel.inputOnly) {
+            drawn.push_back(topLevel.window);
+        }
     }
-    const auto processIDs = owners(windows);
-    for (size_t i = 0; i < result.size(); ++i) {
-        result[i].processID = processIDs[i];
+    const auto processIDs = owners(drawn);
+    auto processID = processIDs.begin();
+    for (auto& topLevel : result) {
+        if (!topLevel.inputOnly) {
+            topLevel.processID = *processID++;
+        }
     }
     return result;
 }

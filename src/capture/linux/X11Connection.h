@@ -37,15 +37,18 @@ struct X11Monitor {
     PixelRect geometry;
 };
 
-// A top-level window (a child of the root), bottom of the stacking order first.
+// A top-level window (a child of the root).
 struct X11TopLevel {
     xcb_window_t window = XCB_NONE;
     PixelRect outerGeometry; // border included
     bool viewable = false;
+    bool inputOnly = false; // never drawn
     xcb_visualid_t visual = 0;
     // The owner's process id from _NET_WM_PID on the window or, below a window manager's
-    // frame, on its client window.
+    // frame, on its client window. Never looked up for input-only windows.
     std::optional<int64_t> processID;
+
+    bool isShown() const { return viewable && !inputOnly; }
 };
 
 // One connection to the X server with the screen it serves. Not thread-safe: each thread
@@ -68,7 +71,8 @@ public:
     xcb_atom_t atom(const char* name);
     // Throws PlatformError when the server lacks RandR 1.5.
     std::vector<X11Monitor> monitors();
-    std::vector<X11TopLevel> topLevels(bool viewableOnly);
+    // Every child of the root, bottom of the stacking order first.
+    std::vector<X11TopLevel> topLevels();
     // Clients listed by the window manager, or none when no window manager runs.
     std::optional<std::vector<xcb_window_t>> managedClients();
     // The process ids of `windows`: _NET_WM_PID on each window or, for a window manager's

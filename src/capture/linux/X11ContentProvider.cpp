@@ -22,9 +22,20 @@ QString processName(int64_t processID) {
 X11ContentProvider::X11ContentProvider(QByteArray displayName)
     : displayName_(std::move(displayName)) {}
 
+X11ContentProvider::~X11ContentProvider() = default;
+
+X11Connection& X11ContentProvider::liveConnection() {
+    if (!connection_ || xcb_connection_has_error(connection_->get())) {
+        connection_.reset();
+        connection_ = std::make_unique<X11Connection>(displayName_);
+    }
+    return *connection_;
+}
+
 ShareableContent X11ContentProvider::shareableContent(bool /*excludingDesktopWindows*/,
                                                       bool onScreenWindowsOnly) {
-    X11Connection connection(displayName_);
+    std::lock_guard guard(mutex_);
+    X11Connection& connection = liveConnection();
     ShareableContent content;
     for (const X11Monitor& monitor : connection.monitors()) {
         const PixelRect& g = monitor.geometry;
@@ -42,8 +53,8 @@ ShareableContent X11ContentProvider::shareableContent(bool /*excludingDesktopWin
             }
         }
     }
-    for (const X11TopLevel& window : connection.topLevels(onScreenWindowsOnly)) {
-        if (window.processID) {
+    for (const X11TopLevel& window : connection.topLevels()) {
+        if (window.processID && (window.viewable || !onScreenWindowsOnly)) {
             processIDs.insert(*window.processID);
         }
     }
@@ -54,8 +65,8 @@ ShareableContent X11ContentProvider::shareableContent(bool /*excludingDesktopWin
 }
 
 uint32_t X11ContentProvider::mainDisplayID() {
-    X11Connection connection(displayName_);
-    const auto monitors = connection.monitors();
+    std::lock_guard guard(mutex_);
+    const auto monitors = liveConnection().monitors();
     const auto primary = std::find_if(monitors.begin(), monitors.end(),
                                       [](const X11Monitor& monitor) { return monitor.primary; });
     if (primary != monitors.end()) {

@@ -1,15 +1,20 @@
 #include "capture/linux/X11VideoCaptureService.h"
 
 #include "capture/linux/VideoFileRecorder.h"
+#include "capture/linux/VideoFrameConverter.h"
 #include "capture/linux/VideoFrameQueue.h"
 #include "capture/linux/X11AreaGrabber.h"
 #include "capture/linux/X11Connection.h"
+#include "capture/linux/X11ShmImage.h"
 
 #include <xcb/xfixes.h>
 
-#include <libyuv.h>
+#include <pthread.h>
+#include <time.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -19,6 +24,9 @@
 namespace {
 
 constexpr int64_t kShortestFrameIntervalNs = 1'000'000'000 / 30;
+// An unchanged picture is passed on this often all the same, so the recorder can place a
+// keyframe and the file stays playable up to the last second.
+constexpr int64_t kLongestFrameIntervalNs = 1'000'000'000;
 
 int64_t monotonicNowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -67,6 +75,8 @@ public:
             excluded.push_back(application.processID);
         }
         auto grabber = std::make_unique<X11AreaGrabber>(*connection, area, std::move(excluded));
+        std::array<std::unique_ptr<X11ShmImage>, 2> grabs{
+            std::make_unique<X11ShmImage>(*connection), std::make_unique<X11ShmImage>(*connection)};
         if (configuration_.showsCursor) {
             xcb_connection_t* c = connection->get();
             XcbReply<xcb_xfixes_query_version_reply_t> version(xcb_xfixes_query_version_reply(
@@ -83,6 +93,10 @@ public:
         }
         connection_ = std::move(connection);
         grabber_ = std::move(grabber);
+        grabs_ = std::move(grabs);
+        converter_ = std::make_unique<VideoFrameConverter>(width, height);
+        previousGrab_.reset();
+        lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
         queue_ = std::move(queue);
         stopping_ = false;
         thread_ = std::thread([this, startNs, intervalNs] { capture(startNs, intervalNs); });
@@ -103,13 +117,26 @@ public:
         if (recorder_) {
             recorder_->finish();
         }
+        converter_.reset();
+        grabs_ = {};
         grabber_.reset();
         connection_.reset();
     }
 
+    X11VideoCaptureService::Counts counts() const {
+        return {captured_,
+                skippedIdentical_,
+                queue_ ? queue_->droppedFrames() : 0,
+                recorder_ ? recorder_->encodedFrames() : 0,
+                windowListings_,
+                captureCpuSeconds_};
+    }
+
 private:
     // The source rectangle in root pixels: the display's origin plus the display-local
-    // rectangle scaled to pixels, clipped to the display.
+    // rectangle scaled to pixels, clipped to the display. Where that is the output size
+    // or one pixel more (the output is rounded down to even), the output size is taken
+    // as it is rather than resampled.
     PixelRect pixelArea(const PixelRect& root) const {
         const Rect& frame = filter_.display.frame;
         const Rect& source = configuration_.sourceRect;
@@ -119,10 +146,17 @@ private:
                                 static_cast<int>(std::lround(frame.y)),
                                 static_cast<int>(std::lround(frame.width)),
                                 static_cast<int>(std::lround(frame.height))};
-        const PixelRect wanted{display.x + static_cast<int>(std::lround(source.x * scale)),
-                               display.y + static_cast<int>(std::lround(source.y * scale)),
-                               static_cast<int>(std::lround(source.width * scale)),
-                               static_cast<int>(std::lround(source.height * scale))};
+        PixelRect wanted{display.x + static_cast<int>(std::lround(source.x * scale)),
+                         display.y + static_cast<int>(std::lround(source.y * scale)),
+                         static_cast<int>(std::lround(source.width * scale)),
+                         static_cast<int>(std::lround(source.height * scale))};
+        const auto fit = [](int& size, long long output) {
+            if (size - output == 1) {
+                size = static_cast<int>(output);
+            }
+        };
+        fit(wanted.width, configuration_.width);
+        fit(wanted.height, configuration_.height);
         return wanted.intersected(display).intersected(root);
     }
 
@@ -133,16 +167,20 @@ private:
         return std::max(requested, kShortestFrameIntervalNs);
     }
 
-    // The capture thread: one grab per tick of a fixed grid; ticks missed while late are
-    // skipped rather than made up in a burst.
+    // The capture thread: at most one grab per tick of a fixed grid. A grab that ran into
+    // the next tick's interval is followed by that tick's at once; a tick missed entirely
+    // is skipped rather than made up in a burst.
     void capture(int64_t startNs, int64_t intervalNs) {
+        pthread_setname_np(pthread_self(), "Tessarel.grab");
         try {
-            for (int64_t tick = 0;; tick = (monotonicNowNs() - startNs) / intervalNs + 1) {
+            for (int64_t tick = 0;;
+                 tick = std::max(tick + 1, (monotonicNowNs() - startNs) / intervalNs)) {
                 const std::chrono::steady_clock::time_point deadline{
                     std::chrono::nanoseconds(startNs + tick * intervalNs)};
                 {
                     std::unique_lock guard(mutex_);
                     if (wake_.wait_until(guard, deadline, [this] { return stopping_; })) {
+                        noteCpuTime();
                         return;
                     }
                 }
@@ -153,6 +191,16 @@ private:
         }
     }
 
+    // The capture thread, as it ends.
+    void noteCpuTime() {
+        timespec cpu{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+        captureCpuSeconds_ =
+            static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
+    }
+
+    // Grabs into the buffer the last frame passed on is not in, so the two can be compared
+    // without a copy; an unchanged grab goes no further than that comparison.
     void grabFrame() {
         xcb_connection_t* c = connection_->get();
         const int64_t captureNs = monotonicNowNs();
@@ -160,8 +208,11 @@ private:
         if (configuration_.showsCursor) {
             pointer = xcb_xfixes_get_cursor_image(c);
         }
-        grabber_->grab();
-        X11ShmImage& image = grabber_->image();
+        const size_t current = previousGrab_ == 0u ? 1 : 0;
+        X11ShmImage& image = *grabs_[current];
+        grabber_->grab(image);
+        windowListings_ = grabber_->windowListings();
+        ++captured_;
         if (pointer) {
             XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor(
                 xcb_xfixes_get_cursor_image_reply(c, *pointer, nullptr));
@@ -169,21 +220,23 @@ private:
                 drawPointer(*cursor, image);
             }
         }
-        const uint8_t* pixels = image.pixels();
-        int bytesPerRow = image.bytesPerRow();
-        const int width = static_cast<int>(configuration_.width);
-        const int height = static_cast<int>(configuration_.height);
-        if (width != image.width() || height != image.height()) {
-            scaled_.resize(static_cast<size_t>(width) * static_cast<size_t>(height) * 4);
-            libyuv::ARGBScale(image.pixels(), image.bytesPerRow(), image.width(), image.height(),
-                              scaled_.data(), width * 4, width, height, libyuv::kFilterBilinear);
-            pixels = scaled_.data();
-            bytesPerRow = width * 4;
+        const bool heartbeat = captureNs - lastPassedOnNs_ >= kLongestFrameIntervalNs;
+        const auto grabOf = [](const X11ShmImage& shm) {
+            return VideoGrab{shm.pixels(), shm.width(), shm.height(), shm.bytesPerRow()};
+        };
+        const VideoGrab grab = grabOf(image);
+        std::optional<VideoGrab> previous;
+        if (previousGrab_) {
+            previous = grabOf(*grabs_[*previousGrab_]);
         }
+        if (!converter_->differs(grab, previous ? &*previous : nullptr) && !heartbeat) {
+            ++skippedIdentical_;
+            return;
+        }
+        previousGrab_ = current;
+        lastPassedOnNs_ = captureNs;
         VideoFrame& frame = queue_->acquire();
-        libyuv::ARGBToI420(pixels, bytesPerRow, frame.y.data(), frame.width, frame.u.data(),
-                           frame.chromaWidth(), frame.v.data(), frame.chromaWidth(), frame.width,
-                           frame.height);
+        converter_->convert(frame);
         frame.captureTimeNs = captureNs;
         queue_->publish(frame);
     }
@@ -217,15 +270,23 @@ private:
     const VideoStreamConfiguration configuration_;
     StreamDelegate* const delegate_;
     std::shared_ptr<VideoFileRecorder> recorder_;
+    std::unique_ptr<VideoFrameQueue> queue_;
     // Made by startCapture, then used by the capture thread only until it is joined.
     std::unique_ptr<X11Connection> connection_;
     std::unique_ptr<X11AreaGrabber> grabber_;
-    std::unique_ptr<VideoFrameQueue> queue_;
-    std::vector<uint8_t> scaled_; // the grab at the output size, when that differs
+    std::array<std::unique_ptr<X11ShmImage>, 2> grabs_;
+    std::optional<size_t> previousGrab_; // the grab the last frame passed on was made from
+    std::unique_ptr<VideoFrameConverter> converter_;
+    int64_t lastPassedOnNs_ = 0;
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
     std::thread thread_;
+    // Written by the capture thread, read by any.
+    std::atomic<long long> captured_{0};
+    std::atomic<long long> skippedIdentical_{0};
+    std::atomic<long long> windowListings_{0};
+    std::atomic<double> captureCpuSeconds_{0};
 };
 
 } // namespace
@@ -246,4 +307,9 @@ std::shared_ptr<RecordingOutput>
 X11VideoCaptureService::makeRecordingOutput(const RecordingOutputConfiguration& config,
                                             RecordingOutputDelegate* delegate) {
     return std::make_shared<VideoFileRecorder>(config, delegate);
+}
+
+X11VideoCaptureService::Counts X11VideoCaptureService::counts(const VideoCaptureStream& stream) {
+    const auto* ours = dynamic_cast<const X11VideoStream*>(&stream);
+    return ours ? ours->counts() : Counts{};
 }

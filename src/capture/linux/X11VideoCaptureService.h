@@ -7,12 +7,23 @@
 // Cropped video streams of an X server, and their MPEG-4 file recorders.
 //
 // A stream grabs its area with shared memory on its own capture thread, at most 30 times a
-// second on a fixed time grid of the monotonic clock, draws the pointer in (XFixes), scales
-// to the output size, converts to I420 (libyuv) and passes the frame to its recorder
-// through a queue of `queueDepth` preallocated frames. The recorder encodes on a thread of its own
-// (VideoFileRecorder).
+// second on a fixed time grid of the monotonic clock, and draws the pointer in (XFixes). A
+// grab equal to the one before is dropped there, but for one a second; any other is
+// brought to the output size in I420 (libyuv, only where it changed) and passed to the
+// recorder through a queue of `queueDepth` preallocated frames, which never makes the
+// capture thread wait. The recorder encodes on a thread of its own (VideoFileRecorder).
 class X11VideoCaptureService final : public VideoCaptureService {
 public:
+    // What a stream has done so far.
+    struct Counts {
+        long long captured = 0;         // grabs of the area
+        long long skippedIdentical = 0; // grabs equal to the last frame passed on
+        long long droppedByQueue = 0;   // frames overwritten while the encoder was behind
+        long long encoded = 0;          // frames the recorder encoded
+        long long windowListings = 0;   // times the top-level windows were read
+        double captureCpuSeconds = 0;   // the capture thread's, once it has stopped
+    };
+
     // An empty name means $DISPLAY.
     explicit X11VideoCaptureService(QByteArray displayName = {});
 
@@ -23,6 +34,9 @@ public:
     std::shared_ptr<RecordingOutput>
     makeRecordingOutput(const RecordingOutputConfiguration& config,
                         RecordingOutputDelegate* delegate) override;
+
+    // Any thread, but not while the stream starts; zeros for a stream of another service.
+    static Counts counts(const VideoCaptureStream& stream);
 
 private:
     QByteArray displayName_;

@@ -22,6 +22,26 @@ TEST(VideoFrameQueue, FramesArePreallocatedAtTheOutputSize) {
     EXPECT_EQ(frame.y.size(), 320u * 240u);
     EXPECT_EQ(frame.u.size(), 160u * 120u);
     EXPECT_EQ(frame.v.size(), 160u * 120u);
+    EXPECT_EQ(frame.changed.size(), 120u);
+}
+
+TEST(VideoFrameQueue, FrameTakenBackKeepsItsChangesAndAnyOtherComesWithNone) {
+    VideoFrameQueue queue(1, 4, 4);
+    VideoFrame& first = queue.acquire();
+    first.changed[0] = {0, 4};
+    queue.publish(first);
+
+    VideoFrame& takenBack = queue.acquire(); // the queue is full: the waiting frame returns
+    EXPECT_EQ(&takenBack, &first);
+    EXPECT_EQ(takenBack.changed[0], (ColumnSpan{0, 4}));
+    queue.publish(takenBack);
+    VideoFrame* consumed = queue.next();
+    ASSERT_NE(consumed, nullptr);
+    queue.recycle(*consumed);
+
+    VideoFrame& recycled = queue.acquire();
+    EXPECT_EQ(recycled.changed[0], ColumnSpan{});
+    EXPECT_EQ(recycled.changed[1], ColumnSpan{});
 }
 
 TEST(VideoFrameQueue, FramesComeOutInCaptureOrder) {

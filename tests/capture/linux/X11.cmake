@@ -33,3 +33,8 @@ tessarel_add_test(X11EngineTest
     SOURCES X11EngineTest.cpp
     LIBS tessarel_linux_x11 tessarel_virtual_display tessarel_fake_capture
     LABELS integration)
+
+tessarel_add_test(VideoFrameConverterTest
+    SOURCES VideoFrameConverterTest.cpp
+    LIBS tessarel_linux_x11 tessarel_yuv
+    LABELS core)

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -107,6 +109,77 @@ TEST(X11Snapshot, EachMonitorIsCapturedAtItsOwnPixelSizeAndContent) {
     ASSERT_EQ(smallImage.width, 640);
     ASSERT_EQ(smallImage.height, 480);
     EXPECT_EQ(mismatches(smallImage, pattern, QRect(2880, 100, 640, 480)), 0);
+}
+
+TEST(X11Snapshot, SnapshotsFromTwoThreadsAtOnceAreEachExact) {
+    VirtualDisplay display(1920, 1080);
+    display.setMonitor(QStringLiteral("Big"), QRect(0, 0, 1280, 1080), QStringLiteral("screen"));
+    display.setMonitor(QStringLiteral("Little"), QRect(1280, 0, 640, 480));
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 20);
+    const auto window = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo big = displayNamed(provider, internAtom(display.name(), "Big"));
+    const DisplayInfo little = displayNamed(provider, internAtom(display.name(), "Little"));
+
+    // Each thread alternates with the other on the one kept segment, at two sizes.
+    std::vector<long long> bigMismatches;
+    std::vector<long long> littleMismatches;
+    std::thread other([&] {
+        for (int i = 0; i < 6; ++i) {
+            const Image image = screenshots.captureImage({little, {}}, fullSize(little));
+            littleMismatches.push_back(image.width == 640 && image.height == 480
+                                           ? mismatches(image, pattern, QRect(1280, 0, 640, 480))
+                                           : -1);
+        }
+    });
+    for (int i = 0; i < 6; ++i) {
+        const Image image = screenshots.captureImage({big, {}}, fullSize(big));
+        bigMismatches.push_back(image.width == 1280 && image.height == 1080
+                                    ? mismatches(image, pattern, QRect(0, 0, 1280, 1080))
+                                    : -1);
+    }
+    other.join();
+
+    EXPECT_EQ(bigMismatches, std::vector<long long>(6, 0));
+    EXPECT_EQ(littleMismatches, std::vector<long long>(6, 0));
+}
+
+TEST(X11Snapshot, SmallerDisplayThenLargerOneAreBothExact) {
+    VirtualDisplay display(1920, 1080);
+    display.setMonitor(QStringLiteral("Big"), QRect(0, 0, 1280, 1080), QStringLiteral("screen"));
+    display.setMonitor(QStringLiteral("Little"), QRect(1280, 0, 640, 480));
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 21);
+    const auto window = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo big = displayNamed(provider, internAtom(display.name(), "Big"));
+    const DisplayInfo little = displayNamed(provider, internAtom(display.name(), "Little"));
+
+    const Image small = screenshots.captureImage({little, {}}, fullSize(little));
+    const Image large = screenshots.captureImage({big, {}}, fullSize(big));
+
+    EXPECT_EQ(mismatches(small, pattern, QRect(1280, 0, 640, 480)), 0);
+    ASSERT_EQ(large.width, 1280);
+    ASSERT_EQ(large.height, 1080);
+    EXPECT_EQ(mismatches(large, pattern, QRect(0, 0, 1280, 1080)), 0);
+}
+
+TEST(X11Snapshot, ImageStillHeldIsNotOverwrittenByTheNextSnapshot) {
+    VirtualDisplay display(640, 480);
+    const QImage first = VirtualDisplay::testPattern(QSize(640, 480), 22);
+    const QImage second = VirtualDisplay::testPattern(QSize(640, 480), 23);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+
+    const auto firstWindow = display.showWindow(QRect(0, 0, 640, 480), first);
+    const Image held = screenshots.captureImage({screen, {}}, fullSize(screen));
+    const auto secondWindow = display.showWindow(QRect(0, 0, 640, 480), second);
+    const Image next = screenshots.captureImage({screen, {}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(held, first, QRect(0, 0, 640, 480)), 0);
+    EXPECT_EQ(mismatches(next, second, QRect(0, 0, 640, 480)), 0);
 }
 
 TEST(X11Content, DisplaysAreNumberedByTheirMonitorNameAtoms) {

@@ -218,6 +218,7 @@ struct Recording {
     QString path;
     double wallClockSeconds = 0;
     bool finished = false;
+    X11VideoCaptureService::Counts counts;
 };
 
 Recording record(const QByteArray& display, const ContentFilter& filter,
@@ -233,7 +234,9 @@ Recording record(const QByteArray& display, const ContentFilter& filter,
     std::this_thread::sleep_for(length);
     const auto stopping = Clock::now();
     stream->stopCapture();
-    return {path, std::chrono::duration<double>(stopping - started).count(), events.finished()};
+    const bool finished = events.finished();
+    return {path, std::chrono::duration<double>(stopping - started).count(), finished,
+            X11VideoCaptureService::counts(*stream)};
 }
 
 } // namespace
@@ -322,6 +325,89 @@ TEST(X11Video, UnchangedScreenIsRecordedAtTheWallClocksPaceWithFewFrames) {
     EXPECT_NEAR(probed.duration, movie.wallClockSeconds, 0.150);
     // One keyframe a second keeps the file safe; the identical frames between are skipped.
     EXPECT_LE(probed.frames, 5);
+}
+
+TEST(X11Video, UnchangedLayoutIsListedOnceAndUnchangedGrabsGoNoFurther) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 11);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    const auto panel = display.showWindow(QRect(1200, 600, 300, 200),
+                                          solid(QSize(300, 200), qRgb(255, 0, 255)), getpid());
+    display.movePointer(1500, 900);
+    QTemporaryDir directory;
+
+    const Recording movie =
+        record(display.name(), {mainDisplay(display.name()), {{getpid(), {}}}},
+               configurationFor(Rect{100, 100, 640, 480}, 1.0), directory.filePath("still.mp4"),
+               std::chrono::milliseconds(1500));
+
+    ASSERT_TRUE(movie.finished);
+    const auto& counts = movie.counts;
+    EXPECT_EQ(counts.windowListings, 1);
+    EXPECT_EQ(counts.droppedByQueue, 0);
+    EXPECT_GT(counts.skippedIdentical, 0);
+    EXPECT_EQ(counts.encoded + counts.skippedIdentical, counts.captured);
+    // The first frame, and one a second after it.
+    EXPECT_LE(counts.encoded, 3);
+}
+
+TEST(X11Video, OwnWindowMovingOverTheAreaIsLeftOutWithoutListingAgain) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 12);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    auto panel = display.showWindow(QRect(0, 150, 120, 90),
+                                    solid(QSize(120, 90), qRgb(255, 0, 255)), getpid());
+    display.movePointer(1500, 900);
+    QTemporaryDir directory;
+    // Back and forth across the area (100, 100, 320, 240).
+    Mover mover(*panel, QPoint(0, 150), 500);
+
+    const Recording movie =
+        record(display.name(), {mainDisplay(display.name()), {{getpid(), {}}}},
+               configurationFor(Rect{100, 100, 320, 240}, 1.0), directory.filePath("moving.mp4"),
+               std::chrono::milliseconds(1500));
+
+    ASSERT_TRUE(movie.finished);
+    EXPECT_EQ(movie.counts.windowListings, 1);
+    const auto frames = decode(movie.path, 320, 240);
+    ASSERT_FALSE(frames.empty());
+    for (const QByteArray& frame : frames) {
+        EXPECT_LT(meanDifference(frame, pattern, QRect(100, 100, 320, 240),
+                                 [](int, int) { return true; }),
+                  3.0);
+    }
+}
+
+TEST(X11Video, OwnWindowAppearingDuringTheRecordingIsLeftOut) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 13);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    display.movePointer(1500, 900);
+    QTemporaryDir directory;
+    const QString path = directory.filePath("appearing.mp4");
+    X11VideoCaptureService video(display.name());
+    RecorderEvents events;
+    auto stream = video.makeStream({mainDisplay(display.name()), {{getpid(), {}}}},
+                                   configurationFor(Rect{100, 100, 320, 240}, 1.0), &events);
+    stream->addRecordingOutput(video.makeRecordingOutput(
+        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &events));
+
+    stream->startCapture();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const auto panel = display.showWindow(QRect(150, 150, 200, 100),
+                                          solid(QSize(200, 100), qRgb(255, 0, 255)), getpid());
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    stream->stopCapture();
+
+    ASSERT_TRUE(events.finished());
+    EXPECT_GE(X11VideoCaptureService::counts(*stream).windowListings, 2);
+    const auto frames = decode(path, 320, 240);
+    ASSERT_FALSE(frames.empty());
+    for (const QByteArray& frame : frames) {
+        EXPECT_LT(meanDifference(frame, pattern, QRect(100, 100, 320, 240),
+                                 [](int, int) { return true; }),
+                  3.0);
+    }
 }
 
 TEST(X11Video, KilledRecordingLeavesAPlayableMovie) {
