@@ -46,3 +46,15 @@ target_compile_definitions(AudioCrashTest PRIVATE
     TESSAREL_RECORDER_CHILD="$<TARGET_FILE:tessarel_audio_recorder_child>")
 target_compile_definitions(AudioResourcesTest PRIVATE
     TESSAREL_BUILD_RESOURCE_DIR="${CMAKE_BINARY_DIR}/${TESSAREL_RESOURCE_DIR_NAME}")
+
+# The same recordings against PipeWire's PulseAudio service (pipewire, wireplumber,
+# pipewire-pulse), as GNOME desktops run it.
+target_sources(tessarel_audio_test_support PRIVATE
+    ${CMAKE_CURRENT_LIST_DIR}/../../support/PipeWireServer.cpp)
+
+tessarel_add_test(AudioPipeWireTest
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/AudioPipeWireTest.cpp
+    LIBS ${_audio_libs} tessarel_fake_capture
+    LABELS integration)
+target_compile_definitions(AudioPipeWireTest PRIVATE
+    TESSAREL_BUILD_RESOURCE_DIR="${CMAKE_BINARY_DIR}/${TESSAREL_RESOURCE_DIR_NAME}")

@@ -1,0 +1,274 @@
+#include "support/PipeWireServer.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QThread>
+
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+namespace {
+
+constexpr int kDeadlineMs = 30000;
+
+QString logPath(const QString& dir, const QString& program) {
+    return QDir(dir).filePath(program + QStringLiteral(".log"));
+}
+
+} // namespace
+
+PipeWireServer::PipeWireServer() {
+    if (!runtimeDir_.isValid()) {
+        throw std::runtime_error("no temporary folder for PipeWire");
+    }
+    previousServer_ = qgetenv("PULSE_SERVER");
+    try {
+        start();
+    } catch (const std::runtime_error& error) {
+        fail(QString::fromUtf8(error.what()));
+    }
+}
+
+void PipeWireServer::start() {
+    QProcessEnvironment environment = daemonEnvironment();
+    startSessionBus(environment);
+    writeSessionManagerConfig();
+
+    startDaemon(QStringLiteral("pipewire"), {}, environment);
+    const QString graphSocket = QDir(runtimeDir_.path()).filePath(QStringLiteral("pipewire-0"));
+    waitFor(QStringLiteral("PipeWire's socket"), [&] { return QFileInfo::exists(graphSocket); });
+    startDaemon(QStringLiteral("wireplumber"), {}, environment);
+    startDaemon(QStringLiteral("pipewire-pulse"), {}, environment);
+
+    qputenv("PULSE_SERVER", address().toUtf8());
+    waitFor(QStringLiteral("the PulseAudio service of PipeWire"), [&] {
+        try {
+            return pactl({QStringLiteral("info")})
+                .contains(QStringLiteral("Server Name: PulseAudio (on PipeWire "));
+        } catch (const std::runtime_error&) {
+            return false;
+        }
+    });
+
+    pactl({QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
+           QStringLiteral("sink_name=") + sinkName(),
+           QStringLiteral("rate=") + QString::number(kSampleRate),
+           QStringLiteral("channels=") + QString::number(kChannelCount)});
+    // The sink's node appears a moment later; until then it cannot be chosen.
+    waitFor(QStringLiteral("the null sink as the default output"), [&] {
+        try {
+            pactl({QStringLiteral("set-default-sink"), sinkName()});
+            return pactl({QStringLiteral("get-default-sink")}).trimmed() == sinkName();
+        } catch (const std::runtime_error&) {
+            return false;
+        }
+    });
+}
+
+PipeWireServer::~PipeWireServer() {
+    stopAll();
+}
+
+QString PipeWireServer::address() const {
+    return QStringLiteral("unix:") + runtimeDir_.path() + QStringLiteral("/pulse/native");
+}
+
+QProcessEnvironment PipeWireServer::clientEnvironment() const {
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PULSE_SERVER"), address());
+    return environment;
+}
+
+QString PipeWireServer::pactl(const QStringList& arguments) const {
+    QProcess process;
+    process.setProcessEnvironment(clientEnvironment());
+    process.start(QStringLiteral("pactl"), arguments);
+    if (!process.waitForFinished(kDeadlineMs) || process.exitStatus() != QProcess::NormalExit ||
+        process.exitCode() != 0) {
+        throw std::runtime_error((QStringLiteral("pactl ") + arguments.join(QLatin1Char(' ')) +
+                                  QStringLiteral(" failed: ") +
+                                  QString::fromLocal8Bit(process.readAllStandardError()))
+                                     .toStdString());
+    }
+    return QString::fromLocal8Bit(process.readAllStandardOutput());
+}
+
+// Everything the daemons find on their own (configuration, state, sockets, the session bus)
+// lies in the runtime folder, so neither a desktop's sound server nor its settings take part.
+QProcessEnvironment PipeWireServer::daemonEnvironment() const {
+    const QDir dir(runtimeDir_.path());
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char* name :
+         {"PULSE_SERVER", "PULSE_RUNTIME_PATH", "PIPEWIRE_REMOTE", "PIPEWIRE_RUNTIME_DIR",
+          "PIPEWIRE_CONFIG_DIR", "DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS"}) {
+        environment.remove(QString::fromLatin1(name));
+    }
+    environment.insert(QStringLiteral("HOME"), dir.path());
+    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir.path());
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
+    environment.insert(QStringLiteral("XDG_STATE_HOME"), dir.filePath(QStringLiteral("state")));
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), dir.filePath(QStringLiteral("data")));
+    return environment;
+}
+
+void PipeWireServer::startDaemon(const QString& program, const QStringList& arguments,
+                                 const QProcessEnvironment& environment) {
+    auto& daemon = *daemons_.emplace_back(std::make_unique<QProcess>());
+    daemon.setProcessEnvironment(environment);
+    daemon.setProcessChannelMode(QProcess::MergedChannels);
+    daemon.setStandardOutputFile(logPath(runtimeDir_.path(), program));
+    daemon.start(program, arguments);
+    if (!daemon.waitForStarted(kDeadlineMs)) {
+        throw std::runtime_error(
+            (program + QStringLiteral(" did not start: ") + daemon.errorString()).toStdString());
+    }
+}
+
+// The session manager asks for a session bus; the desktop's must not see it.
+void PipeWireServer::startSessionBus(QProcessEnvironment& environment) {
+    const QString socket = QDir(runtimeDir_.path()).filePath(QStringLiteral("bus"));
+    const QString address = QStringLiteral("unix:path=") + socket;
+    startDaemon(QStringLiteral("dbus-daemon"),
+                {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                 QStringLiteral("--address=") + address},
+                environment);
+    waitFor(QStringLiteral("the session bus"), [&] { return QFileInfo::exists(socket); });
+    environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), address);
+}
+
+// No sound cards, cameras or Bluetooth: the null sink is the only device.
+void PipeWireServer::writeSessionManagerConfig() const {
+    const QDir config(QDir(runtimeDir_.path()).filePath(QStringLiteral("config/wireplumber")));
+    const QString fileName = QStringLiteral("51-no-hardware.lua");
+    for (const auto& [folder, text] :
+         {std::pair{QStringLiteral("main.lua.d"),
+                    QByteArrayLiteral("alsa_monitor.enabled = false\n"
+                                      "v4l2_monitor.enabled = false\n"
+                                      "libcamera_monitor.enabled = false\n")},
+          std::pair{QStringLiteral("bluetooth.lua.d"),
+                    QByteArrayLiteral("bluez_monitor.enabled = false\n")}}) {
+        QFile file(config.filePath(folder + QLatin1Char('/') + fileName));
+        if (!config.mkpath(folder) || !file.open(QIODevice::WriteOnly) ||
+            file.write(text) != text.size()) {
+            throw std::runtime_error("the session manager's configuration could not be written");
+        }
+    }
+}
+
+void PipeWireServer::waitFor(const QString& what, const std::function<bool()>& ready) {
+    const QDeadlineTimer deadline(kDeadlineMs);
+    while (!ready()) {
+        for (const auto& daemon : daemons_) {
+            if (daemon->state() == QProcess::NotRunning) {
+                throw std::runtime_error(
+                    (daemon->program() + QStringLiteral(" ended while waiting for ") + what)
+                        .toStdString());
+            }
+        }
+        if (deadline.hasExpired()) {
+            throw std::runtime_error((QStringLiteral("no sign of ") + what).toStdString());
+        }
+        QThread::msleep(50);
+    }
+}
+
+void PipeWireServer::fail(const QString& why) {
+    stopAll();
+    QString message = why;
+    for (const auto& daemon : daemons_) {
+        QFile log(logPath(runtimeDir_.path(), daemon->program()));
+        if (log.open(QIODevice::ReadOnly)) {
+            message += QStringLiteral("\n--- ") + daemon->program() + QStringLiteral(":\n") +
+                       QString::fromLocal8Bit(log.readAll().right(2000));
+        }
+    }
+    throw std::runtime_error(message.toStdString());
+}
+
+void PipeWireServer::playTone(double frequencyHz, double seconds) {
+    stopPlaying();
+    // sox makes the samples, pacat plays them as they come, with enough buffered not to run
+    // dry on a busy machine.
+    generator_.setStandardOutputProcess(&player_);
+    generator_.setStandardErrorFile(QProcess::nullDevice());
+    player_.setProcessEnvironment(clientEnvironment());
+    player_.setStandardOutputFile(QProcess::nullDevice());
+    player_.setStandardErrorFile(QProcess::nullDevice());
+    const QString rate = QString::number(kSampleRate);
+    const QString channels = QString::number(kChannelCount);
+    generator_.start(QStringLiteral("sox"),
+                     {QStringLiteral("-n"), QStringLiteral("-r"), rate, QStringLiteral("-c"),
+                      channels, QStringLiteral("-e"), QStringLiteral("floating-point"),
+                      QStringLiteral("-b"), QStringLiteral("32"), QStringLiteral("-t"),
+                      QStringLiteral("raw"), QStringLiteral("-"), QStringLiteral("synth"),
+                      QString::number(seconds), QStringLiteral("sine"),
+                      QString::number(frequencyHz), QStringLiteral("vol"), QStringLiteral("0.5")});
+    player_.start(QStringLiteral("pacat"),
+                  {QStringLiteral("--playback"), QStringLiteral("--device=") + sinkName(),
+                   QStringLiteral("--format=float32le"), QStringLiteral("--rate=") + rate,
+                   QStringLiteral("--channels=") + channels, QStringLiteral("--latency-msec=100")});
+    if (!generator_.waitForStarted(kDeadlineMs) || !player_.waitForStarted(kDeadlineMs)) {
+        throw std::runtime_error("the tone could not be played");
+    }
+    waitUntilAudible();
+}
+
+// A sink idle for a few seconds is suspended by the session manager and takes a moment to
+// resume; a recording started before that would begin late.
+void PipeWireServer::waitUntilAudible() {
+    QProcess listener;
+    listener.setProcessEnvironment(clientEnvironment());
+    listener.setStandardErrorFile(QProcess::nullDevice());
+    listener.start(QStringLiteral("parec"),
+                   {QStringLiteral("--device=") + monitorSourceName(),
+                    QStringLiteral("--format=float32le"),
+                    QStringLiteral("--rate=") + QString::number(kSampleRate),
+                    QStringLiteral("--channels=1"), QStringLiteral("--latency-msec=20")});
+    listener.waitForStarted(kDeadlineMs);
+    const QDeadlineTimer deadline(kDeadlineMs);
+    QByteArray pending;
+    bool heard = false;
+    while (!heard && !deadline.hasExpired() && listener.state() == QProcess::Running) {
+        listener.waitForReadyRead(100);
+        pending += listener.readAllStandardOutput();
+        for (qsizetype at = 0; !heard && at + 4 <= pending.size(); at += 4) {
+            float sample = 0;
+            std::memcpy(&sample, pending.constData() + at, sizeof sample);
+            heard = std::fabs(sample) > 0.25f;
+        }
+        pending.remove(0, pending.size() / 4 * 4);
+    }
+    listener.kill();
+    listener.waitForFinished(kDeadlineMs);
+    if (!heard) {
+        throw std::runtime_error("the tone never reached PipeWire's null sink");
+    }
+}
+
+void PipeWireServer::stopPlaying() {
+    for (QProcess* process : {&generator_, &player_}) {
+        if (process->state() != QProcess::NotRunning) {
+            process->kill();
+            process->waitForFinished(kDeadlineMs);
+        }
+    }
+}
+
+void PipeWireServer::stopAll() {
+    stopPlaying();
+    for (auto daemon = daemons_.rbegin(); daemon != daemons_.rend(); ++daemon) {
+        if ((*daemon)->state() != QProcess::NotRunning) {
+            (*daemon)->kill();
+            (*daemon)->waitForFinished(kDeadlineMs);
+        }
+    }
+    if (previousServer_.isEmpty()) {
+        qunsetenv("PULSE_SERVER");
+    } else {
+        qputenv("PULSE_SERVER", previousServer_);
+    }
+}

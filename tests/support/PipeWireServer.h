@@ -1,0 +1,66 @@
+#pragma once
+
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+// A private PipeWire with its session manager and its PulseAudio service, as GNOME desktops run
+// them, in a temporary runtime folder with its own session bus and no sound hardware. One null
+// sink is the default output. While it exists, this process's PulseAudio clients (and the child
+// processes started with clientEnvironment()) talk to it and to nothing else.
+//
+// Threads: the thread that made it.
+class PipeWireServer {
+public:
+    static constexpr int kSampleRate = 48000;
+    static constexpr int kChannelCount = 2;
+
+    // Returns once the PulseAudio service answers with the null sink as its default output;
+    // throws std::runtime_error, with the daemons' last words, when it never does.
+    PipeWireServer();
+    ~PipeWireServer();
+    PipeWireServer(const PipeWireServer&) = delete;
+    PipeWireServer& operator=(const PipeWireServer&) = delete;
+
+    // "unix:" and the PulseAudio service's socket.
+    QString address() const;
+    QString sinkName() const { return QStringLiteral("tessarel_null"); }
+    QString monitorSourceName() const { return sinkName() + QStringLiteral(".monitor"); }
+    QProcessEnvironment clientEnvironment() const;
+
+    // `pactl` run against the server; its standard output. Throws when it fails.
+    QString pactl(const QStringList& arguments) const;
+
+    // Plays a sine of the given frequency at half of full scale into the sink for the given
+    // time. Returns once the tone can be heard on the sink's monitor, so that a recording
+    // started then begins with it. A tone still playing is stopped first.
+    void playTone(double frequencyHz, double seconds);
+    void stopPlaying();
+
+private:
+    void start();
+    QProcessEnvironment daemonEnvironment() const;
+    void startDaemon(const QString& program, const QStringList& arguments,
+                     const QProcessEnvironment& environment);
+    void startSessionBus(QProcessEnvironment& environment);
+    void writeSessionManagerConfig() const;
+    // Throws when `ready` is still false after a generous deadline or a daemon has ended.
+    void waitFor(const QString& what, const std::function<bool()>& ready);
+    void waitUntilAudible();
+    // Stops everything and throws `why` with the daemons' logs.
+    [[noreturn]] void fail(const QString& why);
+    void stopAll();
+
+    QTemporaryDir runtimeDir_;
+    // In start order; stopped in reverse.
+    std::vector<std::unique_ptr<QProcess>> daemons_;
+    QProcess generator_;
+    QProcess player_;
+    QByteArray previousServer_;
+};
