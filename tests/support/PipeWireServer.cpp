@@ -163,7 +163,8 @@ void PipeWireServer::waitFor(const QString& what, const std::function<bool()>& r
     const QDeadlineTimer deadline(kDeadlineMs);
     while (!ready()) {
         for (const auto& daemon : daemons_) {
-            if (daemon->state() == QProcess::NotRunning) {
+            // Without an event loop only a wait notices that a process has ended.
+            if (daemon->state() == QProcess::NotRunning || daemon->waitForFinished(0)) {
                 throw std::runtime_error(
                     (daemon->program() + QStringLiteral(" ended while waiting for ") + what)
                         .toStdString());
