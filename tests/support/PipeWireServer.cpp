@@ -6,8 +6,6 @@
 #include <QFileInfo>
 #include <QThread>
 
-#include <cmath>
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -188,75 +186,6 @@ void PipeWireServer::fail(const QString& why) {
         }
     }
     throw std::runtime_error(message.toStdString());
-}
-
-void PipeWireServer::playTone(double frequencyHz, double seconds) {
-    stopPlaying();
-    // sox makes the samples, pacat plays them as they come, with enough buffered not to run
-    // dry on a busy machine.
-    generator_.setStandardOutputProcess(&player_);
-    generator_.setStandardErrorFile(QProcess::nullDevice());
-    player_.setProcessEnvironment(clientEnvironment());
-    player_.setStandardOutputFile(QProcess::nullDevice());
-    player_.setStandardErrorFile(QProcess::nullDevice());
-    const QString rate = QString::number(kSampleRate);
-    const QString channels = QString::number(kChannelCount);
-    generator_.start(QStringLiteral("sox"),
-                     {QStringLiteral("-n"), QStringLiteral("-r"), rate, QStringLiteral("-c"),
-                      channels, QStringLiteral("-e"), QStringLiteral("floating-point"),
-                      QStringLiteral("-b"), QStringLiteral("32"), QStringLiteral("-t"),
-                      QStringLiteral("raw"), QStringLiteral("-"), QStringLiteral("synth"),
-                      QString::number(seconds), QStringLiteral("sine"),
-                      QString::number(frequencyHz), QStringLiteral("vol"), QStringLiteral("0.5")});
-    player_.start(QStringLiteral("pacat"),
-                  {QStringLiteral("--playback"), QStringLiteral("--device=") + sinkName(),
-                   QStringLiteral("--format=float32le"), QStringLiteral("--rate=") + rate,
-                   QStringLiteral("--channels=") + channels, QStringLiteral("--latency-msec=100")});
-    if (!generator_.waitForStarted(kDeadlineMs) || !player_.waitForStarted(kDeadlineMs)) {
-        throw std::runtime_error("the tone could not be played");
-    }
-    waitUntilAudible();
-}
-
-// A sink idle for a few seconds is suspended by the session manager and takes a moment to
-// resume; a recording started before that would begin late.
-void PipeWireServer::waitUntilAudible() {
-    QProcess listener;
-    listener.setProcessEnvironment(clientEnvironment());
-    listener.setStandardErrorFile(QProcess::nullDevice());
-    listener.start(QStringLiteral("parec"),
-                   {QStringLiteral("--device=") + monitorSourceName(),
-                    QStringLiteral("--format=float32le"),
-                    QStringLiteral("--rate=") + QString::number(kSampleRate),
-                    QStringLiteral("--channels=1"), QStringLiteral("--latency-msec=20")});
-    listener.waitForStarted(kDeadlineMs);
-    const QDeadlineTimer deadline(kDeadlineMs);
-    QByteArray pending;
-    bool heard = false;
-    while (!heard && !deadline.hasExpired() && listener.state() == QProcess::Running) {
-        listener.waitForReadyRead(100);
-        pending += listener.readAllStandardOutput();
-        for (qsizetype at = 0; !heard && at + 4 <= pending.size(); at += 4) {
-            float sample = 0;
-            std::memcpy(&sample, pending.constData() + at, sizeof sample);
-            heard = std::fabs(sample) > 0.25f;
-        }
-        pending.remove(0, pending.size() / 4 * 4);
-    }
-    listener.kill();
-    listener.waitForFinished(kDeadlineMs);
-    if (!heard) {
-        throw std::runtime_error("the tone never reached PipeWire's null sink");
-    }
-}
-
-void PipeWireServer::stopPlaying() {
-    for (QProcess* process : {&generator_, &player_}) {
-        if (process->state() != QProcess::NotRunning) {
-            process->kill();
-            process->waitForFinished(kDeadlineMs);
-        }
-    }
 }
 
 void PipeWireServer::stopAll() {

@@ -6,6 +6,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include "support/TonePlayer.h"
+
 #include <functional>
 #include <memory>
 #include <vector>
@@ -37,11 +39,9 @@ public:
     // `pactl` run against the server; its standard output. Throws when it fails.
     QString pactl(const QStringList& arguments) const;
 
-    // Plays a sine of the given frequency at half of full scale into the sink for the given
-    // time. Returns once the tone can be heard on the sink's monitor, so that a recording
-    // started then begins with it. A tone still playing is stopped first.
-    void playTone(double frequencyHz, double seconds);
-    void stopPlaying();
+    // See TonePlayer::play() and TonePlayer::stop().
+    void playTone(double frequencyHz, double seconds) { tone_.play(frequencyHz, seconds); }
+    void stopPlaying() { tone_.stop(); }
 
 private:
     void start();
@@ -52,7 +52,6 @@ private:
     void writeSessionManagerConfig() const;
     // Throws when `ready` is still false after a generous deadline or a daemon has ended.
     void waitFor(const QString& what, const std::function<bool()>& ready);
-    void waitUntilAudible();
     // Stops everything and throws `why` with the daemons' logs.
     [[noreturn]] void fail(const QString& why);
     void stopAll();
@@ -60,7 +59,6 @@ private:
     QTemporaryDir runtimeDir_;
     // In start order; stopped in reverse.
     std::vector<std::unique_ptr<QProcess>> daemons_;
-    QProcess generator_;
-    QProcess player_;
+    TonePlayer tone_{clientEnvironment(), sinkName()};
     QByteArray previousServer_;
 };

@@ -5,6 +5,8 @@
 #include <QString>
 #include <QTemporaryDir>
 
+#include "support/TonePlayer.h"
+
 // A private PulseAudio server with one null sink as its default output, in a temporary
 // runtime folder. While it exists, this process's PulseAudio clients (and the child processes
 // started with clientEnvironment()) talk to it and to nothing else.
@@ -27,22 +29,16 @@ public:
     QString monitorSourceName() const { return sinkName() + QStringLiteral(".monitor"); }
     QProcessEnvironment clientEnvironment() const;
 
-    // Plays a sine of the given frequency at half of full scale into the sink for the given
-    // time. Returns once the tone can be heard on the sink's monitor: an idle null sink renders
-    // ahead in blocks of seconds, and a recording started before it has woken up would begin
-    // late. A tone still playing is stopped first.
-    void playTone(double frequencyHz, double seconds);
-    void stopPlaying();
+    // See TonePlayer::play() and TonePlayer::stop().
+    void playTone(double frequencyHz, double seconds) { tone_.play(frequencyHz, seconds); }
+    void stopPlaying() { tone_.stop(); }
 
     // Kills the server outright, as a crash would.
     void kill();
 
 private:
-    void waitUntilAudible();
-
     QTemporaryDir runtimeDir_;
     QProcess daemon_;
-    QProcess generator_;
-    QProcess player_;
+    TonePlayer tone_{clientEnvironment(), sinkName()};
     QByteArray previousServer_;
 };

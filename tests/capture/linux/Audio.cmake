@@ -2,6 +2,7 @@
 add_library(tessarel_audio_test_support STATIC
     ${CMAKE_CURRENT_LIST_DIR}/AudioFileInspection.cpp
     ${CMAKE_CURRENT_LIST_DIR}/../../support/SoundServer.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/../../support/TonePlayer.cpp
 )
 target_include_directories(tessarel_audio_test_support PUBLIC ${CMAKE_CURRENT_LIST_DIR}/../..)
 target_link_libraries(tessarel_audio_test_support PUBLIC Qt6::Core)
