@@ -47,7 +47,8 @@ using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 
 constexpr AVRational kNanoseconds{1, 1'000'000'000};
-constexpr AVRational kTimeBase{1, 90'000};
+// Fine enough for capture times, and within MPEG-4 Visual's limit of 65535.
+constexpr AVRational kTimeBase{1, 30'000};
 constexpr int kMacroblockPixels = 16;
 
 [[noreturn]] void fail(const QString& what, int code) {
