@@ -5,12 +5,14 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/opt.h>
 }
+
+#include <x264.h>
 
 #include <pthread.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -38,11 +40,16 @@ struct PacketFree {
 struct DictionaryFree {
     void operator()(AVDictionary* dictionary) const { av_dict_free(&dictionary); }
 };
+struct X264Close {
+    void operator()(x264_t* encoder) const { x264_encoder_close(encoder); }
+};
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 
 constexpr AVRational kNanoseconds{1, 1'000'000'000};
-constexpr AVRational kTimeBase{1, 90'000};
+// Fine enough for capture times, and within MPEG-4 Visual's limit of 65535.
+constexpr AVRational kTimeBase{1, 30'000};
+constexpr int kMacroblockPixels = 16;
 
 [[noreturn]] void fail(const QString& what, int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -56,27 +63,333 @@ void check(int code, const QString& what) {
     }
 }
 
-const AVCodec* h264Encoder() {
-    return avcodec_find_encoder_by_name("libx264");
-}
 const AVCodec* mpeg4Encoder() {
     return avcodec_find_encoder(AV_CODEC_ID_MPEG4);
 }
 
-// H.264 when libx264 is there, else libavcodec's own MPEG-4 Visual encoder.
-const AVCodec* encoderFor(std::optional<VideoCodec> preferred) {
-    if (preferred == VideoCodec::mpeg4Part2) {
-        return mpeg4Encoder();
+// The three planes of an I420 picture.
+struct Planes {
+    uint8_t* data[3];
+    int stride[3];
+};
+
+// Copies the changed columns of `frame` into `picture`.
+void applyChanges(const VideoFrame& frame, const Planes& picture) {
+    const int chromaWidth = frame.chromaWidth();
+    for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
+        const ColumnSpan& span = frame.changed[pair];
+        if (span.isEmpty()) {
+            continue;
+        }
+        const int top = static_cast<int>(pair) * 2;
+        for (int y = top; y < std::min(frame.height, top + 2); ++y) {
+            std::memcpy(picture.data[0] + static_cast<ptrdiff_t>(y) * picture.stride[0] +
+                            span.begin,
+                        frame.y.data() + static_cast<ptrdiff_t>(y) * frame.width + span.begin,
+                        static_cast<size_t>(span.end - span.begin));
+        }
+        const int chromaBegin = span.begin / 2;
+        const auto chromaBytes = static_cast<size_t>((span.end + 1) / 2 - chromaBegin);
+        const ptrdiff_t from = static_cast<ptrdiff_t>(pair) * chromaWidth + chromaBegin;
+        for (int plane = 1; plane < 3; ++plane) {
+            const std::vector<uint8_t>& source = plane == 1 ? frame.u : frame.v;
+            std::memcpy(picture.data[plane] + static_cast<ptrdiff_t>(pair) * picture.stride[plane] +
+                            chromaBegin,
+                        source.data() + from, chromaBytes);
+        }
     }
-    if (const AVCodec* h264 = h264Encoder()) {
-        return h264;
-    }
-    return mpeg4Encoder();
 }
+
+// A video encoder of whole pictures, which each frame's changes bring up to date.
+class Codec {
+public:
+    virtual ~Codec() = default;
+
+    // Describes the coded stream for the file's header.
+    virtual void describe(AVCodecParameters& parameters) const = 0;
+    // Brings the picture up to `frame`.
+    virtual void apply(const VideoFrame& frame) = 0;
+    // Encodes the picture as it is now, at `pts` in kTimeBase, and appends to `packets`
+    // what is ready.
+    virtual void encode(int64_t pts, bool keyframe, std::deque<PacketPtr>& packets) = 0;
+    // Appends all that is still held back to `packets`.
+    virtual void flush(std::deque<PacketPtr>& packets) = 0;
+};
+
+// H.264 through libx264 itself, which, unlike libavcodec's wrapper, takes the hint of which
+// macroblocks did not change: those are skipped without motion search, which is most of a
+// desktop's picture. Length-prefixed NAL units, with the parameter sets in the header only,
+// as MP4 keeps them.
+class X264Codec final : public Codec {
+public:
+    X264Codec(int width, int height, int framesPerSecond)
+        : width_(width), height_(height), macroblockColumns_(macroblocks(width)),
+          changed_(static_cast<size_t>(macroblockColumns_ * macroblocks(height)), 1) {
+        x264_param_t param;
+        if (x264_param_default_preset(&param, "veryfast", nullptr) < 0) {
+            throw PlatformError(QStringLiteral("Tessarel could not start the video encoder."));
+        }
+        param.i_log_level = X264_LOG_NONE;
+        // One thread: a screen recording's frame takes a small part of its interval, and
+        // frame threads cost some 5 % more CPU time for their hand-overs (measured against
+        // two at 1080p); the queue absorbs a slow keyframe.
+        param.i_threads = 1;
+        param.i_width = width;
+        param.i_height = height;
+        param.i_csp = X264_CSP_I420;
+        param.rc.i_rc_method = X264_RC_CRF;
+        param.rc.f_rf_constant = 23;
+        // Without B-frames decoding order is display order: each frame's duration is exactly
+        // the time until the next capture, and the movie starts at zero.
+        param.i_bframe = 0;
+        // Keyframes come from encode(), once a second of capture time; the encoder adds none
+        // of its own on a frame count, which would double them.
+        param.i_keyint_max = 10 * framesPerSecond;
+        param.i_fps_num = static_cast<uint32_t>(framesPerSecond);
+        param.i_fps_den = 1;
+        param.i_timebase_num = static_cast<uint32_t>(kTimeBase.num);
+        param.i_timebase_den = static_cast<uint32_t>(kTimeBase.den);
+        param.b_vfr_input = 1;
+        param.b_repeat_headers = 0;
+        param.b_annexb = 0;
+        param.analyse.b_mb_info = 1;
+        param.analyse.b_mb_info_update = 0;
+        encoder_.reset(x264_encoder_open(&param));
+        if (!encoder_ || x264_picture_alloc(&picture_, X264_CSP_I420, width, height) < 0) {
+            throw PlatformError(QStringLiteral("Tessarel could not start the video encoder."));
+        }
+        pictureAllocated_ = true;
+        makeConfiguration();
+    }
+    ~X264Codec() override {
+        if (pictureAllocated_) {
+            x264_picture_clean(&picture_);
+        }
+    }
+    X264Codec(const X264Codec&) = delete;
+    X264Codec& operator=(const X264Codec&) = delete;
+
+    void describe(AVCodecParameters& parameters) const override {
+        parameters.codec_type = AVMEDIA_TYPE_VIDEO;
+        parameters.codec_id = AV_CODEC_ID_H264;
+        parameters.width = width_;
+        parameters.height = height_;
+        parameters.format = AV_PIX_FMT_YUV420P;
+        parameters.extradata =
+            static_cast<uint8_t*>(av_mallocz(configuration_.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+        if (!parameters.extradata) {
+            throw PlatformError(QStringLiteral("Tessarel is out of memory."));
+        }
+        std::memcpy(parameters.extradata, configuration_.data(), configuration_.size());
+        parameters.extradata_size = static_cast<int>(configuration_.size());
+    }
+
+    void apply(const VideoFrame& frame) override {
+        applyChanges(frame, {{picture_.img.plane[0], picture_.img.plane[1], picture_.img.plane[2]},
+                             {picture_.img.i_stride[0], picture_.img.i_stride[1],
+                              picture_.img.i_stride[2]}});
+        for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
+            const ColumnSpan& span = frame.changed[pair];
+            if (span.isEmpty()) {
+                continue;
+            }
+            uint8_t* row = changed_.data() + static_cast<ptrdiff_t>(pair) * 2 / kMacroblockPixels *
+                                                 macroblockColumns_;
+            std::fill(row + span.begin / kMacroblockPixels,
+                      row + (span.end - 1) / kMacroblockPixels + 1, uint8_t{1});
+        }
+    }
+
+    void encode(int64_t pts, bool keyframe, std::deque<PacketPtr>& packets) override {
+        // x264 may encode the picture some frames later, after its lookahead: it frees the
+        // hint then.
+        auto* constant = static_cast<uint8_t*>(std::malloc(changed_.size()));
+        if (!constant) {
+            throw PlatformError(QStringLiteral("Tessarel is out of memory."));
+        }
+        for (size_t macroblock = 0; macroblock < changed_.size(); ++macroblock) {
+            constant[macroblock] = changed_[macroblock] ? 0 : X264_MBINFO_CONSTANT;
+        }
+        std::fill(changed_.begin(), changed_.end(), uint8_t{0});
+        picture_.prop.mb_info = constant;
+        picture_.prop.mb_info_free = [](void* hint) { std::free(hint); };
+        picture_.i_pts = pts;
+        picture_.i_type = keyframe ? X264_TYPE_IDR : X264_TYPE_AUTO;
+        encodeInto(&picture_, packets);
+        picture_.prop.mb_info = nullptr;
+        picture_.prop.mb_info_free = nullptr;
+    }
+
+    void flush(std::deque<PacketPtr>& packets) override {
+        while (x264_encoder_delayed_frames(encoder_.get()) > 0) {
+            encodeInto(nullptr, packets);
+        }
+    }
+
+private:
+    static int macroblocks(int pixels) {
+        return (pixels + kMacroblockPixels - 1) / kMacroblockPixels;
+    }
+
+    void encodeInto(x264_picture_t* input, std::deque<PacketPtr>& packets) {
+        x264_nal_t* units = nullptr;
+        int unitCount = 0;
+        x264_picture_t output;
+        const int size = x264_encoder_encode(encoder_.get(), &units, &unitCount, input, &output);
+        if (size < 0) {
+            throw PlatformError(QStringLiteral("Tessarel could not encode the movie."));
+        }
+        if (size == 0) {
+            return;
+        }
+        PacketPtr packet(av_packet_alloc());
+        if (!packet) {
+            throw PlatformError(QStringLiteral("Tessarel is out of memory."));
+        }
+        check(av_new_packet(packet.get(), size), QStringLiteral("Tessarel is out of memory"));
+        // The NAL units of one picture lie one after the other.
+        std::memcpy(packet->data, units[0].p_payload, static_cast<size_t>(size));
+        packet->pts = output.i_pts;
+        packet->dts = output.i_dts;
+        if (output.b_keyframe) {
+            packet->flags |= AV_PKT_FLAG_KEY;
+        }
+        packets.push_back(std::move(packet));
+    }
+
+    // The decoder configuration record (ISO/IEC 14496-15) of the stream's SPS and PPS.
+    void makeConfiguration() {
+        x264_nal_t* units = nullptr;
+        int unitCount = 0;
+        if (x264_encoder_headers(encoder_.get(), &units, &unitCount) < 0) {
+            throw PlatformError(QStringLiteral("Tessarel could not start the video encoder."));
+        }
+        constexpr int kLengthBytes = 4;
+        const uint8_t* sps = nullptr;
+        const uint8_t* pps = nullptr;
+        int spsBytes = 0;
+        int ppsBytes = 0;
+        for (int unit = 0; unit < unitCount; ++unit) {
+            const uint8_t* payload = units[unit].p_payload + kLengthBytes;
+            const int bytes = units[unit].i_payload - kLengthBytes;
+            if (units[unit].i_type == NAL_SPS) {
+                sps = payload;
+                spsBytes = bytes;
+            } else if (units[unit].i_type == NAL_PPS) {
+                pps = payload;
+                ppsBytes = bytes;
+            }
+        }
+        if (!sps || !pps || spsBytes < 4) {
+            throw PlatformError(QStringLiteral("Tessarel could not start the video encoder."));
+        }
+        const auto bigEndian16 = [this](int value) {
+            configuration_.push_back(static_cast<uint8_t>(value >> 8));
+            configuration_.push_back(static_cast<uint8_t>(value));
+        };
+        // Version, then profile, compatibility and level as in the SPS; 4-byte lengths.
+        configuration_ = {1, sps[1], sps[2], sps[3], 0xff, 0xe1};
+        bigEndian16(spsBytes);
+        configuration_.insert(configuration_.end(), sps, sps + spsBytes);
+        configuration_.push_back(1);
+        bigEndian16(ppsBytes);
+        configuration_.insert(configuration_.end(), pps, pps + ppsBytes);
+    }
+
+    const int width_;
+    const int height_;
+    const int macroblockColumns_;
+    std::unique_ptr<x264_t, X264Close> encoder_;
+    x264_picture_t picture_{};
+    bool pictureAllocated_ = false;
+    std::vector<uint8_t> changed_; // per macroblock: changed since the last encoded picture
+    std::vector<uint8_t> configuration_;
+};
+
+// libavcodec's own MPEG-4 Visual encoder, for when H.264 is not wanted.
+class Mpeg4Codec final : public Codec {
+public:
+    Mpeg4Codec(int width, int height, int framesPerSecond, bool globalHeader) {
+        const AVCodec* codec = mpeg4Encoder();
+        if (!codec) {
+            throw PlatformError(QStringLiteral("No video encoder is available."));
+        }
+        context_.reset(avcodec_alloc_context3(codec));
+        if (!context_) {
+            throw PlatformError(QStringLiteral("Tessarel could not create the movie file."));
+        }
+        context_->width = width;
+        context_->height = height;
+        context_->pix_fmt = AV_PIX_FMT_YUV420P;
+        context_->time_base = kTimeBase;
+        context_->framerate = AVRational{framesPerSecond, 1};
+        context_->gop_size = 10 * framesPerSecond;
+        if (globalHeader) {
+            context_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+        }
+        context_->flags |= AV_CODEC_FLAG_QSCALE;
+        context_->global_quality = FF_QP2LAMBDA * 4;
+        check(avcodec_open2(context_.get(), codec, nullptr),
+              QStringLiteral("Tessarel could not start the video encoder"));
+        picture_.reset(av_frame_alloc());
+        packet_.reset(av_packet_alloc());
+        if (!picture_ || !packet_) {
+            throw PlatformError(QStringLiteral("Tessarel is out of memory."));
+        }
+        picture_->format = AV_PIX_FMT_YUV420P;
+        picture_->width = width;
+        picture_->height = height;
+        check(av_frame_get_buffer(picture_.get(), 0), QStringLiteral("Tessarel is out of memory"));
+    }
+
+    void describe(AVCodecParameters& parameters) const override {
+        check(avcodec_parameters_from_context(&parameters, context_.get()),
+              QStringLiteral("Tessarel could not start the video encoder"));
+    }
+
+    void apply(const VideoFrame& frame) override {
+        AVFrame* picture = picture_.get();
+        check(av_frame_make_writable(picture), QStringLiteral("Tessarel is out of memory"));
+        applyChanges(frame, {{picture->data[0], picture->data[1], picture->data[2]},
+                             {picture->linesize[0], picture->linesize[1], picture->linesize[2]}});
+    }
+
+    void encode(int64_t pts, bool keyframe, std::deque<PacketPtr>& packets) override {
+        picture_->pts = pts;
+        picture_->pict_type = keyframe ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+        send(picture_.get(), packets);
+    }
+
+    void flush(std::deque<PacketPtr>& packets) override { send(nullptr, packets); }
+
+private:
+    void send(const AVFrame* picture, std::deque<PacketPtr>& packets) {
+        check(avcodec_send_frame(context_.get(), picture),
+              QStringLiteral("Tessarel could not encode the movie"));
+        for (;;) {
+            const int received = avcodec_receive_packet(context_.get(), packet_.get());
+            if (received == AVERROR(EAGAIN) || received == AVERROR_EOF) {
+                break;
+            }
+            check(received, QStringLiteral("Tessarel could not encode the movie"));
+            PacketPtr ready(av_packet_alloc());
+            if (!ready) {
+                throw PlatformError(QStringLiteral("Tessarel is out of memory."));
+            }
+            av_packet_move_ref(ready.get(), packet_.get());
+            packets.push_back(std::move(ready));
+        }
+    }
+
+    std::unique_ptr<AVCodecContext, CodecContextFree> context_;
+    FramePtr picture_;
+    PacketPtr packet_;
+};
 
 } // namespace
 
-// The FFmpeg side of one movie. Used by the recorder's thread only (after construction).
+// The encoder and the file of one movie. Used by the recorder's thread only (after
+// construction).
 class VideoFileRecorder::Encoder {
 public:
     Encoder(const QString& path, std::optional<VideoCodec> preferred, int width, int height,
@@ -86,50 +399,23 @@ public:
         // Tessarel writes nothing to the console; failures come back as errors.
         static std::once_flag quiet;
         std::call_once(quiet, [] { av_log_set_level(AV_LOG_QUIET); });
-        const AVCodec* codec = encoderFor(preferred);
-        if (!codec) {
-            throw PlatformError(QStringLiteral("No video encoder is available."));
-        }
         const QByteArray localPath = path.toUtf8();
         AVFormatContext* format = nullptr;
         check(avformat_alloc_output_context2(&format, nullptr, "mp4", localPath.constData()),
               QStringLiteral("Tessarel could not create the movie file"));
         format_.reset(format);
+        const auto framesPerSecond = std::max(static_cast<int>(kTimeBase.den / frameInterval_), 1);
+        if (preferred == VideoCodec::mpeg4Part2) {
+            codec_ = std::make_unique<Mpeg4Codec>(width, height, framesPerSecond,
+                                                  format->oformat->flags & AVFMT_GLOBALHEADER);
+        } else {
+            codec_ = std::make_unique<X264Codec>(width, height, framesPerSecond);
+        }
         stream_ = avformat_new_stream(format, nullptr);
-        context_.reset(avcodec_alloc_context3(codec));
-        if (!stream_ || !context_) {
+        if (!stream_) {
             throw PlatformError(QStringLiteral("Tessarel could not create the movie file."));
         }
-        context_->width = width;
-        context_->height = height;
-        context_->pix_fmt = AV_PIX_FMT_YUV420P;
-        context_->time_base = kTimeBase;
-        context_->framerate = AVRational{static_cast<int>(kTimeBase.den / frameInterval_), 1};
-        // Keyframes come from encode(), once a second of capture time; the encoder adds
-        // none of its own on a frame count, which would double them.
-        context_->gop_size = 10 * std::max(context_->framerate.num, 1);
-        if (format->oformat->flags & AVFMT_GLOBALHEADER) {
-            context_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        }
-        if (codec == h264Encoder()) {
-            av_opt_set(context_->priv_data, "preset", "veryfast", 0);
-            av_opt_set(context_->priv_data, "crf", "23", 0);
-            av_opt_set_int(context_->priv_data, "forced-idr", 1, 0);
-            // Without B-frames decoding order is display order: each frame's duration is
-            // exactly the time until the next capture, and the movie starts at zero.
-            context_->max_b_frames = 0;
-            // One thread: a screen recording's frame takes a small part of its interval, and
-            // frame threads cost some 5 % more CPU time for their hand-overs (measured
-            // against two at 1080p); the queue absorbs a slow keyframe.
-            context_->thread_count = 1;
-        } else {
-            context_->flags |= AV_CODEC_FLAG_QSCALE;
-            context_->global_quality = FF_QP2LAMBDA * 4;
-        }
-        check(avcodec_open2(context_.get(), codec, nullptr),
-              QStringLiteral("Tessarel could not start the video encoder"));
-        check(avcodec_parameters_from_context(stream_->codecpar, context_.get()),
-              QStringLiteral("Tessarel could not start the video encoder"));
+        codec_->describe(*stream_->codecpar);
         stream_->time_base = kTimeBase;
         check(avio_open(&format->pb, localPath.constData(), AVIO_FLAG_WRITE),
               QStringLiteral("Tessarel could not create the movie file"));
@@ -143,23 +429,12 @@ public:
         const int written = avformat_write_header(format, &passed);
         options.reset(passed);
         check(written, QStringLiteral("Tessarel could not write the movie file"));
-        picture_.reset(av_frame_alloc());
-        if (!picture_) {
-            throw PlatformError(QStringLiteral("Tessarel is out of memory."));
-        }
-        picture_->format = AV_PIX_FMT_YUV420P;
-        picture_->width = width;
-        picture_->height = height;
-        check(av_frame_get_buffer(picture_.get(), 0), QStringLiteral("Tessarel is out of memory"));
-        packet_.reset(av_packet_alloc());
     }
 
     // Brings the picture up to `frame`; false when the frame comes too soon after the last
     // one encoded to have a time of its own.
     bool encode(const VideoFrame& frame, int64_t timeNs) {
-        AVFrame* picture = picture_.get();
-        check(av_frame_make_writable(picture), QStringLiteral("Tessarel is out of memory"));
-        applyChanges(frame, *picture);
+        codec_->apply(frame);
         const int64_t pts = av_rescale_q(timeNs, kNanoseconds, kTimeBase);
         if (lastPts_ && pts <= *lastPts_) {
             return false;
@@ -173,14 +448,11 @@ public:
             firstPts_ = pts;
         }
         ++encodedFrames_;
-        picture->pts = pts;
-        picture->pict_type = keyframeDue ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
         if (keyframeDue) {
             lastKeyframePts_ = pts;
         }
-        check(avcodec_send_frame(context_.get(), picture),
-              QStringLiteral("Tessarel could not encode the movie"));
-        drain();
+        codec_->encode(pts, keyframeDue, pending_);
+        write();
         return true;
     }
 
@@ -192,53 +464,15 @@ public:
                                          *firstPts_ + encodedFrames_ * frameInterval_);
             durations_[*lastPts_] = std::max<int64_t>(end - *lastPts_, 1);
         }
-        check(avcodec_send_frame(context_.get(), nullptr),
-              QStringLiteral("Tessarel could not encode the movie"));
-        drain();
+        codec_->flush(pending_);
+        write();
         check(av_write_trailer(format_.get()),
               QStringLiteral("Tessarel could not finish the movie file"));
     }
 
 private:
-    // Copies the changed columns of `frame` into `picture`.
-    static void applyChanges(const VideoFrame& frame, AVFrame& picture) {
-        const int chromaWidth = frame.chromaWidth();
-        for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
-            const ColumnSpan& span = frame.changed[pair];
-            if (span.isEmpty()) {
-                continue;
-            }
-            const int top = static_cast<int>(pair) * 2;
-            for (int y = top; y < std::min(frame.height, top + 2); ++y) {
-                std::memcpy(picture.data[0] + static_cast<ptrdiff_t>(y) * picture.linesize[0] +
-                                span.begin,
-                            frame.y.data() + static_cast<ptrdiff_t>(y) * frame.width + span.begin,
-                            static_cast<size_t>(span.end - span.begin));
-            }
-            const int chromaBegin = span.begin / 2;
-            const auto chromaBytes = static_cast<size_t>((span.end + 1) / 2 - chromaBegin);
-            const ptrdiff_t from = static_cast<ptrdiff_t>(pair) * chromaWidth + chromaBegin;
-            std::memcpy(picture.data[1] + static_cast<ptrdiff_t>(pair) * picture.linesize[1] +
-                            chromaBegin,
-                        frame.u.data() + from, chromaBytes);
-            std::memcpy(picture.data[2] + static_cast<ptrdiff_t>(pair) * picture.linesize[2] +
-                            chromaBegin,
-                        frame.v.data() + from, chromaBytes);
-        }
-    }
-
-    // Writes what the encoder has ready, each packet as soon as its duration is known.
-    void drain() {
-        for (;;) {
-            const int received = avcodec_receive_packet(context_.get(), packet_.get());
-            if (received == AVERROR(EAGAIN) || received == AVERROR_EOF) {
-                break;
-            }
-            check(received, QStringLiteral("Tessarel could not encode the movie"));
-            PacketPtr ready(av_packet_alloc());
-            av_packet_move_ref(ready.get(), packet_.get());
-            pending_.push_back(std::move(ready));
-        }
+    // Writes the encoded packets, each as soon as its duration is known.
+    void write() {
         while (!pending_.empty()) {
             AVPacket* packet = pending_.front().get();
             const auto duration = durations_.find(packet->pts);
@@ -258,9 +492,7 @@ private:
     const int64_t frameInterval_; // in kTimeBase
     std::unique_ptr<AVFormatContext, FormatContextFree> format_;
     AVStream* stream_ = nullptr; // owned by format_
-    std::unique_ptr<AVCodecContext, CodecContextFree> context_;
-    FramePtr picture_; // the whole picture, which each frame's changes bring up to date
-    PacketPtr packet_;
+    std::unique_ptr<Codec> codec_;
     std::deque<PacketPtr> pending_;
     std::map<int64_t, int64_t> durations_; // pts → how long that frame shows
     std::optional<int64_t> firstPts_;
@@ -280,10 +512,7 @@ VideoFileRecorder::~VideoFileRecorder() {
 }
 
 std::vector<VideoCodec> VideoFileRecorder::availableCodecs() {
-    std::vector<VideoCodec> codecs;
-    if (h264Encoder()) {
-        codecs.push_back(VideoCodec::h264);
-    }
+    std::vector<VideoCodec> codecs{VideoCodec::h264};
     if (mpeg4Encoder()) {
         codecs.push_back(VideoCodec::mpeg4Part2);
     }

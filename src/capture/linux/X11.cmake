@@ -12,5 +12,5 @@ add_library(tessarel_linux_x11 STATIC
 )
 target_link_libraries(tessarel_linux_x11
     PUBLIC tessarel_core
-    PRIVATE PkgConfig::XCB PkgConfig::FFMPEG tessarel_yuv)
+    PRIVATE PkgConfig::XCB PkgConfig::FFMPEG PkgConfig::X264 tessarel_yuv)
 tessarel_set_warnings(tessarel_linux_x11)

@@ -455,6 +455,84 @@ TEST(X11Video, RecorderWithoutACodecChoiceUsesH264WhenAvailable) {
     EXPECT_EQ(probe(path).codec, "h264");
 }
 
+TEST(X11Video, RecorderAskedForMpeg4VisualWritesIt) {
+    VirtualDisplay display(640, 480);
+    X11VideoCaptureService video(display.name());
+    QTemporaryDir directory;
+    const QString path = directory.filePath("visual.mp4");
+    RecorderEvents events;
+    auto stream = video.makeStream({mainDisplay(display.name()), {}},
+                                   configurationFor(Rect{0, 0, 64, 64}, 1.0), &events);
+    stream->addRecordingOutput(video.makeRecordingOutput(
+        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::mpeg4Part2}, &events));
+
+    stream->startCapture();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    stream->stopCapture();
+
+    ASSERT_TRUE(events.finished());
+    const Probe probed = probe(path);
+    EXPECT_EQ(probed.codec, "mpeg4");
+    EXPECT_GT(probed.frames, 0);
+}
+
+// The encoder is told which macroblocks did not change; where a block has been, every
+// frame must show the screen again, not the block.
+TEST(X11Video, BlockMovingThroughTheAreaLeavesNoTrace) {
+    VirtualDisplay display(640, 480);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(640, 480), 9);
+    const auto background = display.showWindow(QRect(0, 0, 640, 480), pattern);
+    auto block = display.showWindow(QRect(20, 90, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    display.movePointer(630, 470);
+    X11VideoCaptureService video(display.name());
+    QTemporaryDir directory;
+    const QString path = directory.filePath("trace.mp4");
+    RecorderEvents events;
+    auto stream = video.makeStream({mainDisplay(display.name()), {}},
+                                   configurationFor(Rect{0, 0, 320, 240}, 1.0), &events);
+    stream->addRecordingOutput(video.makeRecordingOutput(
+        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &events));
+
+    stream->startCapture();
+    {
+        Mover mover(*block, QPoint(20, 90), 230);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    }
+    block->move(400, 300); // out of the area
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    stream->stopCapture();
+
+    ASSERT_TRUE(events.finished());
+    const auto frames = decode(path, 320, 240);
+    ASSERT_GT(frames.size(), 10U);
+    // Pixels of the block's green where the screen behind it has none.
+    const auto isGreen = [](int blue, int green, int red) {
+        return green > 150 && blue < 110 && red < 110;
+    };
+    const auto greenPixels = [&](const QByteArray& frame) {
+        int count = 0;
+        const auto* data = reinterpret_cast<const unsigned char*>(frame.constData());
+        for (int y = 0; y < 240; ++y) {
+            for (int x = 0; x < 320; ++x) {
+                const unsigned char* p = data + (static_cast<qsizetype>(y) * 320 + x) * 4;
+                const QRgb behind = pattern.pixel(x, y);
+                if (isGreen(p[0], p[1], p[2]) &&
+                    !isGreen(qBlue(behind), qGreen(behind), qRed(behind))) {
+                    ++count;
+                }
+            }
+        }
+        return count;
+    };
+    for (const QByteArray& frame : frames) {
+        EXPECT_LE(greenPixels(frame), 48 * 48 + 48 * 4);
+    }
+    EXPECT_EQ(greenPixels(frames.back()), 0);
+    EXPECT_LT(meanDifference(frames.back(), pattern, QRect(0, 0, 320, 240),
+                             [](int, int) { return true; }),
+              3.0);
+}
+
 TEST(X11Video, UnwritableDestinationStopsTheStartWithAPlatformError) {
     VirtualDisplay display(640, 480);
     X11VideoCaptureService video(display.name());
