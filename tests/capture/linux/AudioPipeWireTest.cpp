@@ -1,18 +1,15 @@
 #include "capture/CaptureEngine.h"
 #include "capture/linux/ApplicationResourceDirectories.h"
+#include "capture/linux/AudioEngineRecording.h"
 #include "capture/linux/AudioFileInspection.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
 #include "support/FakeCapturePlatform.h"
 #include "support/PipeWireServer.h"
 
-#include <QDir>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include <gtest/gtest.h>
-
-#include <chrono>
 
 namespace {
 
@@ -24,23 +21,11 @@ protected:
     ~AudioPipeWire() override { server.stopPlaying(); }
 
     QString destination(AudioExportFormat format) const {
-        return saveRoot.filePath(QStringLiteral("Tessarel Audio 2026-03-09 at 07.03.04.") +
-                                 format.fileExtension());
+        return audioDestination(saveRoot.path(), format);
     }
 
-    // Records the playing tone for about two seconds; returns the time between the start's
-    // return and the stop.
     double record(AudioExportFormat format) {
-        engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
-        const auto started = std::chrono::steady_clock::now();
-        QThread::msleep(2000);
-        const auto stopping = std::chrono::steady_clock::now();
-        engine.stop();
-        return std::chrono::duration<double>(stopping - started).count();
-    }
-
-    void expectTone(const QString& path) {
-        EXPECT_NEAR(dominantFrequencyHz(decodeMono(path), 48000), 1000.0, 10.0);
+        return recordAudio(engine, destination(format), format, 2.0);
     }
 
     PipeWireServer server;
@@ -57,15 +42,7 @@ protected:
 
 TEST_F(AudioPipeWire, ToneRecordedAsWavIs16BitPcm48kHzStereoAt1kHz) {
     const double seconds = record(AudioExportFormat::wav);
-    const std::optional<AudioFileFacts> facts = probeAudioFile(destination(AudioExportFormat::wav));
-    ASSERT_TRUE(facts);
-    EXPECT_EQ(facts->formatName, QStringLiteral("wav"));
-    EXPECT_EQ(facts->codecName, QStringLiteral("pcm_s16le"));
-    EXPECT_EQ(facts->bitsPerSample, 16);
-    EXPECT_EQ(facts->sampleRate, 48000);
-    EXPECT_EQ(facts->channels, 2);
-    EXPECT_NEAR(facts->durationSeconds, seconds, 0.1);
-    expectTone(destination(AudioExportFormat::wav));
+    expectWavTone(destination(AudioExportFormat::wav), seconds);
 }
 
 TEST_F(AudioPipeWire, ToneRecordedAsM4AIsAac48kHzStereoAt1kHz) {

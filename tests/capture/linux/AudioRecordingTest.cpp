@@ -1,5 +1,6 @@
 #include "capture/CaptureEngine.h"
 #include "capture/linux/ApplicationResourceDirectories.h"
+#include "capture/linux/AudioEngineRecording.h"
 #include "capture/linux/AudioFileInspection.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
@@ -45,20 +46,11 @@ protected:
     }
 
     QString destination(AudioExportFormat format) const {
-        return QDir(saveFolder)
-            .filePath(QStringLiteral("Tessarel Audio 2026-03-09 at 07.03.04.") +
-                      format.fileExtension());
+        return audioDestination(saveFolder, format);
     }
 
-    // Records the playing tone for about `seconds`; returns the time between the start's
-    // return and the stop.
     double record(AudioExportFormat format, double seconds = 2.0) {
-        engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
-        const Clock::time_point started = Clock::now();
-        QThread::msleep(static_cast<unsigned long>(seconds * 1000));
-        const Clock::time_point stopping = Clock::now();
-        engine.stop();
-        return secondsBetween(started, stopping);
+        return recordAudio(engine, destination(format), format, seconds);
     }
 
     void playTone() { server.playTone(1000, 60); }
@@ -85,10 +77,6 @@ protected:
         ASSERT_TRUE(facts);
         EXPECT_NEAR(facts->durationSeconds, secondsBetween(started, killed), 0.1);
         expectTone(destination(format));
-    }
-
-    void expectTone(const QString& path) {
-        EXPECT_NEAR(dominantFrequencyHz(decodeMono(path), 48000), 1000.0, 10.0);
     }
 
     SoundServer server;
@@ -130,15 +118,7 @@ TEST_F(AudioRecording, ToneRecordedAsM4AIsAacAt192kbps48kHzStereo) {
 TEST_F(AudioRecording, ToneRecordedAsWavIs16BitPcm48kHzStereo) {
     playTone();
     const double seconds = record(AudioExportFormat::wav);
-    const std::optional<AudioFileFacts> facts = probeAudioFile(destination(AudioExportFormat::wav));
-    ASSERT_TRUE(facts);
-    EXPECT_EQ(facts->formatName, QStringLiteral("wav"));
-    EXPECT_EQ(facts->codecName, QStringLiteral("pcm_s16le"));
-    EXPECT_EQ(facts->bitsPerSample, 16);
-    EXPECT_EQ(facts->sampleRate, 48000);
-    EXPECT_EQ(facts->channels, 2);
-    EXPECT_NEAR(facts->durationSeconds, seconds, 0.1);
-    expectTone(destination(AudioExportFormat::wav));
+    expectWavTone(destination(AudioExportFormat::wav), seconds);
 }
 
 TEST_F(AudioRecording, ToneRecordedAsMp3IsMp3At192kbps48kHzStereo) {

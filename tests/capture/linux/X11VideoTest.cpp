@@ -21,6 +21,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -221,22 +222,43 @@ struct Recording {
     X11VideoCaptureService::Counts counts;
 };
 
+// A stream with a movie recorder on it, not started yet.
+struct Recorder {
+    Recorder(const QByteArray& display, const ContentFilter& filter,
+             const VideoStreamConfiguration& configuration, const QString& path,
+             std::optional<VideoCodec> codec = VideoCodec::h264)
+        : video(display), output{QUrl::fromLocalFile(path), VideoFileType::mpeg4, codec},
+          stream(video.makeStream(filter, configuration, &events)) {
+        stream->addRecordingOutput(video.makeRecordingOutput(output, &events));
+    }
+
+    X11VideoCaptureService video;
+    RecorderEvents events;
+    const RecordingOutputConfiguration output;
+    const std::shared_ptr<VideoCaptureStream> stream;
+};
+
 Recording record(const QByteArray& display, const ContentFilter& filter,
                  const VideoStreamConfiguration& configuration, const QString& path,
                  std::chrono::milliseconds length) {
-    X11VideoCaptureService video(display);
-    RecorderEvents events;
-    auto stream = video.makeStream(filter, configuration, &events);
-    stream->addRecordingOutput(video.makeRecordingOutput(
-        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &events));
-    stream->startCapture();
+    Recorder recorder(display, filter, configuration, path);
+    recorder.stream->startCapture();
     const auto started = Clock::now();
     std::this_thread::sleep_for(length);
     const auto stopping = Clock::now();
-    stream->stopCapture();
-    const bool finished = events.finished();
+    recorder.stream->stopCapture();
+    const bool finished = recorder.events.finished();
     return {path, std::chrono::duration<double>(stopping - started).count(), finished,
-            X11VideoCaptureService::counts(*stream)};
+            X11VideoCaptureService::counts(*recorder.stream)};
+}
+
+// Every frame of the movie at `path` shows the screen's `area` as `pattern` has it.
+void expectFramesShow(const QString& path, const QImage& pattern, const QRect& area) {
+    const auto frames = decode(path, area.width(), area.height());
+    ASSERT_FALSE(frames.empty());
+    for (const QByteArray& frame : frames) {
+        EXPECT_LT(meanDifference(frame, pattern, area, [](int, int) { return true; }), 3.0);
+    }
 }
 
 } // namespace
@@ -300,13 +322,7 @@ TEST(X11Video, OwnWindowOverTheAreaIsAbsentFromTheMovie) {
                directory.filePath("movie.mp4"), std::chrono::milliseconds(1000));
 
     ASSERT_TRUE(movie.finished);
-    const auto frames = decode(movie.path, 320, 240);
-    ASSERT_FALSE(frames.empty());
-    for (const QByteArray& frame : frames) {
-        EXPECT_LT(meanDifference(frame, pattern, QRect(100, 100, 320, 240),
-                                 [](int, int) { return true; }),
-                  3.0);
-    }
+    expectFramesShow(movie.path, pattern, QRect(100, 100, 320, 240));
 }
 
 TEST(X11Video, UnchangedScreenIsRecordedAtTheWallClocksPaceWithFewFrames) {
@@ -369,13 +385,7 @@ TEST(X11Video, OwnWindowMovingOverTheAreaIsLeftOutWithoutListingAgain) {
 
     ASSERT_TRUE(movie.finished);
     EXPECT_EQ(movie.counts.windowListings, 1);
-    const auto frames = decode(movie.path, 320, 240);
-    ASSERT_FALSE(frames.empty());
-    for (const QByteArray& frame : frames) {
-        EXPECT_LT(meanDifference(frame, pattern, QRect(100, 100, 320, 240),
-                                 [](int, int) { return true; }),
-                  3.0);
-    }
+    expectFramesShow(movie.path, pattern, QRect(100, 100, 320, 240));
 }
 
 TEST(X11Video, OwnWindowAppearingDuringTheRecordingIsLeftOut) {
@@ -385,29 +395,19 @@ TEST(X11Video, OwnWindowAppearingDuringTheRecordingIsLeftOut) {
     display.movePointer(1500, 900);
     QTemporaryDir directory;
     const QString path = directory.filePath("appearing.mp4");
-    X11VideoCaptureService video(display.name());
-    RecorderEvents events;
-    auto stream = video.makeStream({mainDisplay(display.name()), {{getpid(), {}}}},
-                                   configurationFor(Rect{100, 100, 320, 240}, 1.0), &events);
-    stream->addRecordingOutput(video.makeRecordingOutput(
-        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &events));
+    Recorder recorder(display.name(), {mainDisplay(display.name()), {{getpid(), {}}}},
+                      configurationFor(Rect{100, 100, 320, 240}, 1.0), path);
 
-    stream->startCapture();
+    recorder.stream->startCapture();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     const auto panel = display.showWindow(QRect(150, 150, 200, 100),
                                           solid(QSize(200, 100), qRgb(255, 0, 255)), getpid());
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    stream->stopCapture();
+    recorder.stream->stopCapture();
 
-    ASSERT_TRUE(events.finished());
-    EXPECT_GE(X11VideoCaptureService::counts(*stream).windowListings, 2);
-    const auto frames = decode(path, 320, 240);
-    ASSERT_FALSE(frames.empty());
-    for (const QByteArray& frame : frames) {
-        EXPECT_LT(meanDifference(frame, pattern, QRect(100, 100, 320, 240),
-                                 [](int, int) { return true; }),
-                  3.0);
-    }
+    ASSERT_TRUE(recorder.events.finished());
+    EXPECT_GE(X11VideoCaptureService::counts(*recorder.stream).windowListings, 2);
+    expectFramesShow(path, pattern, QRect(100, 100, 320, 240));
 }
 
 TEST(X11Video, KilledRecordingLeavesAPlayableMovie) {
@@ -438,39 +438,31 @@ TEST(X11Video, KilledRecordingLeavesAPlayableMovie) {
 
 TEST(X11Video, RecorderWithoutACodecChoiceUsesH264WhenAvailable) {
     VirtualDisplay display(640, 480);
-    X11VideoCaptureService video(display.name());
-    ASSERT_EQ(video.availableVideoCodecTypes().front(), VideoCodec::h264);
     QTemporaryDir directory;
     const QString path = directory.filePath("default.mp4");
-    RecorderEvents events;
-    auto stream = video.makeStream({mainDisplay(display.name()), {}},
-                                   configurationFor(Rect{0, 0, 64, 64}, 1.0), &events);
-    stream->addRecordingOutput(video.makeRecordingOutput(
-        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, std::nullopt}, &events));
+    Recorder recorder(display.name(), {mainDisplay(display.name()), {}},
+                      configurationFor(Rect{0, 0, 64, 64}, 1.0), path, std::nullopt);
+    ASSERT_EQ(recorder.video.availableVideoCodecTypes().front(), VideoCodec::h264);
 
-    stream->startCapture();
-    stream->stopCapture();
+    recorder.stream->startCapture();
+    recorder.stream->stopCapture();
 
-    ASSERT_TRUE(events.finished());
+    ASSERT_TRUE(recorder.events.finished());
     EXPECT_EQ(probe(path).codec, "h264");
 }
 
 TEST(X11Video, RecorderAskedForMpeg4VisualWritesIt) {
     VirtualDisplay display(640, 480);
-    X11VideoCaptureService video(display.name());
     QTemporaryDir directory;
     const QString path = directory.filePath("visual.mp4");
-    RecorderEvents events;
-    auto stream = video.makeStream({mainDisplay(display.name()), {}},
-                                   configurationFor(Rect{0, 0, 64, 64}, 1.0), &events);
-    stream->addRecordingOutput(video.makeRecordingOutput(
-        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::mpeg4Part2}, &events));
+    Recorder recorder(display.name(), {mainDisplay(display.name()), {}},
+                      configurationFor(Rect{0, 0, 64, 64}, 1.0), path, VideoCodec::mpeg4Part2);
 
-    stream->startCapture();
+    recorder.stream->startCapture();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    stream->stopCapture();
+    recorder.stream->stopCapture();
 
-    ASSERT_TRUE(events.finished());
+    ASSERT_TRUE(recorder.events.finished());
     const Probe probed = probe(path);
     EXPECT_EQ(probed.codec, "mpeg4");
     EXPECT_GT(probed.frames, 0);
@@ -484,25 +476,21 @@ TEST(X11Video, BlockMovingThroughTheAreaLeavesNoTrace) {
     const auto background = display.showWindow(QRect(0, 0, 640, 480), pattern);
     auto block = display.showWindow(QRect(20, 90, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
     display.movePointer(630, 470);
-    X11VideoCaptureService video(display.name());
     QTemporaryDir directory;
     const QString path = directory.filePath("trace.mp4");
-    RecorderEvents events;
-    auto stream = video.makeStream({mainDisplay(display.name()), {}},
-                                   configurationFor(Rect{0, 0, 320, 240}, 1.0), &events);
-    stream->addRecordingOutput(video.makeRecordingOutput(
-        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &events));
+    Recorder recorder(display.name(), {mainDisplay(display.name()), {}},
+                      configurationFor(Rect{0, 0, 320, 240}, 1.0), path);
 
-    stream->startCapture();
+    recorder.stream->startCapture();
     {
         Mover mover(*block, QPoint(20, 90), 230);
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     }
     block->move(400, 300); // out of the area
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    stream->stopCapture();
+    recorder.stream->stopCapture();
 
-    ASSERT_TRUE(events.finished());
+    ASSERT_TRUE(recorder.events.finished());
     const auto frames = decode(path, 320, 240);
     ASSERT_GT(frames.size(), 10U);
     // Pixels of the block's green where the screen behind it has none.
@@ -535,28 +523,19 @@ TEST(X11Video, BlockMovingThroughTheAreaLeavesNoTrace) {
 
 TEST(X11Video, UnwritableDestinationStopsTheStartWithAPlatformError) {
     VirtualDisplay display(640, 480);
-    X11VideoCaptureService video(display.name());
-    RecorderEvents events;
-    auto stream = video.makeStream({mainDisplay(display.name()), {}},
-                                   configurationFor(Rect{0, 0, 64, 64}, 1.0), &events);
-    stream->addRecordingOutput(video.makeRecordingOutput(
-        {QUrl::fromLocalFile(QStringLiteral("/nonexistent-folder/movie.mp4")), VideoFileType::mpeg4,
-         VideoCodec::h264},
-        &events));
+    Recorder recorder(display.name(), {mainDisplay(display.name()), {}},
+                      configurationFor(Rect{0, 0, 64, 64}, 1.0),
+                      QStringLiteral("/nonexistent-folder/movie.mp4"));
 
-    EXPECT_THROW(stream->startCapture(), PlatformError);
+    EXPECT_THROW(recorder.stream->startCapture(), PlatformError);
 }
 
 TEST(X11Video, SecondRecorderIsRefused) {
     VirtualDisplay display(640, 480);
-    X11VideoCaptureService video(display.name());
-    RecorderEvents events;
-    auto stream = video.makeStream({mainDisplay(display.name()), {}},
-                                   configurationFor(Rect{0, 0, 64, 64}, 1.0), &events);
-    const RecordingOutputConfiguration output{QUrl::fromLocalFile(QStringLiteral("unused.mp4")),
-                                              VideoFileType::mpeg4, VideoCodec::h264};
-    stream->addRecordingOutput(video.makeRecordingOutput(output, &events));
+    Recorder recorder(display.name(), {mainDisplay(display.name()), {}},
+                      configurationFor(Rect{0, 0, 64, 64}, 1.0), QStringLiteral("unused.mp4"));
 
-    EXPECT_THROW(stream->addRecordingOutput(video.makeRecordingOutput(output, &events)),
+    EXPECT_THROW(recorder.stream->addRecordingOutput(
+                     recorder.video.makeRecordingOutput(recorder.output, &recorder.events)),
                  PlatformError);
 }
