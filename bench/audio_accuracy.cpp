@@ -7,11 +7,7 @@
 // Usage: audio_accuracy [--seconds N]   (default 600)
 // Run by hand; it takes N seconds and a few more.
 
-#include "capture/CaptureEngine.h"
-#include "capture/linux/ApplicationResourceDirectories.h"
-#include "capture/linux/FfmpegAudioWriter.h"
-#include "capture/linux/PulseAudioCaptureService.h"
-#include "support/FakeCapturePlatform.h"
+#include "support/AudioOnlyEngine.h"
 #include "support/SoundServer.h"
 
 #include <QCoreApplication>
@@ -52,12 +48,8 @@ struct Recording {
 // ---- The recorder child: Tessarel's path into a WAV file ----------------------------------
 
 int recordChild(double seconds, const QString& path) {
-    FakeCapturePlatform fakes;
-    PulseAudioCaptureService audio;
-    FfmpegAudioWriterFactory writers;
-    ApplicationResourceDirectories resources;
-    CaptureEngine engine{
-        {fakes.content, audio, writers, fakes.screenshots, fakes.video, resources}};
+    AudioOnlyEngine recorder;
+    CaptureEngine& engine = recorder.engine;
     engine.startAudio(QUrl::fromLocalFile(path), AudioExportFormat::wav);
     const Clock::time_point started = Clock::now();
     std::this_thread::sleep_until(started + std::chrono::duration<double>(seconds));

@@ -2,11 +2,7 @@
 // Usage: tessarel_audio_recorder_child M4A|WAV <file>
 // Prints "recording" on its standard output once the recording has begun.
 
-#include "capture/CaptureEngine.h"
-#include "capture/linux/ApplicationResourceDirectories.h"
-#include "capture/linux/FfmpegAudioWriter.h"
-#include "capture/linux/PulseAudioCaptureService.h"
-#include "support/FakeCapturePlatform.h"
+#include "support/AudioOnlyEngine.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -24,12 +20,8 @@ int main(int argc, char** argv) {
         std::fputs("usage: tessarel_audio_recorder_child M4A|WAV <file>\n", stderr);
         return 2;
     }
-    FakeCapturePlatform fakes;
-    PulseAudioCaptureService audio;
-    FfmpegAudioWriterFactory writers;
-    ApplicationResourceDirectories resources;
-    CaptureEngine engine{
-        {fakes.content, audio, writers, fakes.screenshots, fakes.video, resources}};
+    AudioOnlyEngine recorder;
+    CaptureEngine& engine = recorder.engine;
     try {
         engine.startAudio(QUrl::fromLocalFile(arguments[2]), *format);
     } catch (const std::exception& error) {
