@@ -4,9 +4,13 @@
 
 #include <xcb/composite.h>
 #include <xcb/render.h>
+#include <xcb/shape.h>
 #include <xcb/xcb_renderutil.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <thread>
 
 namespace {
 
@@ -61,11 +65,80 @@ private:
     xcb_window_t root_;
 };
 
-[[noreturn]] void cannotCompose() {
+[[noreturn]] void cannotLeaveOwnWindowsOut() {
     // Never capture Tessarel's own windows silently.
     throw PlatformError(QStringLiteral(
         "Tessarel cannot leave its own windows out of the capture on this X server."));
 }
+
+// A request of an extension the server lacks would close the whole connection.
+bool offers(xcb_connection_t* connection, xcb_extension_t& extension) {
+    const auto* data = xcb_get_extension_data(connection, &extension);
+    return data && data->present;
+}
+
+// Windows made invisible by an empty bounding shape while this lives, then given back the
+// shape they had. Unlike unmapping, this leaves their state alone: no window manager
+// withdraws them, and their owner is not told.
+class ShapeHiding {
+public:
+    ShapeHiding(xcb_connection_t* connection, const std::vector<xcb_window_t>& windows)
+        : connection_(connection) {
+        for (const xcb_window_t window : windows) {
+            Saved saved{window, false, XCB_CLIP_ORDERING_UNSORTED, {}};
+            XcbReply<xcb_shape_query_extents_reply_t> extents(xcb_shape_query_extents_reply(
+                connection_, xcb_shape_query_extents(connection_, window), nullptr));
+            if (extents && extents->bounding_shaped) {
+                XcbReply<xcb_shape_get_rectangles_reply_t> shape(xcb_shape_get_rectangles_reply(
+                    connection_,
+                    xcb_shape_get_rectangles(connection_, window, XCB_SHAPE_SK_BOUNDING), nullptr));
+                if (shape) {
+                    const auto* rectangles = xcb_shape_get_rectangles_rectangles(shape.get());
+                    saved.shaped = true;
+                    saved.ordering = shape->ordering;
+                    saved.rectangles.assign(
+                        rectangles,
+                        rectangles + xcb_shape_get_rectangles_rectangles_length(shape.get()));
+                }
+            }
+            saved_.push_back(std::move(saved));
+        }
+        for (const Saved& saved : saved_) {
+            xcb_shape_rectangles(connection_, XCB_SHAPE_SO_SET, XCB_SHAPE_SK_BOUNDING,
+                                 XCB_CLIP_ORDERING_UNSORTED, saved.window, 0, 0, 0, nullptr);
+        }
+        // The server has exposed what lay beneath once this returns.
+        std::free(
+            xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
+    }
+    ~ShapeHiding() {
+        for (const Saved& saved : saved_) {
+            if (saved.shaped) {
+                xcb_shape_rectangles(connection_, XCB_SHAPE_SO_SET, XCB_SHAPE_SK_BOUNDING,
+                                     saved.ordering, saved.window, 0, 0,
+                                     static_cast<uint32_t>(saved.rectangles.size()),
+                                     saved.rectangles.data());
+            } else {
+                xcb_shape_mask(connection_, XCB_SHAPE_SO_SET, XCB_SHAPE_SK_BOUNDING, saved.window,
+                               0, 0, XCB_PIXMAP_NONE);
+            }
+        }
+        xcb_flush(connection_);
+    }
+    ShapeHiding(const ShapeHiding&) = delete;
+    ShapeHiding& operator=(const ShapeHiding&) = delete;
+
+private:
+    struct Saved {
+        xcb_window_t window;
+        bool shaped;
+        uint8_t ordering;
+        std::vector<xcb_rectangle_t> rectangles;
+    };
+
+    xcb_connection_t* connection_;
+    std::vector<Saved> saved_;
+};
 
 } // namespace
 
@@ -81,7 +154,7 @@ struct X11AreaGrabber::Composer {
         const auto* rootFormat =
             xcb_render_util_find_visual_format(formats.get(), connection.screen().root_visual);
         if (!rootFormat) {
-            cannotCompose();
+            cannotLeaveOwnWindowsOut();
         }
         xcb_create_pixmap(c, connection.screen().root_depth, canvas.id(), connection.root(),
                           static_cast<uint16_t>(area.width), static_cast<uint16_t>(area.height));
@@ -99,8 +172,9 @@ struct X11AreaGrabber::Composer {
 };
 
 X11AreaGrabber::X11AreaGrabber(X11Connection& connection, const PixelRect& area,
-                               std::vector<int64_t> excludedProcessIDs)
-    : connection_(connection), area_(area), excluded_(std::move(excludedProcessIDs)) {
+                               std::vector<int64_t> excludedProcessIDs, WithoutComposition fallback)
+    : connection_(connection), area_(area), excluded_(std::move(excludedProcessIDs)),
+      fallback_(fallback) {
     if (connection_.screen().root_depth != 24 && connection_.screen().root_depth != 32) {
         throw PlatformError(QStringLiteral("Tessarel can only capture a 24-bit X screen."));
     }
@@ -126,11 +200,17 @@ bool X11AreaGrabber::isExcluded(const X11TopLevel& window) const {
            std::find(excluded_.begin(), excluded_.end(), *window.processID) != excluded_.end();
 }
 
-bool X11AreaGrabber::excludedWindowOverlaps() const {
-    return std::any_of(windows_->begin(), windows_->end(), [this](const X11TopLevel& window) {
-        return window.isShown() && isExcluded(window) &&
-               !window.outerGeometry.intersected(area_).isEmpty();
-    });
+std::vector<PixelRect> X11AreaGrabber::excludedWindowsOverArea() const {
+    std::vector<PixelRect> places;
+    if (windows_) {
+        for (const X11TopLevel& window : *windows_) {
+            const PixelRect place = window.outerGeometry.intersected(area_);
+            if (window.isShown() && isExcluded(window) && !place.isEmpty()) {
+                places.push_back(place);
+            }
+        }
+    }
+    return places;
 }
 
 // Reads the events `poll` hands out. Moves, resizes and restacks are applied to the list as
@@ -211,15 +291,97 @@ bool X11AreaGrabber::followConfigure(const xcb_configure_notify_event_t& event) 
 void X11AreaGrabber::grab(X11ShmImage& image) {
     followLayout(xcb_poll_for_event);
     for (;;) {
-        if (windows_ && excludedWindowOverlaps()) {
+        std::vector<PixelRect> excludedPlaces = excludedWindowsOverArea();
+        if (!excludedPlaces.empty() && canCompose()) {
             compose(image);
             return;
         }
-        image.grab(connection_.root(), area_);
+        const bool hide =
+            !excludedPlaces.empty() && fallback_ == WithoutComposition::hideWhileGrabbing;
+        if (hide) {
+            grabWithExcludedWindowsHidden(image);
+        } else {
+            image.grab(connection_.root(), area_);
+        }
         // The server reports a change it made before the copy ahead of the copy's reply. If
         // one may have put an excluded window into the picture, the grab is made again.
         if (!followLayout(xcb_poll_for_queued_event)) {
+            if (!hide && !excludedPlaces.empty()) {
+                // A window that moved meanwhile may be in the picture at either place.
+                const std::vector<PixelRect> now = excludedWindowsOverArea();
+                excludedPlaces.insert(excludedPlaces.end(), now.begin(), now.end());
+                blackOut(image, excludedPlaces);
+            }
             return;
+        }
+    }
+}
+
+bool X11AreaGrabber::canCompose() {
+    if (!composable_) {
+        xcb_connection_t* c = connection_.get();
+        bool composable = offers(c, xcb_composite_id) && offers(c, xcb_render_id);
+        if (composable) {
+            XcbReply<xcb_composite_query_version_reply_t> composite(
+                xcb_composite_query_version_reply(c, xcb_composite_query_version(c, 0, 4),
+                                                  nullptr));
+            XcbReply<xcb_render_query_version_reply_t> render(
+                xcb_render_query_version_reply(c, xcb_render_query_version(c, 0, 11), nullptr));
+            // Window pixmaps came with Composite 0.2.
+            composable = composite && render &&
+                         (composite->major_version > 0 || composite->minor_version >= 2);
+        }
+        composable_ = composable;
+    }
+    return *composable_;
+}
+
+// What lay beneath the hidden windows is drawn again by its owners once the server has
+// exposed it, and nothing says when they are done. So the area is read until it holds still
+// across a toolkit's repaint cycle, after a grace that covers their reaction to the exposure.
+void X11AreaGrabber::grabWithExcludedWindowsHidden(X11ShmImage& image) {
+    using namespace std::chrono_literals;
+    constexpr auto kRepaintGrace = 50ms;
+    constexpr auto kStillInterval = 20ms;
+    constexpr auto kLongestHidden = 500ms;
+
+    xcb_connection_t* c = connection_.get();
+    if (!offers(c, xcb_shape_id)) {
+        cannotLeaveOwnWindowsOut();
+    }
+    std::vector<xcb_window_t> windows;
+    for (const X11TopLevel& window : *windows_) {
+        if (window.isShown() && isExcluded(window) &&
+            !window.outerGeometry.intersected(area_).isEmpty()) {
+            windows.push_back(window.window);
+        }
+    }
+    const ShapeHiding hiding(c, windows);
+    const auto hiddenAt = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(kRepaintGrace);
+    std::vector<uint8_t> previous;
+    for (;;) {
+        image.grab(connection_.root(), area_);
+        const size_t bytes =
+            static_cast<size_t>(image.bytesPerRow()) * static_cast<size_t>(image.height());
+        if ((previous.size() == bytes &&
+             std::memcmp(previous.data(), image.pixels(), bytes) == 0) ||
+            std::chrono::steady_clock::now() - hiddenAt >= kLongestHidden) {
+            return;
+        }
+        previous.assign(image.pixels(), image.pixels() + bytes);
+        std::this_thread::sleep_for(kStillInterval);
+    }
+}
+
+void X11AreaGrabber::blackOut(X11ShmImage& image, const std::vector<PixelRect>& places) const {
+    for (const PixelRect& place : places) {
+        const PixelRect inImage = place.intersected(area_);
+        for (int y = inImage.y; y < inImage.y + inImage.height; ++y) {
+            uint8_t* row = image.pixels() +
+                           static_cast<ptrdiff_t>(y - area_.y) * image.bytesPerRow() +
+                           static_cast<ptrdiff_t>(inImage.x - area_.x) * 4;
+            std::memset(row, 0, static_cast<size_t>(inImage.width) * 4);
         }
     }
 }
@@ -227,13 +389,6 @@ void X11AreaGrabber::grab(X11ShmImage& image) {
 void X11AreaGrabber::compose(X11ShmImage& image) {
     xcb_connection_t* c = connection_.get();
     if (!composer_) {
-        XcbReply<xcb_composite_query_version_reply_t> composite(
-            xcb_composite_query_version_reply(c, xcb_composite_query_version(c, 0, 4), nullptr));
-        XcbReply<xcb_render_query_version_reply_t> render(
-            xcb_render_query_version_reply(c, xcb_render_query_version(c, 0, 11), nullptr));
-        if (!composite || !render) {
-            cannotCompose();
-        }
         composer_ = std::make_unique<Composer>(connection_, area_);
     }
     const Composer& composer = *composer_;

@@ -12,16 +12,28 @@
 // While none of them overlaps the area the screen is read as it is. While one does, the
 // picture is composed on the server from the other top-level windows (their Composite
 // pixmaps, stacked with Render) and the root's wallpaper, so the excluded windows never
-// have to be hidden and nothing on screen flickers.
+// have to be hidden and nothing on screen flickers. A server without Composite or Render
+// gets the fallback the grabber was made with.
 //
 // The top-level windows are listed once and then followed through the root's structure
 // events, so an unchanged layout costs no round trip. The grabber owns its connection's
 // event queue while it lives. Used from one thread at a time.
 class X11AreaGrabber {
 public:
+    // What grab() does with an excluded window over the area when the server cannot compose
+    // the picture without it.
+    enum class WithoutComposition {
+        // Hide the excluded windows until what lay beneath them has been drawn again, grab,
+        // and show them again: for a single picture.
+        hideWhileGrabbing,
+        // Paint the excluded windows' places black: hiding them for every frame of a movie
+        // would make them flicker and put their controls out of reach.
+        blackOut,
+    };
+
     // Throws PlatformError when the screen cannot be captured.
     X11AreaGrabber(X11Connection& connection, const PixelRect& area,
-                   std::vector<int64_t> excludedProcessIDs);
+                   std::vector<int64_t> excludedProcessIDs, WithoutComposition fallback);
     ~X11AreaGrabber();
     X11AreaGrabber(const X11AreaGrabber&) = delete;
     X11AreaGrabber& operator=(const X11AreaGrabber&) = delete;
@@ -29,8 +41,8 @@ public:
     const PixelRect& area() const { return area_; }
 
     // Fills `image` with the area's B, G, R, X pixels. Throws PlatformError when the server
-    // refuses, or when an excluded window overlaps the area and the server cannot compose
-    // without it.
+    // refuses, or when an excluded window overlaps the area and the server can neither
+    // compose without it nor hide it.
     void grab(X11ShmImage& image);
 
     // How many times the windows have been listed so far.
@@ -42,12 +54,18 @@ private:
     bool followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*));
     bool followConfigure(const xcb_configure_notify_event_t& event);
     bool isExcluded(const X11TopLevel& window) const;
-    bool excludedWindowOverlaps() const;
+    // The shown excluded windows over the area, clipped to it (none before the first listing).
+    std::vector<PixelRect> excludedWindowsOverArea() const;
+    bool canCompose();
     void compose(X11ShmImage& image);
+    void grabWithExcludedWindowsHidden(X11ShmImage& image);
+    void blackOut(X11ShmImage& image, const std::vector<PixelRect>& places) const;
 
     X11Connection& connection_;
     PixelRect area_;
     std::vector<int64_t> excluded_;
+    WithoutComposition fallback_;
+    std::optional<bool> composable_;                  // asked the first time it matters
     std::optional<std::vector<X11TopLevel>> windows_; // none until listed or after a change
     long long windowListings_ = 0;
     std::unique_ptr<Composer> composer_; // made the first time it is needed

@@ -44,7 +44,9 @@ Image X11ScreenshotService::captureImage(const ContentFilter& filter,
     }
     // X servers never put the pointer into an image they are asked for, so leaving it out
     // (configuration.showsCursor is false for snapshots) needs no work.
-    X11AreaGrabber(*connection_, area, std::move(excluded)).grab(*image_);
+    X11AreaGrabber(*connection_, area, std::move(excluded),
+                   X11AreaGrabber::WithoutComposition::hideWhileGrabbing)
+        .grab(*image_);
 
     // One copy, straight from the segment into the image's buffer: the last image's, when
     // its receiver has let go of it, as fresh pages cost more to fill than the copy itself.

@@ -74,7 +74,8 @@ public:
         for (const RunningApplication& application : filter_.excludedApplications) {
             excluded.push_back(application.processID);
         }
-        auto grabber = std::make_unique<X11AreaGrabber>(*connection, area, std::move(excluded));
+        auto grabber = std::make_unique<X11AreaGrabber>(
+            *connection, area, std::move(excluded), X11AreaGrabber::WithoutComposition::blackOut);
         std::array<std::unique_ptr<X11ShmImage>, 2> grabs{
             std::make_unique<X11ShmImage>(*connection), std::make_unique<X11ShmImage>(*connection)};
         if (configuration_.showsCursor) {

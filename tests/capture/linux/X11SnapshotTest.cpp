@@ -2,6 +2,7 @@
 #include "capture/linux/X11ScreenshotService.h"
 #include "support/VirtualDisplay.h"
 
+#include <xcb/shape.h>
 #include <xcb/xcb.h>
 
 #include <gtest/gtest.h>
@@ -9,7 +10,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -68,6 +71,94 @@ bool listsProcess(const ShareableContent& content, int64_t processID) {
     return std::any_of(
         content.applications.begin(), content.applications.end(),
         [&](const RunningApplication& application) { return application.processID == processID; });
+}
+
+// A window whose owner draws it only when asked: it has no background for the server to
+// paint, and its owner fills it with `colour` a while after each exposure, as a busy
+// application would.
+class LateRepaintingWindow {
+public:
+    LateRepaintingWindow(const QByteArray& display, const QRect& geometry, QRgb colour)
+        : connection_(xcb_connect(display.constData(), nullptr)) {
+        const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data;
+        window_ = xcb_generate_id(connection_);
+        const uint32_t values[] = {XCB_BACK_PIXMAP_NONE, 1,
+                                   XCB_EVENT_MASK_EXPOSURE | XCB_EVENT_MASK_STRUCTURE_NOTIFY};
+        xcb_create_window(
+            connection_, XCB_COPY_FROM_PARENT, window_, screen->root,
+            static_cast<int16_t>(geometry.x()), static_cast<int16_t>(geometry.y()),
+            static_cast<uint16_t>(geometry.width()), static_cast<uint16_t>(geometry.height()), 0,
+            XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual,
+            XCB_CW_BACK_PIXMAP | XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK, values);
+        gc_ = xcb_generate_id(connection_);
+        const uint32_t foreground = colour & 0xffffff;
+        xcb_create_gc(connection_, gc_, window_, XCB_GC_FOREGROUND, &foreground);
+        xcb_map_window(connection_, window_);
+        xcb_flush(connection_);
+        const xcb_rectangle_t whole{0, 0, static_cast<uint16_t>(geometry.width()),
+                                    static_cast<uint16_t>(geometry.height())};
+        owner_ = std::thread([this, whole] {
+            while (auto* event = xcb_wait_for_event(connection_)) {
+                const uint8_t type = event->response_type & 0x7f;
+                std::free(event);
+                if (type == XCB_DESTROY_NOTIFY) {
+                    return;
+                }
+                if (type == XCB_EXPOSE) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                    xcb_poly_fill_rectangle(connection_, window_, gc_, 1, &whole);
+                    xcb_flush(connection_);
+                }
+            }
+        });
+    }
+    ~LateRepaintingWindow() {
+        xcb_destroy_window(connection_, window_);
+        xcb_flush(connection_);
+        owner_.join();
+        xcb_disconnect(connection_);
+    }
+    LateRepaintingWindow(const LateRepaintingWindow&) = delete;
+    LateRepaintingWindow& operator=(const LateRepaintingWindow&) = delete;
+
+private:
+    xcb_connection_t* connection_;
+    xcb_window_t window_ = 0;
+    xcb_gcontext_t gc_ = 0;
+    std::thread owner_;
+};
+
+// The bounding rectangles of `window`, or none when it has no shape of its own.
+std::optional<std::vector<QRect>> boundingShape(const QByteArray& display, uint32_t window) {
+    xcb_connection_t* connection = xcb_connect(display.constData(), nullptr);
+    std::optional<std::vector<QRect>> result;
+    auto* extents = xcb_shape_query_extents_reply(
+        connection, xcb_shape_query_extents(connection, window), nullptr);
+    if (extents && extents->bounding_shaped) {
+        auto* shape = xcb_shape_get_rectangles_reply(
+            connection, xcb_shape_get_rectangles(connection, window, XCB_SHAPE_SK_BOUNDING),
+            nullptr);
+        result.emplace();
+        const auto* rectangles = xcb_shape_get_rectangles_rectangles(shape);
+        for (int i = 0; i < xcb_shape_get_rectangles_rectangles_length(shape); ++i) {
+            result->emplace_back(rectangles[i].x, rectangles[i].y, rectangles[i].width,
+                                 rectangles[i].height);
+        }
+        std::free(shape);
+    }
+    std::free(extents);
+    xcb_disconnect(connection);
+    return result;
+}
+
+void setBoundingShape(const QByteArray& display, uint32_t window,
+                      const std::vector<xcb_rectangle_t>& rectangles) {
+    xcb_connection_t* connection = xcb_connect(display.constData(), nullptr);
+    xcb_shape_rectangles(connection, XCB_SHAPE_SO_SET, XCB_SHAPE_SK_BOUNDING,
+                         XCB_CLIP_ORDERING_UNSORTED, window, 0, 0,
+                         static_cast<uint32_t>(rectangles.size()), rectangles.data());
+    std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+    xcb_disconnect(connection);
 }
 
 } // namespace
@@ -248,6 +339,52 @@ TEST(X11Snapshot, FrameAroundOwnClientWindowIsLeftOutWithIt) {
     const Image image = screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
 
     EXPECT_EQ(mismatches(image, pattern, QRect(0, 0, 1920, 1080)), 0);
+}
+
+TEST(X11Snapshot, OwnWindowIsHiddenForTheSnapshotWhereTheServerCannotCompose) {
+    VirtualDisplay display(1920, 1080, VirtualDisplay::Composite::withheld);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 8);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    const QRect busy(500, 300, 300, 200);
+    const LateRepaintingWindow application(display.name(), busy, qRgb(0, 160, 60));
+    const auto panel = display.showWindow(QRect(400, 250, 400, 300), kOwnWindowPicture, getpid());
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+    QImage expected = pattern.copy();
+    for (int y = busy.top(); y <= busy.bottom(); ++y) {
+        for (int x = busy.left(); x <= busy.right(); ++x) {
+            expected.setPixel(x, y, qRgb(0, 160, 60));
+        }
+    }
+
+    const Image withoutPanel =
+        screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
+    const Image afterwards = screenshots.captureImage({screen, {}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(withoutPanel, expected, QRect(0, 0, 1920, 1080)), 0);
+    // The panel is back, as it was.
+    EXPECT_EQ(mismatches(afterwards, expected, QRect(0, 0, 1920, 1080)), 400 * 300);
+    EXPECT_FALSE(boundingShape(display.name(), panel->id()));
+}
+
+TEST(X11Snapshot, ShapedOwnWindowGetsItsShapeBackAfterTheSnapshot) {
+    VirtualDisplay display(1920, 1080, VirtualDisplay::Composite::withheld);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 9);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    const auto panel = display.showWindow(QRect(300, 200, 400, 300), kOwnWindowPicture, getpid());
+    // Two bands, as a window with cut corners has.
+    setBoundingShape(display.name(), panel->id(), {{0, 10, 400, 280}, {10, 0, 380, 300}});
+    const auto shape = boundingShape(display.name(), panel->id());
+    ASSERT_TRUE(shape);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+
+    const Image image = screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(image, pattern, QRect(0, 0, 1920, 1080)), 0);
+    EXPECT_EQ(boundingShape(display.name(), panel->id()), shape);
 }
 
 TEST(X11Snapshot, RequestedSizeOtherThanTheMonitorsIsScaled) {

@@ -325,6 +325,31 @@ TEST(X11Video, OwnWindowOverTheAreaIsAbsentFromTheMovie) {
     expectFramesShow(movie.path, pattern, QRect(100, 100, 320, 240));
 }
 
+TEST(X11Video, OwnWindowOverTheAreaIsBlackInTheMovieWhereTheServerCannotCompose) {
+    VirtualDisplay display(1920, 1080, VirtualDisplay::Composite::withheld);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 16);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    const QRect panelGeometry(200, 150, 300, 200);
+    const auto panel =
+        display.showWindow(panelGeometry, solid(panelGeometry.size(), qRgb(255, 0, 255)), getpid());
+    display.movePointer(1500, 900);
+    QTemporaryDir directory;
+    const auto configuration = configurationFor(Rect{100, 100, 320, 240}, 1.0);
+    QImage expected = pattern.copy();
+    for (int y = panelGeometry.top(); y <= panelGeometry.bottom(); ++y) {
+        for (int x = panelGeometry.left(); x <= panelGeometry.right(); ++x) {
+            expected.setPixel(x, y, qRgb(0, 0, 0));
+        }
+    }
+
+    const Recording movie =
+        record(display.name(), {mainDisplay(display.name()), {{getpid(), {}}}}, configuration,
+               directory.filePath("movie.mp4"), std::chrono::milliseconds(1000));
+
+    ASSERT_TRUE(movie.finished);
+    expectFramesShow(movie.path, expected, QRect(100, 100, 320, 240));
+}
+
 TEST(X11Video, UnchangedScreenIsRecordedAtTheWallClocksPaceWithFewFrames) {
     VirtualDisplay display(1920, 1080);
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 7);
