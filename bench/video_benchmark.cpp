@@ -5,7 +5,8 @@
 // Two scenes at 1920 × 1080 and 30 frames a second: a typical desktop (still but for a
 // 320 × 240 animation and a moving pointer) and full-screen motion. Each scene is recorded
 // by Tessarel's recorder in this process, then by `ffmpeg -f x11grab ... -c:v libx264` with
-// the same encoder settings (preset veryfast, crf 23, no B-frames, a keyframe a second).
+// the same encoder settings (preset veryfast, crf 23, no B-frames, a keyframe every ten
+// seconds).
 // A child process of this program draws the scene, so the CPU seconds are each recorder's
 // own (the X server's share is not counted for either). Frames are counted with ffprobe;
 // ffmpeg writes a constant 30 fps, repeating a frame where it missed one, so its "missing"
@@ -289,7 +290,7 @@ Result recordWithFfmpeg(const QByteArray& display, const QString& path, int seco
                              "-bf",
                              "0",
                              "-g",
-                             "30",
+                             "300",
                              "-pix_fmt",
                              "yuv420p",
                              path.toStdString()});
@@ -332,7 +333,7 @@ int main(int argc, char** argv) {
     VirtualDisplay display(kWidth, kHeight);
     QTemporaryDir directory;
     std::printf("%d s per recording, 1920x1080 at 30 fps; x264 preset veryfast, crf 23, no "
-                "B-frames, keyframe every second\n\n",
+                "B-frames, keyframe every ten seconds\n\n",
                 seconds);
     std::printf("%-9s %-9s %9s %8s %8s %9s %11s\n", "scene", "recorder", "cpu s", "frames",
                 "missing", "length s", "size MB");

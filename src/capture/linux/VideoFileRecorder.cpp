@@ -49,6 +49,9 @@ using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 constexpr AVRational kNanoseconds{1, 1'000'000'000};
 // Fine enough for capture times, and within MPEG-4 Visual's limit of 65535.
 constexpr AVRational kTimeBase{1, 30'000};
+// A keyframe costs a whole picture's bits and encoding time. Fragments, not keyframes, keep
+// a cut-off file playable, so keyframes are only as frequent as a player's seeking needs.
+constexpr int64_t kKeyframeIntervalSeconds = 10;
 constexpr int kMacroblockPixels = 16;
 
 [[noreturn]] void fail(const QString& what, int code) {
@@ -142,9 +145,9 @@ public:
         // Without B-frames decoding order is display order: each frame's duration is exactly
         // the time until the next capture, and the movie starts at zero.
         param.i_bframe = 0;
-        // Keyframes come from encode(), once a second of capture time; the encoder adds none
-        // of its own on a frame count, which would double them.
-        param.i_keyint_max = 10 * framesPerSecond;
+        // Keyframes come from encode(), by capture time; the encoder adds none of its own on
+        // a frame count, which would double them.
+        param.i_keyint_max = static_cast<int>(2 * kKeyframeIntervalSeconds) * framesPerSecond;
         param.i_fps_num = static_cast<uint32_t>(framesPerSecond);
         param.i_fps_den = 1;
         param.i_timebase_num = static_cast<uint32_t>(kTimeBase.num);
@@ -323,7 +326,7 @@ public:
         context_->pix_fmt = AV_PIX_FMT_YUV420P;
         context_->time_base = kTimeBase;
         context_->framerate = AVRational{framesPerSecond, 1};
-        context_->gop_size = 10 * framesPerSecond;
+        context_->gop_size = static_cast<int>(2 * kKeyframeIntervalSeconds) * framesPerSecond;
         if (globalHeader) {
             context_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
         }
@@ -439,7 +442,8 @@ public:
         if (lastPts_ && pts <= *lastPts_) {
             return false;
         }
-        const bool keyframeDue = !lastKeyframePts_ || pts - *lastKeyframePts_ >= kTimeBase.den;
+        const bool keyframeDue = !lastKeyframePts_ || pts - *lastKeyframePts_ >=
+                                                          kKeyframeIntervalSeconds * kTimeBase.den;
         if (lastPts_) {
             durations_[*lastPts_] = pts - *lastPts_;
         }

@@ -16,10 +16,11 @@ class VideoFrameQueue;
 // H.264 goes through libx264 with preset "veryfast" and constant rate factor 23, no tune
 // (lookahead and macroblock tree stay on) and no B-frames; each picture tells x264 which of
 // its macroblocks did not change, which x264 then skips without searching them. MPEG-4
-// Visual, when asked for, goes through libavcodec. The file is fragmented MP4 (an empty
-// moov, then a fragment at each keyframe and at least every quarter second, flushed to disk at
-// once, with a keyframe at least every second), so a process killed mid-recording leaves a movie
-// that plays up to its last fragment; a normal stop writes the index at the end as well.
+// Visual, when asked for, goes through libavcodec. A keyframe comes every ten seconds of
+// capture time. The file is fragmented MP4 (an empty moov, then a fragment at each keyframe
+// and at least every quarter second, whatever frame it starts with, flushed to disk at once),
+// so a process killed mid-recording leaves a movie that plays up to its last fragment; a
+// normal stop writes the index at the end as well.
 // Each frame's time stamp is its capture time, so late, dropped or skipped frames never
 // shift the rest: a frame is shown until the next one's capture time.
 class VideoFileRecorder final : public RecordingOutput {

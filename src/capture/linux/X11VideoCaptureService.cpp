@@ -24,8 +24,8 @@
 namespace {
 
 constexpr int64_t kShortestFrameIntervalNs = 1'000'000'000 / 30;
-// An unchanged picture is passed on this often all the same, so the recorder can place a
-// keyframe and the file stays playable up to the last second.
+// An unchanged picture is passed on this often all the same, so the recorder can close a
+// fragment and the file stays playable up to the last second.
 constexpr int64_t kLongestFrameIntervalNs = 1'000'000'000;
 
 int64_t monotonicNowNs() {
