@@ -38,6 +38,7 @@ public:
         std::vector<std::pair<QString, QRect>> monitors;
         // Set in Tessarel's environment on top of the session's own.
         std::vector<std::pair<QString, QString>> environment;
+        VirtualDisplay::Composite composite = VirtualDisplay::Composite::offered;
     };
 
     struct WindowInfo {

@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QImage>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QThread>
 #include <QUrl>
 
@@ -102,6 +103,36 @@ int differingPixels(const QImage& picture, const QImage& reference, const QRect&
 
 class EndToEndTest : public testing::Test {
 protected:
+    struct Snapshot {
+        QImage picture;
+        QRect panel; // where the panel stood when the snapshot was taken
+    };
+
+    // Takes a PNG snapshot from the panel opened through the tray's popup, and checks its
+    // name, format, size and that it was revealed.
+    static std::optional<Snapshot> takeSnapshot(EndToEndSession& session,
+                                                const QProcess& tessarel) {
+        const auto setup = openFromPopup(session, tessarel, 2);
+        if (!setup) {
+            return std::nullopt;
+        }
+        session.screenshot(QStringLiteral("snapshot-setup"));
+        const QDateTime before = QDateTime::currentDateTime();
+        session.click(at(setup->geometry, kStartButton));
+        const QString path = expectOneRevealedCapture(session);
+        const QDateTime after = QDateTime::currentDateTime();
+        if (path.isEmpty()) {
+            return std::nullopt;
+        }
+        expectCaptureName(QFileInfo(path).fileName(), QStringLiteral("Tessarel Snapshot"),
+                          QStringLiteral("png"), before, after);
+        EXPECT_EQ(EndToEndSession::probe(path).value(QStringLiteral("codec_name")).toString(),
+                  QStringLiteral("png"));
+        Snapshot snapshot{QImage(path), setup->geometry};
+        EXPECT_EQ(snapshot.picture.size(), session.background().size());
+        return snapshot;
+    }
+
     // Clicks the tray icon, then a row of the popup, and returns the panel showing the
     // set-up screen that row opens.
     static std::optional<EndToEndSession::WindowInfo>
@@ -175,28 +206,33 @@ TEST_F(EndToEndTest, AnMP3RecordingOfTheComputersSoundIsSavedUnderItsTimestamped
 }
 
 TEST_F(EndToEndTest, ASnapshotHasTheScreensPixelSizeLeavesThePanelOutAndIsRevealed) {
-    const QSize screen(1600, 1000);
     EndToEndSession session({});
     QProcess& tessarel = session.startTessarel();
-    const auto setup = openFromPopup(session, tessarel, 2);
-    ASSERT_TRUE(setup);
-    const QRect panel = setup->geometry;
-    session.screenshot(QStringLiteral("snapshot-setup"));
 
-    const QDateTime before = QDateTime::currentDateTime();
-    session.click(at(panel, kStartButton));
-    const QString path = expectOneRevealedCapture(session);
-    const QDateTime after = QDateTime::currentDateTime();
-    ASSERT_FALSE(path.isEmpty());
+    const auto snapshot = takeSnapshot(session, tessarel);
 
-    expectCaptureName(QFileInfo(path).fileName(), QStringLiteral("Tessarel Snapshot"),
-                      QStringLiteral("png"), before, after);
-    EXPECT_EQ(EndToEndSession::probe(path).value(QStringLiteral("codec_name")).toString(),
-              QStringLiteral("png"));
-    const QImage snapshot(path);
-    ASSERT_EQ(snapshot.size(), screen);
+    ASSERT_TRUE(snapshot);
     // Where the panel stood, the picture shows the desktop behind it.
-    EXPECT_EQ(differingPixels(snapshot, session.background(), panel), 0);
+    EXPECT_EQ(differingPixels(snapshot->picture, session.background(), snapshot->panel), 0);
+}
+
+TEST_F(EndToEndTest, ASnapshotOnAServerWithoutCompositeLeavesThePanelOutAndShowsItAgain) {
+    EndToEndSession::Options options;
+    options.composite = VirtualDisplay::Composite::withheld;
+    EndToEndSession session(options);
+    QProcess& tessarel = session.startTessarel();
+
+    const auto snapshot = takeSnapshot(session, tessarel);
+
+    ASSERT_TRUE(snapshot);
+    EXPECT_EQ(differingPixels(snapshot->picture, session.background(), snapshot->panel), 0);
+    const QTemporaryDir pictures;
+    const QString screen = pictures.filePath(QStringLiteral("screen.png"));
+    session.display().run(QStringLiteral("import"),
+                          {QStringLiteral("-window"), QStringLiteral("root"), screen});
+    EXPECT_GT(differingPixels(QImage(screen), session.background(), snapshot->panel),
+              snapshot->panel.width() * snapshot->panel.height() / 2)
+        << "the panel is not on the screen again";
 }
 
 TEST_F(EndToEndTest, ADraggedOutAreaIsRecordedAsH264AtTheEvenSizeTheEngineComputesAndRevealed) {
