@@ -3,6 +3,7 @@
 #include "capture/CaptureVocabulary.h"
 
 #include <xcb/composite.h>
+#include <xcb/damage.h>
 #include <xcb/render.h>
 #include <xcb/shape.h>
 #include <xcb/xcb_renderutil.h>
@@ -171,6 +172,42 @@ struct X11AreaGrabber::Composer {
     ServerGC gc;
 };
 
+// The server's reports of drawing anywhere on the screen: an event for each rectangle newly
+// drawn in since the reports were last emptied, which each grab does before it reads.
+class X11AreaGrabber::DamageReports {
+public:
+    DamageReports(xcb_connection_t* connection, xcb_window_t root, uint8_t firstEvent)
+        : connection_(connection), id_(xcb_generate_id(connection)),
+          notifyEvent_(static_cast<uint8_t>(firstEvent + XCB_DAMAGE_NOTIFY)) {
+        xcb_damage_create(connection_, id_, root, XCB_DAMAGE_REPORT_LEVEL_DELTA_RECTANGLES);
+    }
+    ~DamageReports() {
+        xcb_damage_destroy(connection_, id_);
+        xcb_flush(connection_);
+    }
+    DamageReports(const DamageReports&) = delete;
+    DamageReports& operator=(const DamageReports&) = delete;
+
+    void empty() { xcb_damage_subtract(connection_, id_, XCB_NONE, XCB_NONE); }
+
+    // The rectangle an event reports drawn in, if it is one of these reports.
+    std::optional<PixelRect> drawnIn(const xcb_generic_event_t& event) const {
+        if ((event.response_type & 0x7f) != notifyEvent_) {
+            return std::nullopt;
+        }
+        const auto& notify = reinterpret_cast<const xcb_damage_notify_event_t&>(event);
+        if (notify.damage != id_) {
+            return std::nullopt;
+        }
+        return PixelRect{notify.area.x, notify.area.y, notify.area.width, notify.area.height};
+    }
+
+private:
+    xcb_connection_t* connection_;
+    xcb_damage_damage_t id_;
+    uint8_t notifyEvent_;
+};
+
 X11AreaGrabber::X11AreaGrabber(X11Connection& connection, const PixelRect& area,
                                std::vector<int64_t> excludedProcessIDs, WithoutComposition fallback)
     : connection_(connection), area_(area), excluded_(std::move(excludedProcessIDs)),
@@ -250,6 +287,11 @@ bool X11AreaGrabber::followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*
             mayShowExcluded = true;
             break;
         default:
+            if (damage_) {
+                if (const auto drawn = damage_->drawnIn(*event)) {
+                    damaged_ |= !drawn->intersected(area_).isEmpty();
+                }
+            }
             break;
         }
     }
@@ -288,9 +330,33 @@ bool X11AreaGrabber::followConfigure(const xcb_configure_notify_event_t& event) 
            !window.outerGeometry.intersected(area_).isEmpty();
 }
 
+bool X11AreaGrabber::mayHaveChangedSinceLastGrab() {
+    xcb_connection_t* c = connection_.get();
+    if (!damage_ && !damageUnavailable_) {
+        XcbReply<xcb_damage_query_version_reply_t> version;
+        if (offers(c, xcb_damage_id)) {
+            version.reset(
+                xcb_damage_query_version_reply(c, xcb_damage_query_version(c, 1, 1), nullptr));
+        }
+        damageUnavailable_ = !version;
+        if (version) {
+            damage_ = std::make_unique<DamageReports>(
+                c, connection_.root(), xcb_get_extension_data(c, &xcb_damage_id)->first_event);
+            damaged_ = true;
+        }
+    }
+    const bool layoutChanged = followLayout(xcb_poll_for_event);
+    return damageUnavailable_ || damaged_ || layoutChanged;
+}
+
 void X11AreaGrabber::grab(X11ShmImage& image) {
     followLayout(xcb_poll_for_event);
     for (;;) {
+        // Anything drawn after this request is reported anew.
+        if (damage_) {
+            damage_->empty();
+            damaged_ = false;
+        }
         std::vector<PixelRect> excludedPlaces = excludedWindowsOverArea();
         if (!excludedPlaces.empty() && canCompose()) {
             compose(image);

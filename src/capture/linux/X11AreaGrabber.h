@@ -45,11 +45,17 @@ public:
     // compose without it nor hide it.
     void grab(X11ShmImage& image);
 
+    // Whether anything may have been drawn in the area since the last grab began. The first
+    // call starts following the server's damage reports (DAMAGE), so that an area nobody
+    // draws in needs no grab; on a server without DAMAGE the answer is always yes.
+    bool mayHaveChangedSinceLastGrab();
+
     // How many times the windows have been listed so far.
     long long windowListings() const { return windowListings_; }
 
 private:
     struct Composer;
+    class DamageReports;
 
     bool followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*));
     bool followConfigure(const xcb_configure_notify_event_t& event);
@@ -68,5 +74,8 @@ private:
     std::optional<bool> composable_;                  // asked the first time it matters
     std::optional<std::vector<X11TopLevel>> windows_; // none until listed or after a change
     long long windowListings_ = 0;
-    std::unique_ptr<Composer> composer_; // made the first time it is needed
+    std::unique_ptr<Composer> composer_;    // made the first time it is needed
+    std::unique_ptr<DamageReports> damage_; // made by the first mayHaveChangedSinceLastGrab()
+    bool damageUnavailable_ = false;
+    bool damaged_ = true; // drawn in the area since the last grab began
 };

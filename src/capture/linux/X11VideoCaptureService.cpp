@@ -97,6 +97,7 @@ public:
         grabs_ = std::move(grabs);
         converter_ = std::make_unique<VideoFrameConverter>(width, height);
         previousGrab_.reset();
+        lastPointer_.reset();
         lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
         queue_ = std::move(queue);
         stopping_ = false;
@@ -126,6 +127,7 @@ public:
 
     X11VideoCaptureService::Counts counts() const {
         return {captured_,
+                screenReads_,
                 skippedIdentical_,
                 queue_ ? queue_->droppedFrames() : 0,
                 recorder_ ? recorder_->encodedFrames() : 0,
@@ -200,41 +202,62 @@ private:
             static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
     }
 
-    // Grabs into the buffer the last frame passed on is not in, so the two can be compared
-    // without a copy; an unchanged grab goes no further than that comparison.
+    // Where the pointer is and which image it shows.
+    struct PointerState {
+        int x = 0;
+        int y = 0;
+        uint32_t serial = 0;
+        friend bool operator==(const PointerState&, const PointerState&) = default;
+    };
+
+    // Nothing is read while nobody draws in the area and the pointer stays as it was; the
+    // frame a second the recorder needs then repeats the last picture. Otherwise grabs into
+    // the buffer the last frame passed on is not in, so the two can be compared without a
+    // copy; an unchanged grab goes no further than that comparison.
     void grabFrame() {
         xcb_connection_t* c = connection_->get();
         const int64_t captureNs = monotonicNowNs();
-        std::optional<xcb_xfixes_get_cursor_image_cookie_t> pointer;
-        if (configuration_.showsCursor) {
-            pointer = xcb_xfixes_get_cursor_image(c);
-        }
-        const size_t current = previousGrab_ == 0u ? 1 : 0;
-        X11ShmImage& image = *grabs_[current];
-        grabber_->grab(image);
-        windowListings_ = grabber_->windowListings();
         ++captured_;
-        if (pointer) {
-            XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor(
-                xcb_xfixes_get_cursor_image_reply(c, *pointer, nullptr));
-            if (cursor) {
-                drawPointer(*cursor, image);
-            }
+        XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor;
+        if (configuration_.showsCursor) {
+            cursor.reset(
+                xcb_xfixes_get_cursor_image_reply(c, xcb_xfixes_get_cursor_image(c), nullptr));
         }
+        const std::optional<PointerState> pointer =
+            cursor ? std::optional(PointerState{cursor->x, cursor->y, cursor->cursor_serial})
+                   : std::nullopt;
         const bool heartbeat = captureNs - lastPassedOnNs_ >= kLongestFrameIntervalNs;
         const auto grabOf = [](const X11ShmImage& shm) {
             return VideoGrab{shm.pixels(), shm.width(), shm.height(), shm.bytesPerRow()};
         };
-        const VideoGrab grab = grabOf(image);
-        std::optional<VideoGrab> previous;
-        if (previousGrab_) {
-            previous = grabOf(*grabs_[*previousGrab_]);
+        if (previousGrab_ && pointer == lastPointer_ && !grabber_->mayHaveChangedSinceLastGrab()) {
+            if (!heartbeat) {
+                ++skippedIdentical_;
+                return;
+            }
+            const VideoGrab last = grabOf(*grabs_[*previousGrab_]);
+            converter_->differs(last, &last);
+        } else {
+            const size_t current = previousGrab_ == 0u ? 1 : 0;
+            X11ShmImage& image = *grabs_[current];
+            grabber_->grab(image);
+            windowListings_ = grabber_->windowListings();
+            ++screenReads_;
+            lastPointer_ = pointer;
+            if (cursor) {
+                drawPointer(*cursor, image);
+            }
+            std::optional<VideoGrab> previous;
+            if (previousGrab_) {
+                previous = grabOf(*grabs_[*previousGrab_]);
+            }
+            if (!converter_->differs(grabOf(image), previous ? &*previous : nullptr) &&
+                !heartbeat) {
+                ++skippedIdentical_;
+                return;
+            }
+            previousGrab_ = current;
         }
-        if (!converter_->differs(grab, previous ? &*previous : nullptr) && !heartbeat) {
-            ++skippedIdentical_;
-            return;
-        }
-        previousGrab_ = current;
         lastPassedOnNs_ = captureNs;
         VideoFrame& frame = queue_->acquire();
         converter_->convert(frame);
@@ -276,7 +299,8 @@ private:
     std::unique_ptr<X11Connection> connection_;
     std::unique_ptr<X11AreaGrabber> grabber_;
     std::array<std::unique_ptr<X11ShmImage>, 2> grabs_;
-    std::optional<size_t> previousGrab_; // the grab the last frame passed on was made from
+    std::optional<size_t> previousGrab_;      // the grab the last frame passed on was made from
+    std::optional<PointerState> lastPointer_; // drawn into the last grab
     std::unique_ptr<VideoFrameConverter> converter_;
     int64_t lastPassedOnNs_ = 0;
     std::mutex mutex_;
@@ -285,6 +309,7 @@ private:
     std::thread thread_;
     // Written by the capture thread, read by any.
     std::atomic<long long> captured_{0};
+    std::atomic<long long> screenReads_{0};
     std::atomic<long long> skippedIdentical_{0};
     std::atomic<long long> windowListings_{0};
     std::atomic<double> captureCpuSeconds_{0};

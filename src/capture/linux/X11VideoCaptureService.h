@@ -16,8 +16,9 @@ class X11VideoCaptureService final : public VideoCaptureService {
 public:
     // What a stream has done so far.
     struct Counts {
-        long long captured = 0;         // grabs of the area
-        long long skippedIdentical = 0; // grabs equal to the last frame passed on
+        long long captured = 0;         // ticks of the frame clock looked at
+        long long screenReads = 0;      // of those, the ones that read the area from the server
+        long long skippedIdentical = 0; // ticks whose picture was the last frame passed on
         long long droppedByQueue = 0;   // frames overwritten while the encoder was behind
         long long encoded = 0;          // frames the recorder encoded
         long long windowListings = 0;   // times the top-level windows were read
