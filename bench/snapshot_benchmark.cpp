@@ -32,6 +32,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -223,7 +224,9 @@ private:
 // the main display, leave out this process's windows, capture at the display's pixel size.
 class Snapshotter {
 public:
-    explicit Snapshotter(const QByteArray& display) : content_(display), screenshots_(display) {}
+    explicit Snapshotter(const QByteArray& display,
+                         std::chrono::milliseconds keepPixelsFor = std::chrono::seconds(10))
+        : content_(display), screenshots_(display, keepPixelsFor) {}
 
     Image take() { return capture(mainDisplayFilter()); }
 
@@ -323,6 +326,8 @@ int main(int argc, char** argv) {
     const QImage scene = desktopScene();
     const Wallpaper wallpaper(server.name(), scene);
     Snapshotter screen(server.name());
+    // The first snapshot after a pause, once the service has let go of its pixel memory.
+    Snapshotter pausedScreen(server.name(), std::chrono::milliseconds(0));
     QTemporaryDir dir;
     LinuxSnapshotEncoders encoders;
 
@@ -415,6 +420,8 @@ int main(int argc, char** argv) {
         lap("1 list displays and applications");
         const Image image = screen.capture(filter);
         lap("2 capture");
+        pausedScreen.capture(filter);
+        lap("2 capture after a pause");
         const auto data = encoders.encodePNG(image);
         lap("3 encode PNG");
         writeAtomically(png, data);

@@ -8,10 +8,34 @@
 
 #include <cmath>
 
-X11ScreenshotService::X11ScreenshotService(QByteArray displayName)
-    : displayName_(std::move(displayName)) {}
+X11ScreenshotService::X11ScreenshotService(QByteArray displayName,
+                                           std::chrono::milliseconds keepPixelsFor)
+    : displayName_(std::move(displayName)), keepPixelsFor_(keepPixelsFor) {}
 
-X11ScreenshotService::~X11ScreenshotService() = default;
+X11ScreenshotService::~X11ScreenshotService() {
+    {
+        std::lock_guard guard(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (releaser_.joinable()) {
+        releaser_.join();
+    }
+}
+
+void X11ScreenshotService::releasePixelsWhenIdle() {
+    std::unique_lock guard(mutex_);
+    while (!stopping_) {
+        const auto due = lastCapture_ + keepPixelsFor_;
+        if (std::chrono::steady_clock::now() >= due) {
+            image_.reset();
+            spare_ = QByteArray();
+            break;
+        }
+        wake_.wait_until(guard, due);
+    }
+    releasing_ = false;
+}
 
 Image X11ScreenshotService::captureImage(const ContentFilter& filter,
                                          const ScreenshotConfiguration& configuration) {
@@ -25,9 +49,10 @@ Image X11ScreenshotService::captureImage(const ContentFilter& filter,
         connection_.reset();
     }
     if (!connection_) {
-        auto connection = std::make_unique<X11Connection>(displayName_);
-        image_ = std::make_unique<X11ShmImage>(*connection);
-        connection_ = std::move(connection);
+        connection_ = std::make_unique<X11Connection>(displayName_);
+    }
+    if (!image_) {
+        image_ = std::make_unique<X11ShmImage>(*connection_);
     }
     const Rect& frame = filter.display.frame;
     const PixelRect area =
@@ -68,5 +93,14 @@ Image X11ScreenshotService::captureImage(const ContentFilter& filter,
                           libyuv::kFilterBox);
     }
     image.pixels = spare_;
+
+    lastCapture_ = std::chrono::steady_clock::now();
+    if (!releasing_) {
+        if (releaser_.joinable()) {
+            releaser_.join(); // it has finished: it cleared `releasing_` as it ended
+        }
+        releasing_ = true;
+        releaser_ = std::thread([this] { releasePixelsWhenIdle(); });
+    }
     return image;
 }

@@ -2,6 +2,8 @@
 #include "capture/linux/X11ScreenshotService.h"
 #include "support/VirtualDisplay.h"
 
+#include <QFile>
+
 #include <xcb/shape.h>
 #include <xcb/xcb.h>
 
@@ -161,6 +163,24 @@ void setBoundingShape(const QByteArray& display, uint32_t window,
     xcb_disconnect(connection);
 }
 
+// Shared-memory segments this process created that still exist.
+int sharedMemorySegmentsOfThisProcess() {
+    QFile table(QStringLiteral("/proc/sysvipc/shm"));
+    if (!table.open(QIODevice::ReadOnly)) {
+        ADD_FAILURE() << "no /proc/sysvipc/shm";
+        return -1;
+    }
+    const QList<QByteArray> header = table.readLine().simplified().split(' ');
+    const auto creator = header.indexOf("cpid");
+    int count = 0;
+    while (!table.atEnd()) {
+        const QList<QByteArray> fields = table.readLine().simplified().split(' ');
+        count +=
+            creator >= 0 && creator < fields.size() && fields[creator].toLongLong() == getpid();
+    }
+    return count;
+}
+
 } // namespace
 
 TEST(X11Snapshot, TestPatternIsCapturedPixelExactWithoutThePointer) {
@@ -254,6 +274,27 @@ TEST(X11Snapshot, SmallerDisplayThenLargerOneAreBothExact) {
     ASSERT_EQ(large.width, 1280);
     ASSERT_EQ(large.height, 1080);
     EXPECT_EQ(mismatches(large, pattern, QRect(0, 0, 1280, 1080)), 0);
+}
+
+TEST(X11Snapshot, SharedMemoryIsLetGoOnceSnapshotsPause) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 24);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name(), std::chrono::milliseconds(300));
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+
+    const Image first = screenshots.captureImage({screen, {}}, fullSize(screen));
+    const Image second = screenshots.captureImage({screen, {}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(first, pattern, QRect(0, 0, 1920, 1080)), 0);
+    EXPECT_EQ(mismatches(second, pattern, QRect(0, 0, 1920, 1080)), 0);
+    // Let go of after the pause, and by the server a moment after it is told to.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (sharedMemorySegmentsOfThisProcess() > 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(sharedMemorySegmentsOfThisProcess(), 0);
 }
 
 TEST(X11Snapshot, ImageStillHeldIsNotOverwrittenByTheNextSnapshot) {
