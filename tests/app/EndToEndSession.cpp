@@ -57,8 +57,8 @@ EndToEndSession::EndToEndSession(Options options) {
     if (!work_.isValid()) {
         throw std::runtime_error("no temporary folder for the session");
     }
-    display_ = std::make_unique<VirtualDisplay>(options.screenSize.width(),
-                                                options.screenSize.height(), options.composite);
+    display_ = std::make_unique<VirtualDisplay>(
+        options.screenSize.width(), options.screenSize.height(), options.withheldExtensions);
     for (size_t i = 0; i < options.monitors.size(); ++i) {
         display_->setMonitor(options.monitors[i].first, options.monitors[i].second,
                              i == 0 ? QStringLiteral("screen") : QStringLiteral("none"));

@@ -38,7 +38,8 @@ public:
         std::vector<std::pair<QString, QRect>> monitors;
         // Set in Tessarel's environment on top of the session's own.
         std::vector<std::pair<QString, QString>> environment;
-        VirtualDisplay::Composite composite = VirtualDisplay::Composite::offered;
+        // Extensions the X server leaves out.
+        QStringList withheldExtensions;
     };
 
     struct WindowInfo {

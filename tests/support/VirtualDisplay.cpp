@@ -44,7 +44,7 @@ std::string readDisplayNumber(int fd) {
 
 } // namespace
 
-VirtualDisplay::VirtualDisplay(int width, int height, Composite composite) {
+VirtualDisplay::VirtualDisplay(int width, int height, const QStringList& withheldExtensions) {
     int pipeFds[2];
     if (pipe2(pipeFds, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe failed");
@@ -57,14 +57,18 @@ VirtualDisplay::VirtualDisplay(int width, int height, Composite composite) {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     const std::string screen = std::to_string(width) + "x" + std::to_string(height) + "x24";
-    const std::vector<std::string> arguments{
-        "Xvfb",       "-displayfd", std::to_string(serverFd),
-        "-screen",    "0",          screen,
-        "-nolisten",  "tcp",        "-noreset",
-        "+extension", "RANDR",      composite == Composite::offered ? "+extension" : "-extension",
-        "COMPOSITE",  "+extension", "XFIXES",
-        "+extension", "RENDER",     "+extension",
-        "SHAPE",      "+extension", "MIT-SHM"};
+    std::vector<std::string> arguments{"Xvfb",       "-displayfd", std::to_string(serverFd),
+                                       "-screen",    "0",          screen,
+                                       "-nolisten",  "tcp",        "-noreset",
+                                       "+extension", "RANDR",      "+extension",
+                                       "COMPOSITE",  "+extension", "DAMAGE",
+                                       "+extension", "XFIXES",     "+extension",
+                                       "RENDER",     "+extension", "SHAPE",
+                                       "+extension", "MIT-SHM"};
+    // The last word on an extension counts.
+    for (const QString& extension : withheldExtensions) {
+        arguments.insert(arguments.end(), {"-extension", extension.toStdString()});
+    }
     std::vector<char*> argv;
     for (const auto& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));

@@ -13,9 +13,9 @@
 
 struct xcb_connection_t;
 
-// A private X server (Xvfb) for one test binary: 24-bit, with RandR, Composite (unless
-// withheld), XFixes, Render, SHAPE and MIT-SHM, on a free display number. Stopped by the
-// destructor.
+// A private X server (Xvfb) for one test binary: 24-bit, with RandR, Composite, DAMAGE,
+// XFixes, Render, SHAPE and MIT-SHM unless told to withhold some, on a free display number.
+// Stopped by the destructor.
 class VirtualDisplay {
 public:
     // A plain window showing a picture; the server repaints it from its background pixmap,
@@ -38,11 +38,10 @@ public:
         uint32_t pixmap_;
     };
 
-    // Whether the server offers the Composite extension, as most do.
-    enum class Composite { offered, withheld };
-
+    // `withheldExtensions` names extensions the server leaves out, as some servers do
+    // ("COMPOSITE", "DAMAGE", ...).
     explicit VirtualDisplay(int width = 1920, int height = 1080,
-                            Composite composite = Composite::offered);
+                            const QStringList& withheldExtensions = {});
     ~VirtualDisplay();
     VirtualDisplay(const VirtualDisplay&) = delete;
     VirtualDisplay& operator=(const VirtualDisplay&) = delete;

@@ -72,15 +72,10 @@ private:
         "Tessarel cannot leave its own windows out of the capture on this X server."));
 }
 
-// A request of an extension the server lacks would close the whole connection.
-bool offers(xcb_connection_t* connection, xcb_extension_t& extension) {
-    const auto* data = xcb_get_extension_data(connection, &extension);
-    return data && data->present;
-}
-
-// Windows made invisible by an empty bounding shape while this lives, then given back the
-// shape they had. Unlike unmapping, this leaves their state alone: no window manager
-// withdraws them, and their owner is not told.
+// Windows made invisible by an empty bounding shape from hide() on, then given back the
+// shape they had when this was made. Unlike unmapping, this leaves their state alone: no
+// window manager withdraws them, and their owner is not told. (A window manager that
+// reshapes its frame meanwhile, within half a second, has that change undone.)
 class ShapeHiding {
 public:
     ShapeHiding(xcb_connection_t* connection, const std::vector<xcb_window_t>& windows)
@@ -104,11 +99,13 @@ public:
             }
             saved_.push_back(std::move(saved));
         }
+    }
+    // The server has exposed what lay beneath once this returns.
+    void hide() {
         for (const Saved& saved : saved_) {
             xcb_shape_rectangles(connection_, XCB_SHAPE_SO_SET, XCB_SHAPE_SK_BOUNDING,
                                  XCB_CLIP_ORDERING_UNSORTED, saved.window, 0, 0, 0, nullptr);
         }
-        // The server has exposed what lay beneath once this returns.
         std::free(
             xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
     }
@@ -173,13 +170,14 @@ struct X11AreaGrabber::Composer {
 };
 
 // The server's reports of drawing anywhere on the screen: an event for each rectangle newly
-// drawn in since the reports were last emptied, which each grab does before it reads.
+// drawn in since the reports were last emptied.
 class X11AreaGrabber::DamageReports {
 public:
     DamageReports(xcb_connection_t* connection, xcb_window_t root, uint8_t firstEvent)
         : connection_(connection), id_(xcb_generate_id(connection)),
           notifyEvent_(static_cast<uint8_t>(firstEvent + XCB_DAMAGE_NOTIFY)) {
         xcb_damage_create(connection_, id_, root, XCB_DAMAGE_REPORT_LEVEL_DELTA_RECTANGLES);
+        empty();
     }
     ~DamageReports() {
         xcb_damage_destroy(connection_, id_);
@@ -188,15 +186,21 @@ public:
     DamageReports(const DamageReports&) = delete;
     DamageReports& operator=(const DamageReports&) = delete;
 
-    void empty() { xcb_damage_subtract(connection_, id_, XCB_NONE, XCB_NONE); }
+    // Drawing reported from here on is reported anew; what was reported before is no more.
+    void empty() {
+        emptiedAt_ = xcb_damage_subtract(connection_, id_, XCB_NONE, XCB_NONE).sequence;
+    }
 
-    // The rectangle an event reports drawn in, if it is one of these reports.
+    // The rectangle an event reports drawn in since the reports were last emptied, if it is
+    // one of these reports. An event carries the sequence number of this client's last
+    // request the server had handled, so one from before the emptying still waiting in the
+    // queue is told apart.
     std::optional<PixelRect> drawnIn(const xcb_generic_event_t& event) const {
         if ((event.response_type & 0x7f) != notifyEvent_) {
             return std::nullopt;
         }
         const auto& notify = reinterpret_cast<const xcb_damage_notify_event_t&>(event);
-        if (notify.damage != id_) {
+        if (notify.damage != id_ || static_cast<int32_t>(event.full_sequence - emptiedAt_) < 0) {
             return std::nullopt;
         }
         return PixelRect{notify.area.x, notify.area.y, notify.area.width, notify.area.height};
@@ -206,6 +210,69 @@ private:
     xcb_connection_t* connection_;
     xcb_damage_damage_t id_;
     uint8_t notifyEvent_;
+    uint32_t emptiedAt_ = 0;
+};
+
+// Which pixels of the places hidden windows left have been drawn since they were hidden.
+class X11AreaGrabber::RepaintWatch {
+public:
+    RepaintWatch(X11Connection& connection, uint8_t damageFirstEvent,
+                 const std::vector<PixelRect>& places)
+        : reports_(connection.get(), connection.root(), damageFirstEvent) {
+        for (const PixelRect& place : places) {
+            bounds_ = bounds_.united(place);
+        }
+        waiting_.assign(static_cast<size_t>(bounds_.width) * static_cast<size_t>(bounds_.height),
+                        0);
+        for (const PixelRect& place : places) {
+            mark(place, 1);
+        }
+    }
+
+    // Call just before the windows are hidden.
+    void start() { reports_.empty(); }
+    const PixelRect& bounds() const { return bounds_; }
+    bool allRepainted() const { return waitingCount_ == 0; }
+
+    void note(const xcb_generic_event_t& event) {
+        if (const auto drawn = reports_.drawnIn(event)) {
+            mark(*drawn, 0);
+        }
+    }
+
+    // Paints black what is still waiting, in an image of `area`.
+    void blackOutWaiting(X11ShmImage& image, const PixelRect& area) const {
+        for (int y = 0; y < bounds_.height; ++y) {
+            for (int x = 0; x < bounds_.width; ++x) {
+                if (waiting_[static_cast<size_t>(y) * static_cast<size_t>(bounds_.width) +
+                             static_cast<size_t>(x)]) {
+                    std::memset(image.pixels() +
+                                    static_cast<ptrdiff_t>(bounds_.y + y - area.y) *
+                                        image.bytesPerRow() +
+                                    static_cast<ptrdiff_t>(bounds_.x + x - area.x) * 4,
+                                0, 4);
+                }
+            }
+        }
+    }
+
+private:
+    void mark(const PixelRect& rect, uint8_t waiting) {
+        const PixelRect inside = rect.intersected(bounds_);
+        for (int y = inside.y; y < inside.y + inside.height; ++y) {
+            uint8_t* row = waiting_.data() + static_cast<ptrdiff_t>(y - bounds_.y) * bounds_.width +
+                           (inside.x - bounds_.x);
+            for (int x = 0; x < inside.width; ++x) {
+                waitingCount_ += static_cast<long long>(waiting) - row[x];
+                row[x] = waiting;
+            }
+        }
+    }
+
+    DamageReports reports_;
+    PixelRect bounds_;
+    std::vector<uint8_t> waiting_; // one byte a pixel of bounds_
+    long long waitingCount_ = 0;
 };
 
 X11AreaGrabber::X11AreaGrabber(X11Connection& connection, const PixelRect& area,
@@ -292,6 +359,9 @@ bool X11AreaGrabber::followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*
                     damaged_ |= !drawn->intersected(area_).isEmpty();
                 }
             }
+            if (repaints_) {
+                repaints_->note(*event);
+            }
             break;
         }
     }
@@ -330,48 +400,62 @@ bool X11AreaGrabber::followConfigure(const xcb_configure_notify_event_t& event) 
            !window.outerGeometry.intersected(area_).isEmpty();
 }
 
-bool X11AreaGrabber::mayHaveChangedSinceLastGrab() {
-    xcb_connection_t* c = connection_.get();
-    if (!damage_ && !damageUnavailable_) {
+std::optional<uint8_t> X11AreaGrabber::damageFirstEvent() {
+    if (!damageFirstEvent_) {
+        xcb_connection_t* c = connection_.get();
         XcbReply<xcb_damage_query_version_reply_t> version;
-        if (offers(c, xcb_damage_id)) {
+        if (connection_.offers(xcb_damage_id)) {
             version.reset(
                 xcb_damage_query_version_reply(c, xcb_damage_query_version(c, 1, 1), nullptr));
         }
-        damageUnavailable_ = !version;
-        if (version) {
-            damage_ = std::make_unique<DamageReports>(
-                c, connection_.root(), xcb_get_extension_data(c, &xcb_damage_id)->first_event);
-            damaged_ = true;
+        damageFirstEvent_ =
+            version ? std::optional<uint8_t>(xcb_get_extension_data(c, &xcb_damage_id)->first_event)
+                    : std::nullopt;
+    }
+    return *damageFirstEvent_;
+}
+
+bool X11AreaGrabber::mayHaveChangedSinceLastGrab() {
+    if (!damage_) {
+        const auto firstEvent = damageFirstEvent();
+        if (!firstEvent) {
+            return true;
         }
+        damage_ =
+            std::make_unique<DamageReports>(connection_.get(), connection_.root(), *firstEvent);
+        damaged_ = true;
     }
     const bool layoutChanged = followLayout(xcb_poll_for_event);
-    return damageUnavailable_ || damaged_ || layoutChanged;
+    // Drawing in a window's covered part is not reported while windows are redirected, yet a
+    // composed picture shows it.
+    return damaged_ || layoutChanged || lastGrabComposed_;
 }
 
 void X11AreaGrabber::grab(X11ShmImage& image) {
     followLayout(xcb_poll_for_event);
     for (;;) {
-        // Anything drawn after this request is reported anew.
         if (damage_) {
             damage_->empty();
             damaged_ = false;
         }
         std::vector<PixelRect> excludedPlaces = excludedWindowsOverArea();
-        if (!excludedPlaces.empty() && canCompose()) {
+        lastGrabComposed_ = !excludedPlaces.empty() && canCompose();
+        if (lastGrabComposed_) {
             compose(image);
             return;
         }
         const bool hide =
             !excludedPlaces.empty() && fallback_ == WithoutComposition::hideWhileGrabbing;
+        bool layoutChanged = false;
         if (hide) {
-            grabWithExcludedWindowsHidden(image);
+            layoutChanged = grabWithExcludedWindowsHidden(image, excludedPlaces);
         } else {
             image.grab(connection_.root(), area_);
         }
         // The server reports a change it made before the copy ahead of the copy's reply. If
         // one may have put an excluded window into the picture, the grab is made again.
-        if (!followLayout(xcb_poll_for_queued_event)) {
+        layoutChanged |= followLayout(xcb_poll_for_queued_event);
+        if (!layoutChanged) {
             if (!hide && !excludedPlaces.empty()) {
                 // A window that moved meanwhile may be in the picture at either place.
                 const std::vector<PixelRect> now = excludedWindowsOverArea();
@@ -386,7 +470,7 @@ void X11AreaGrabber::grab(X11ShmImage& image) {
 bool X11AreaGrabber::canCompose() {
     if (!composable_) {
         xcb_connection_t* c = connection_.get();
-        bool composable = offers(c, xcb_composite_id) && offers(c, xcb_render_id);
+        bool composable = connection_.offers(xcb_composite_id) && connection_.offers(xcb_render_id);
         if (composable) {
             XcbReply<xcb_composite_query_version_reply_t> composite(
                 xcb_composite_query_version_reply(c, xcb_composite_query_version(c, 0, 4),
@@ -403,16 +487,22 @@ bool X11AreaGrabber::canCompose() {
 }
 
 // What lay beneath the hidden windows is drawn again by its owners once the server has
-// exposed it, and nothing says when they are done. So the area is read until it holds still
-// across a toolkit's repaint cycle, after a grace that covers their reaction to the exposure.
-void X11AreaGrabber::grabWithExcludedWindowsHidden(X11ShmImage& image) {
+// exposed it, and nothing says when they are done. The server's damage reports tell which
+// pixels have been drawn since; the area is read once all of them have been and the hidden
+// places hold still across a toolkit's repaint cycle, after a grace that covers the owners'
+// reaction to the exposure (a server that paints a window's background at once reports it
+// drawn before its owner has drawn the rest). Whatever is still waiting when time runs out
+// is painted black: it may show the hidden window. Returns whether the layout may have
+// changed meanwhile.
+bool X11AreaGrabber::grabWithExcludedWindowsHidden(X11ShmImage& image,
+                                                   const std::vector<PixelRect>& places) {
     using namespace std::chrono_literals;
     constexpr auto kRepaintGrace = 50ms;
     constexpr auto kStillInterval = 20ms;
     constexpr auto kLongestHidden = 500ms;
 
     xcb_connection_t* c = connection_.get();
-    if (!offers(c, xcb_shape_id)) {
+    if (!connection_.offers(xcb_shape_id)) {
         cannotLeaveOwnWindowsOut();
     }
     std::vector<xcb_window_t> windows;
@@ -422,20 +512,51 @@ void X11AreaGrabber::grabWithExcludedWindowsHidden(X11ShmImage& image) {
             windows.push_back(window.window);
         }
     }
-    const ShapeHiding hiding(c, windows);
+    std::optional<RepaintWatch> repaints;
+    if (const auto firstEvent = damageFirstEvent()) {
+        repaints.emplace(connection_, *firstEvent, places);
+        repaints_ = &*repaints;
+    }
+    struct Unwatch {
+        RepaintWatch*& watch;
+        ~Unwatch() { watch = nullptr; }
+    } unwatch{repaints_};
+    PixelRect watched;
+    for (const PixelRect& place : places) {
+        watched = watched.united(place);
+    }
+    ShapeHiding hiding(c, windows);
+    // Back to back, so that nothing the hidden windows draw themselves counts as repainting.
+    if (repaints) {
+        repaints->start();
+    }
+    hiding.hide();
     const auto hiddenAt = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(kRepaintGrace);
+    bool layoutChanged = false;
     std::vector<uint8_t> previous;
+    std::vector<uint8_t> current;
     for (;;) {
+        layoutChanged |= followLayout(xcb_poll_for_event);
         image.grab(connection_.root(), area_);
-        const size_t bytes =
-            static_cast<size_t>(image.bytesPerRow()) * static_cast<size_t>(image.height());
-        if ((previous.size() == bytes &&
-             std::memcmp(previous.data(), image.pixels(), bytes) == 0) ||
-            std::chrono::steady_clock::now() - hiddenAt >= kLongestHidden) {
-            return;
+        current.clear();
+        for (int y = watched.y; y < watched.y + watched.height; ++y) {
+            const uint8_t* row = image.pixels() +
+                                 static_cast<ptrdiff_t>(y - area_.y) * image.bytesPerRow() +
+                                 static_cast<ptrdiff_t>(watched.x - area_.x) * 4;
+            current.insert(current.end(), row, row + static_cast<ptrdiff_t>(watched.width) * 4);
         }
-        previous.assign(image.pixels(), image.pixels() + bytes);
+        const bool repainted = !repaints || repaints->allRepainted();
+        if (repainted && current == previous) {
+            return layoutChanged;
+        }
+        if (std::chrono::steady_clock::now() - hiddenAt >= kLongestHidden) {
+            if (repaints) {
+                repaints->blackOutWaiting(image, area_);
+            }
+            return layoutChanged;
+        }
+        previous.swap(current);
         std::this_thread::sleep_for(kStillInterval);
     }
 }

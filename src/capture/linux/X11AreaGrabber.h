@@ -47,7 +47,8 @@ public:
 
     // Whether anything may have been drawn in the area since the last grab began. The first
     // call starts following the server's damage reports (DAMAGE), so that an area nobody
-    // draws in needs no grab; on a server without DAMAGE the answer is always yes.
+    // draws in needs no grab. The answer is always yes on a server without DAMAGE, and
+    // after a composed grab (drawing behind other windows goes unreported then).
     bool mayHaveChangedSinceLastGrab();
 
     // How many times the windows have been listed so far.
@@ -56,6 +57,7 @@ public:
 private:
     struct Composer;
     class DamageReports;
+    class RepaintWatch;
 
     bool followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*));
     bool followConfigure(const xcb_configure_notify_event_t& event);
@@ -63,8 +65,10 @@ private:
     // The shown excluded windows over the area, clipped to it (none before the first listing).
     std::vector<PixelRect> excludedWindowsOverArea() const;
     bool canCompose();
+    // The first event code of DAMAGE, or none when the server lacks it.
+    std::optional<uint8_t> damageFirstEvent();
     void compose(X11ShmImage& image);
-    void grabWithExcludedWindowsHidden(X11ShmImage& image);
+    bool grabWithExcludedWindowsHidden(X11ShmImage& image, const std::vector<PixelRect>& places);
     void blackOut(X11ShmImage& image, const std::vector<PixelRect>& places) const;
 
     X11Connection& connection_;
@@ -74,8 +78,10 @@ private:
     std::optional<bool> composable_;                  // asked the first time it matters
     std::optional<std::vector<X11TopLevel>> windows_; // none until listed or after a change
     long long windowListings_ = 0;
-    std::unique_ptr<Composer> composer_;    // made the first time it is needed
+    std::unique_ptr<Composer> composer_;                     // made the first time it is needed
+    std::optional<std::optional<uint8_t>> damageFirstEvent_; // asked the first time it matters
     std::unique_ptr<DamageReports> damage_; // made by the first mayHaveChangedSinceLastGrab()
-    bool damageUnavailable_ = false;
-    bool damaged_ = true; // drawn in the area since the last grab began
+    bool damaged_ = true;                   // drawn in the area since the last grab began
+    bool lastGrabComposed_ = false;
+    RepaintWatch* repaints_ = nullptr; // while windows are hidden for a grab
 };

@@ -18,6 +18,19 @@ PixelRect PixelRect::intersected(const PixelRect& other) const {
     return {left, top, right - left, bottom - top};
 }
 
+PixelRect PixelRect::united(const PixelRect& other) const {
+    if (isEmpty()) {
+        return other;
+    }
+    if (other.isEmpty()) {
+        return *this;
+    }
+    const int left = std::min(x, other.x);
+    const int top = std::min(y, other.y);
+    return {left, top, std::max(x + width, other.x + other.width) - left,
+            std::max(y + height, other.y + other.height) - top};
+}
+
 X11Connection::X11Connection(const QByteArray& displayName) {
     int screenNumber = 0;
     connection_ =
@@ -38,6 +51,11 @@ X11Connection::~X11Connection() {
     xcb_disconnect(connection_);
 }
 
+bool X11Connection::offers(xcb_extension_t& extension) const {
+    const auto* data = xcb_get_extension_data(connection_, &extension);
+    return data && data->present;
+}
+
 xcb_atom_t X11Connection::atom(const char* name) {
     const auto cookie =
         xcb_intern_atom(connection_, 0, static_cast<uint16_t>(std::strlen(name)), name);
@@ -46,9 +64,11 @@ xcb_atom_t X11Connection::atom(const char* name) {
 }
 
 std::vector<X11Monitor> X11Connection::monitors() {
-    const auto version = xcb_randr_query_version(connection_, 1, 5);
-    XcbReply<xcb_randr_query_version_reply_t> versionReply(
-        xcb_randr_query_version_reply(connection_, version, nullptr));
+    XcbReply<xcb_randr_query_version_reply_t> versionReply;
+    if (offers(xcb_randr_id)) {
+        versionReply.reset(xcb_randr_query_version_reply(
+            connection_, xcb_randr_query_version(connection_, 1, 5), nullptr));
+    }
     if (!versionReply || (versionReply->major_version == 1 && versionReply->minor_version < 5)) {
         throw PlatformError(
             QStringLiteral("The X server does not describe its monitors (RandR 1.5 is missing)."));

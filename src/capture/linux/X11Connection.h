@@ -27,6 +27,8 @@ struct PixelRect {
 
     bool isEmpty() const { return width <= 0 || height <= 0; }
     PixelRect intersected(const PixelRect& other) const;
+    // The smallest rectangle holding both.
+    PixelRect united(const PixelRect& other) const;
     friend bool operator==(const PixelRect&, const PixelRect&) = default;
 };
 
@@ -68,6 +70,9 @@ public:
         return {0, 0, screen_->width_in_pixels, screen_->height_in_pixels};
     }
 
+    // Whether the server has `extension`. Ask before any of its requests: one the server
+    // does not know closes the whole connection.
+    bool offers(xcb_extension_t& extension) const;
     xcb_atom_t atom(const char* name);
     // Throws PlatformError when the server lacks RandR 1.5.
     std::vector<X11Monitor> monitors();

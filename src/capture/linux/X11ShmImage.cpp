@@ -51,8 +51,10 @@ private:
 
 X11ShmImage::X11ShmImage(X11Connection& connection) : connection_(connection) {
     xcb_connection_t* c = connection_.get();
-    XcbReply<xcb_shm_query_version_reply_t> version(
-        xcb_shm_query_version_reply(c, xcb_shm_query_version(c), nullptr));
+    XcbReply<xcb_shm_query_version_reply_t> version;
+    if (connection_.offers(xcb_shm_id)) {
+        version.reset(xcb_shm_query_version_reply(c, xcb_shm_query_version(c), nullptr));
+    }
     if (!version) {
         throw PlatformError(QStringLiteral("The X server offers no shared memory (MIT-SHM)."));
     }

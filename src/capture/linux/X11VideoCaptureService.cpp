@@ -80,8 +80,11 @@ public:
             std::make_unique<X11ShmImage>(*connection), std::make_unique<X11ShmImage>(*connection)};
         if (configuration_.showsCursor) {
             xcb_connection_t* c = connection->get();
-            XcbReply<xcb_xfixes_query_version_reply_t> version(xcb_xfixes_query_version_reply(
-                c, xcb_xfixes_query_version(c, XCB_XFIXES_MAJOR_VERSION, 0), nullptr));
+            XcbReply<xcb_xfixes_query_version_reply_t> version;
+            if (connection->offers(xcb_xfixes_id)) {
+                version.reset(xcb_xfixes_query_version_reply(
+                    c, xcb_xfixes_query_version(c, XCB_XFIXES_MAJOR_VERSION, 0), nullptr));
+            }
             if (!version) {
                 throw PlatformError(QStringLiteral("The X server cannot show the pointer."));
             }
@@ -202,7 +205,7 @@ private:
             static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
     }
 
-    // Where the pointer is and which image it shows.
+    // Where the pointer is and which image it shows, while that image touches the area.
     struct PointerState {
         int x = 0;
         int y = 0;
@@ -210,27 +213,49 @@ private:
         friend bool operator==(const PointerState&, const PointerState&) = default;
     };
 
-    // Nothing is read while nobody draws in the area and the pointer stays as it was; the
-    // frame a second the recorder needs then repeats the last picture. Otherwise grabs into
-    // the buffer the last frame passed on is not in, so the two can be compared without a
-    // copy; an unchanged grab goes no further than that comparison.
+    std::optional<PointerState>
+    pointerInArea(const xcb_xfixes_get_cursor_image_reply_t* cursor) const {
+        if (!cursor) {
+            return std::nullopt;
+        }
+        const PixelRect image{cursor->x - cursor->xhot, cursor->y - cursor->yhot, cursor->width,
+                              cursor->height};
+        if (image.intersected(grabber_->area()).isEmpty()) {
+            return std::nullopt;
+        }
+        return PointerState{cursor->x, cursor->y, cursor->cursor_serial};
+    }
+
+    // Nothing is read while nobody draws in the area and the pointer there stays as it was;
+    // the frame a second the recorder needs then repeats the last picture. Otherwise grabs
+    // into the buffer the last frame passed on is not in, so the two can be compared without
+    // a copy; an unchanged grab goes no further than that comparison.
     void grabFrame() {
         xcb_connection_t* c = connection_->get();
         const int64_t captureNs = monotonicNowNs();
         ++captured_;
-        XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor;
+        // Asked first, answered while the area is read.
+        std::optional<xcb_xfixes_get_cursor_image_cookie_t> cursorRequest;
         if (configuration_.showsCursor) {
-            cursor.reset(
-                xcb_xfixes_get_cursor_image_reply(c, xcb_xfixes_get_cursor_image(c), nullptr));
+            cursorRequest = xcb_xfixes_get_cursor_image(c);
         }
-        const std::optional<PointerState> pointer =
-            cursor ? std::optional(PointerState{cursor->x, cursor->y, cursor->cursor_serial})
-                   : std::nullopt;
+        XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor;
+        const auto collectCursor = [&] {
+            if (cursorRequest) {
+                cursor.reset(xcb_xfixes_get_cursor_image_reply(c, *cursorRequest, nullptr));
+                cursorRequest.reset();
+            }
+        };
         const bool heartbeat = captureNs - lastPassedOnNs_ >= kLongestFrameIntervalNs;
         const auto grabOf = [](const X11ShmImage& shm) {
             return VideoGrab{shm.pixels(), shm.width(), shm.height(), shm.bytesPerRow()};
         };
-        if (previousGrab_ && pointer == lastPointer_ && !grabber_->mayHaveChangedSinceLastGrab()) {
+        bool unchanged = false;
+        if (!grabber_->mayHaveChangedSinceLastGrab() && previousGrab_) {
+            collectCursor();
+            unchanged = pointerInArea(cursor.get()) == lastPointer_;
+        }
+        if (unchanged) {
             if (!heartbeat) {
                 ++skippedIdentical_;
                 return;
@@ -243,8 +268,9 @@ private:
             grabber_->grab(image);
             windowListings_ = grabber_->windowListings();
             ++screenReads_;
-            lastPointer_ = pointer;
-            if (cursor) {
+            collectCursor();
+            lastPointer_ = pointerInArea(cursor.get());
+            if (lastPointer_) {
                 drawPointer(*cursor, image);
             }
             std::optional<VideoGrab> previous;
@@ -300,7 +326,7 @@ private:
     std::unique_ptr<X11AreaGrabber> grabber_;
     std::array<std::unique_ptr<X11ShmImage>, 2> grabs_;
     std::optional<size_t> previousGrab_;      // the grab the last frame passed on was made from
-    std::optional<PointerState> lastPointer_; // drawn into the last grab
+    std::optional<PointerState> lastPointer_; // drawn into the last grab, if it was
     std::unique_ptr<VideoFrameConverter> converter_;
     int64_t lastPassedOnNs_ = 0;
     std::mutex mutex_;

@@ -76,11 +76,14 @@ bool listsProcess(const ShareableContent& content, int64_t processID) {
 }
 
 // A window whose owner draws it only when asked: it has no background for the server to
-// paint, and its owner fills it with `colour` a while after each exposure, as a busy
-// application would.
+// paint, and its owner fills it with `colour` `delay` after its first exposure and, unless it
+// is hung by then, after each later one, as a busy application would.
 class LateRepaintingWindow {
 public:
-    LateRepaintingWindow(const QByteArray& display, const QRect& geometry, QRgb colour)
+    enum class Later { repaints, hangs };
+
+    LateRepaintingWindow(const QByteArray& display, const QRect& geometry, QRgb colour,
+                         std::chrono::milliseconds delay, Later later = Later::repaints)
         : connection_(xcb_connect(display.constData(), nullptr)) {
         const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data;
         window_ = xcb_generate_id(connection_);
@@ -99,17 +102,19 @@ public:
         xcb_flush(connection_);
         const xcb_rectangle_t whole{0, 0, static_cast<uint16_t>(geometry.width()),
                                     static_cast<uint16_t>(geometry.height())};
-        owner_ = std::thread([this, whole] {
+        owner_ = std::thread([this, whole, delay, later] {
+            bool painted = false;
             while (auto* event = xcb_wait_for_event(connection_)) {
                 const uint8_t type = event->response_type & 0x7f;
                 std::free(event);
                 if (type == XCB_DESTROY_NOTIFY) {
                     return;
                 }
-                if (type == XCB_EXPOSE) {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                if (type == XCB_EXPOSE && (!painted || later == Later::repaints)) {
+                    std::this_thread::sleep_for(delay);
                     xcb_poly_fill_rectangle(connection_, window_, gc_, 1, &whole);
                     xcb_flush(connection_);
+                    painted = true;
                 }
             }
         });
@@ -130,6 +135,14 @@ private:
     std::thread owner_;
 };
 
+void fill(QImage& picture, const QRect& rect, QRgb colour) {
+    for (int y = rect.top(); y <= rect.bottom(); ++y) {
+        for (int x = rect.left(); x <= rect.right(); ++x) {
+            picture.setPixel(x, y, colour);
+        }
+    }
+}
+
 // The bounding rectangles of `window`, or none when it has no shape of its own.
 std::optional<std::vector<QRect>> boundingShape(const QByteArray& display, uint32_t window) {
     xcb_connection_t* connection = xcb_connect(display.constData(), nullptr);
@@ -141,10 +154,12 @@ std::optional<std::vector<QRect>> boundingShape(const QByteArray& display, uint3
             connection, xcb_shape_get_rectangles(connection, window, XCB_SHAPE_SK_BOUNDING),
             nullptr);
         result.emplace();
-        const auto* rectangles = xcb_shape_get_rectangles_rectangles(shape);
-        for (int i = 0; i < xcb_shape_get_rectangles_rectangles_length(shape); ++i) {
-            result->emplace_back(rectangles[i].x, rectangles[i].y, rectangles[i].width,
-                                 rectangles[i].height);
+        if (shape) {
+            const auto* rectangles = xcb_shape_get_rectangles_rectangles(shape);
+            for (int i = 0; i < xcb_shape_get_rectangles_rectangles_length(shape); ++i) {
+                result->emplace_back(rectangles[i].x, rectangles[i].y, rectangles[i].width,
+                                     rectangles[i].height);
+            }
         }
         std::free(shape);
     }
@@ -383,21 +398,20 @@ TEST(X11Snapshot, FrameAroundOwnClientWindowIsLeftOutWithIt) {
 }
 
 TEST(X11Snapshot, OwnWindowIsHiddenForTheSnapshotWhereTheServerCannotCompose) {
-    VirtualDisplay display(1920, 1080, VirtualDisplay::Composite::withheld);
+    VirtualDisplay display(1920, 1080, {QStringLiteral("COMPOSITE")});
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 8);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    // Its owner takes longer to repaint than the screen takes to look still.
     const QRect busy(500, 300, 300, 200);
-    const LateRepaintingWindow application(display.name(), busy, qRgb(0, 160, 60));
+    const LateRepaintingWindow application(display.name(), busy, qRgb(0, 160, 60),
+                                           std::chrono::milliseconds(120));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     const auto panel = display.showWindow(QRect(400, 250, 400, 300), kOwnWindowPicture, getpid());
     X11ContentProvider provider(display.name());
     X11ScreenshotService screenshots(display.name());
     const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
     QImage expected = pattern.copy();
-    for (int y = busy.top(); y <= busy.bottom(); ++y) {
-        for (int x = busy.left(); x <= busy.right(); ++x) {
-            expected.setPixel(x, y, qRgb(0, 160, 60));
-        }
-    }
+    fill(expected, busy, qRgb(0, 160, 60));
 
     const Image withoutPanel =
         screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
@@ -409,8 +423,31 @@ TEST(X11Snapshot, OwnWindowIsHiddenForTheSnapshotWhereTheServerCannotCompose) {
     EXPECT_FALSE(boundingShape(display.name(), panel->id()));
 }
 
+TEST(X11Snapshot, PlaceThatIsNeverRepaintedComesOutBlackRatherThanAsTheHiddenWindow) {
+    VirtualDisplay display(1920, 1080, {QStringLiteral("COMPOSITE")});
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 13);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    const QRect hung(500, 300, 300, 200);
+    const LateRepaintingWindow application(display.name(), hung, qRgb(0, 160, 60),
+                                           std::chrono::milliseconds(0),
+                                           LateRepaintingWindow::Later::hangs);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const QRect panelGeometry(400, 250, 400, 300);
+    const auto panel = display.showWindow(panelGeometry, kOwnWindowPicture, getpid());
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+    QImage expected = pattern.copy();
+    fill(expected, hung, qRgb(0, 160, 60));
+    fill(expected, hung.intersected(panelGeometry), qRgb(0, 0, 0));
+
+    const Image image = screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(image, expected, QRect(0, 0, 1920, 1080)), 0);
+}
+
 TEST(X11Snapshot, ShapedOwnWindowGetsItsShapeBackAfterTheSnapshot) {
-    VirtualDisplay display(1920, 1080, VirtualDisplay::Composite::withheld);
+    VirtualDisplay display(1920, 1080, {QStringLiteral("COMPOSITE")});
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 9);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
     const auto panel = display.showWindow(QRect(300, 200, 400, 300), kOwnWindowPicture, getpid());
