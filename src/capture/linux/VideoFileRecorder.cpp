@@ -80,7 +80,7 @@ struct Planes {
 void applyChanges(const VideoFrame& frame, const Planes& picture) {
     const int chromaWidth = frame.chromaWidth();
     for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
-        const ColumnSpan& span = frame.changed[pair];
+        const PixelSpan& span = frame.changed[pair];
         if (span.isEmpty()) {
             continue;
         }
@@ -192,7 +192,7 @@ public:
                              {picture_.img.i_stride[0], picture_.img.i_stride[1],
                               picture_.img.i_stride[2]}});
         for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
-            const ColumnSpan& span = frame.changed[pair];
+            const PixelSpan& span = frame.changed[pair];
             if (span.isEmpty()) {
                 continue;
             }

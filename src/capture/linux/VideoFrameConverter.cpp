@@ -17,7 +17,7 @@ bool sameBlock(const uint8_t* a, const uint8_t* b, int from, int to) {
 // The pixels of two rows of `width` pixels from the first to one past the last that
 // differ, or an empty span when the rows are equal. Blocks are compared with memcmp,
 // which is much faster than a loop over pixels.
-ColumnSpan differingPixels(const uint8_t* row, const uint8_t* previous, int width) {
+PixelSpan differingPixels(const uint8_t* row, const uint8_t* previous, int width) {
     if (std::memcmp(row, previous, static_cast<size_t>(width) * 4) == 0) {
         return {};
     }
@@ -44,10 +44,12 @@ ColumnSpan differingPixels(const uint8_t* row, const uint8_t* previous, int widt
 
 VideoFrameConverter::VideoFrameConverter(int width, int height) : width_(width), height_(height) {}
 
-bool VideoFrameConverter::differs(const VideoGrab& grab, const VideoGrab* previous) {
+bool VideoFrameConverter::differs(const VideoGrab& grab, const VideoGrab* previous,
+                                  PixelSpan mayDiffer) {
     grab_ = grab;
     previous_ = previous ? previous->pixels : nullptr;
     firstDifferingPair_ = 0;
+    endOfDifferingPairs_ = (height_ + 1) / 2;
     if (!previous_) {
         return true;
     }
@@ -61,15 +63,18 @@ bool VideoFrameConverter::differs(const VideoGrab& grab, const VideoGrab* previo
         firstDifferingPair_ = (height_ + 1) / 2;
         return false;
     }
-    const int pairs = (height_ + 1) / 2;
-    while (firstDifferingPair_ < pairs && differingColumns(firstDifferingPair_).isEmpty()) {
+    firstDifferingPair_ = std::clamp(mayDiffer.begin / 2, 0, endOfDifferingPairs_);
+    endOfDifferingPairs_ =
+        std::clamp((std::min(mayDiffer.end, height_) + 1) / 2, 0, endOfDifferingPairs_);
+    while (firstDifferingPair_ < endOfDifferingPairs_ &&
+           differingColumns(firstDifferingPair_).isEmpty()) {
         ++firstDifferingPair_;
     }
-    return firstDifferingPair_ < pairs;
+    return firstDifferingPair_ < endOfDifferingPairs_;
 }
 
-ColumnSpan VideoFrameConverter::differingColumns(int pair) const {
-    ColumnSpan span;
+PixelSpan VideoFrameConverter::differingColumns(int pair) const {
+    PixelSpan span;
     for (int y = 2 * pair; y < std::min(height_, 2 * pair + 2); ++y) {
         const ptrdiff_t offset = static_cast<ptrdiff_t>(y) * grab_.bytesPerRow;
         span.unite(differingPixels(grab_.pixels + offset, previous_ + offset, width_));
@@ -93,10 +98,10 @@ void VideoFrameConverter::convert(VideoFrame& frame) {
     }
     const int chromaWidth = frame.chromaWidth();
     for (int pair = 0; pair < static_cast<int>(frame.changed.size()); ++pair) {
-        ColumnSpan& span = frame.changed[static_cast<size_t>(pair)];
+        PixelSpan& span = frame.changed[static_cast<size_t>(pair)];
         if (!previous_) {
             span = {0, width_};
-        } else if (pair >= firstDifferingPair_) {
+        } else if (pair >= firstDifferingPair_ && pair < endOfDifferingPairs_) {
             span.unite(differingColumns(pair));
         }
         if (span.isEmpty()) {

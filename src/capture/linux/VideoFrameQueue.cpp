@@ -2,18 +2,6 @@
 
 #include <algorithm>
 
-void ColumnSpan::unite(const ColumnSpan& other) {
-    if (other.isEmpty()) {
-        return;
-    }
-    if (isEmpty()) {
-        *this = other;
-        return;
-    }
-    begin = std::min(begin, other.begin);
-    end = std::max(end, other.end);
-}
-
 VideoFrameQueue::VideoFrameQueue(int depth, int width, int height)
     : depth_(static_cast<size_t>(std::max(depth, 1))) {
     // One frame may be filling and one encoding besides those waiting.
@@ -42,7 +30,7 @@ VideoFrame& VideoFrameQueue::acquire() {
     }
     VideoFrame* frame = free_.back();
     free_.pop_back();
-    std::fill(frame->changed.begin(), frame->changed.end(), ColumnSpan{});
+    std::fill(frame->changed.begin(), frame->changed.end(), PixelSpan{});
     return *frame;
 }
 

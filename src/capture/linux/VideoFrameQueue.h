@@ -1,5 +1,7 @@
 #pragma once
 
+#include "capture/linux/PixelSpan.h"
+
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -7,16 +9,6 @@
 #include <mutex>
 #include <optional>
 #include <vector>
-
-// Columns [begin, end) of a pair of rows.
-struct ColumnSpan {
-    int begin = 0;
-    int end = 0;
-
-    bool isEmpty() const { return end <= begin; }
-    void unite(const ColumnSpan& other);
-    friend bool operator==(const ColumnSpan&, const ColumnSpan&) = default;
-};
 
 // What changed in a picture since the frame before, in I420 (a full-size luma plane, then
 // two chroma planes of half the width and height, rows packed), and the monotonic time it
@@ -28,7 +20,7 @@ struct VideoFrame {
     std::vector<uint8_t> y;
     std::vector<uint8_t> u;
     std::vector<uint8_t> v;
-    std::vector<ColumnSpan> changed; // one per pair of rows, even columns but at the right edge
+    std::vector<PixelSpan> changed; // one per pair of rows, even columns but at the right edge
     int64_t captureTimeNs = 0;
 
     int chromaWidth() const { return (width + 1) / 2; }

@@ -75,7 +75,9 @@ private:
 // Windows made invisible by an empty bounding shape from hide() on, then given back the
 // shape they had when this was made. Unlike unmapping, this leaves their state alone: no
 // window manager withdraws them, and their owner is not told. (A window manager that
-// reshapes its frame meanwhile, within half a second, has that change undone.)
+// reshapes its frame meanwhile, within half a second, has that change undone. Should this
+// connection break meanwhile, the windows stay invisible until their owner reshapes them:
+// the shapes are the windows', not this connection's.)
 class ShapeHiding {
 public:
     ShapeHiding(xcb_connection_t* connection, const std::vector<xcb_window_t>& windows)
@@ -100,12 +102,14 @@ public:
             saved_.push_back(std::move(saved));
         }
     }
-    // The server has exposed what lay beneath once this returns.
+    // Ends a server grab the caller made; the server has exposed what lay beneath once this
+    // returns.
     void hide() {
         for (const Saved& saved : saved_) {
             xcb_shape_rectangles(connection_, XCB_SHAPE_SO_SET, XCB_SHAPE_SK_BOUNDING,
                                  XCB_CLIP_ORDERING_UNSORTED, saved.window, 0, 0, 0, nullptr);
         }
+        xcb_ungrab_server(connection_);
         std::free(
             xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
     }
@@ -178,6 +182,7 @@ public:
           notifyEvent_(static_cast<uint8_t>(firstEvent + XCB_DAMAGE_NOTIFY)) {
         xcb_damage_create(connection_, id_, root, XCB_DAMAGE_REPORT_LEVEL_DELTA_RECTANGLES);
         empty();
+        madeAt_ = emptiedAt_;
     }
     ~DamageReports() {
         xcb_damage_destroy(connection_, id_);
@@ -191,16 +196,20 @@ public:
         emptiedAt_ = xcb_damage_subtract(connection_, id_, XCB_NONE, XCB_NONE).sequence;
     }
 
-    // The rectangle an event reports drawn in since the reports were last emptied, if it is
-    // one of these reports. An event carries the sequence number of this client's last
-    // request the server had handled, so one from before the emptying still waiting in the
-    // queue is told apart.
-    std::optional<PixelRect> drawnIn(const xcb_generic_event_t& event) const {
+    // Which reports count: those since the reports were last emptied, or all but the one of
+    // everything that comes with their making.
+    enum class Since { lastEmptying, making };
+
+    // The rectangle an event reports drawn in, if it is one of these reports and counts. An
+    // event carries the sequence number of this client's last request the server had
+    // handled, so one from before an emptying still waiting in the queue is told apart.
+    std::optional<PixelRect> drawnIn(const xcb_generic_event_t& event, Since since) const {
         if ((event.response_type & 0x7f) != notifyEvent_) {
             return std::nullopt;
         }
         const auto& notify = reinterpret_cast<const xcb_damage_notify_event_t&>(event);
-        if (notify.damage != id_ || static_cast<int32_t>(event.full_sequence - emptiedAt_) < 0) {
+        const uint32_t from = since == Since::lastEmptying ? emptiedAt_ : madeAt_;
+        if (notify.damage != id_ || static_cast<int32_t>(event.full_sequence - from) < 0) {
             return std::nullopt;
         }
         return PixelRect{notify.area.x, notify.area.y, notify.area.width, notify.area.height};
@@ -210,22 +219,27 @@ private:
     xcb_connection_t* connection_;
     xcb_damage_damage_t id_;
     uint8_t notifyEvent_;
+    uint32_t madeAt_ = 0;
     uint32_t emptiedAt_ = 0;
 };
 
 // Which pixels of the places hidden windows left have been drawn since they were hidden.
 class X11AreaGrabber::RepaintWatch {
 public:
-    RepaintWatch(X11Connection& connection, uint8_t damageFirstEvent,
-                 const std::vector<PixelRect>& places)
-        : reports_(connection.get(), connection.root(), damageFirstEvent) {
-        for (const PixelRect& place : places) {
-            bounds_ = bounds_.united(place);
-        }
-        waiting_.assign(static_cast<size_t>(bounds_.width) * static_cast<size_t>(bounds_.height),
-                        0);
-        for (const PixelRect& place : places) {
-            mark(place, 1);
+    // Nothing within `bounds` is waiting until marked so.
+    RepaintWatch(X11Connection& connection, uint8_t damageFirstEvent, const PixelRect& bounds)
+        : reports_(connection.get(), connection.root(), damageFirstEvent), bounds_(bounds),
+          waiting_(static_cast<size_t>(bounds.width) * static_cast<size_t>(bounds.height), 0) {}
+
+    void mark(const PixelRect& rect, bool waiting) {
+        const PixelRect inside = rect.intersected(bounds_);
+        for (int y = inside.y; y < inside.y + inside.height; ++y) {
+            uint8_t* row = waiting_.data() + static_cast<ptrdiff_t>(y - bounds_.y) * bounds_.width +
+                           (inside.x - bounds_.x);
+            for (int x = 0; x < inside.width; ++x) {
+                waitingCount_ += static_cast<long long>(waiting) - row[x];
+                row[x] = waiting ? 1 : 0;
+            }
         }
     }
 
@@ -235,8 +249,9 @@ public:
     bool allRepainted() const { return waitingCount_ == 0; }
 
     void note(const xcb_generic_event_t& event) {
-        if (const auto drawn = reports_.drawnIn(event)) {
-            mark(*drawn, 0);
+        // Drawing from before the windows were hidden is not a repaint.
+        if (const auto drawn = reports_.drawnIn(event, DamageReports::Since::lastEmptying)) {
+            mark(*drawn, false);
         }
     }
 
@@ -257,18 +272,6 @@ public:
     }
 
 private:
-    void mark(const PixelRect& rect, uint8_t waiting) {
-        const PixelRect inside = rect.intersected(bounds_);
-        for (int y = inside.y; y < inside.y + inside.height; ++y) {
-            uint8_t* row = waiting_.data() + static_cast<ptrdiff_t>(y - bounds_.y) * bounds_.width +
-                           (inside.x - bounds_.x);
-            for (int x = 0; x < inside.width; ++x) {
-                waitingCount_ += static_cast<long long>(waiting) - row[x];
-                row[x] = waiting;
-            }
-        }
-    }
-
     DamageReports reports_;
     PixelRect bounds_;
     std::vector<uint8_t> waiting_; // one byte a pixel of bounds_
@@ -355,8 +358,13 @@ bool X11AreaGrabber::followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*
             break;
         default:
             if (damage_) {
-                if (const auto drawn = damage_->drawnIn(*event)) {
-                    damaged_ |= !drawn->intersected(area_).isEmpty();
+                // Drawing reported late, after the emptying a read began with, may have been
+                // missed by a read of some rows only: it is read next time.
+                if (const auto drawn = damage_->drawnIn(*event, DamageReports::Since::making)) {
+                    const PixelRect inArea = drawn->intersected(area_);
+                    if (!inArea.isEmpty()) {
+                        drawnRows_.unite({inArea.y - area_.y, inArea.y + inArea.height - area_.y});
+                    }
                 }
             }
             if (repaints_) {
@@ -423,34 +431,45 @@ bool X11AreaGrabber::mayHaveChangedSinceLastGrab() {
         }
         damage_ =
             std::make_unique<DamageReports>(connection_.get(), connection_.root(), *firstEvent);
-        damaged_ = true;
+        drawnRows_ = everyRow();
     }
     const bool layoutChanged = followLayout(xcb_poll_for_event);
     // Drawing in a window's covered part is not reported while windows are redirected, yet a
     // composed picture shows it.
-    return damaged_ || layoutChanged || lastGrabComposed_;
+    return !drawnRows_.isEmpty() || layoutChanged || lastGrabComposed_;
 }
 
-void X11AreaGrabber::grab(X11ShmImage& image) {
+X11AreaGrabber::Grab X11AreaGrabber::grab(X11ShmImage& image, std::optional<PixelSpan> rows) {
     followLayout(xcb_poll_for_event);
+    Grab result;
     for (;;) {
+        // Drawn since the last grab began; unknown without damage reports.
+        const PixelSpan drawn = damage_ ? drawnRows_ : everyRow();
         if (damage_) {
             damage_->empty();
-            damaged_ = false;
+            drawnRows_ = {};
         }
+        result.drawn.unite(drawn);
         std::vector<PixelRect> excludedPlaces = excludedWindowsOverArea();
         lastGrabComposed_ = !excludedPlaces.empty() && canCompose();
         if (lastGrabComposed_) {
             compose(image);
-            return;
+            result.read = everyRow();
+            return result;
         }
         const bool hide =
             !excludedPlaces.empty() && fallback_ == WithoutComposition::hideWhileGrabbing;
         bool layoutChanged = false;
         if (hide) {
             layoutChanged = grabWithExcludedWindowsHidden(image, excludedPlaces);
+            result.read = everyRow();
+        } else if (rows) {
+            PixelSpan read = *rows;
+            read.unite(drawn);
+            result.read = image.grabRows(connection_.root(), area_, read);
         } else {
             image.grab(connection_.root(), area_);
+            result.read = everyRow();
         }
         // The server reports a change it made before the copy ahead of the copy's reply. If
         // one may have put an excluded window into the picture, the grab is made again.
@@ -461,9 +480,12 @@ void X11AreaGrabber::grab(X11ShmImage& image) {
                 const std::vector<PixelRect> now = excludedWindowsOverArea();
                 excludedPlaces.insert(excludedPlaces.end(), now.begin(), now.end());
                 blackOut(image, excludedPlaces);
+                return result;
             }
-            return;
+            result.screenAsItIs = !hide;
+            return result;
         }
+        rows.reset(); // whole, this time
     }
 }
 
@@ -512,21 +534,29 @@ bool X11AreaGrabber::grabWithExcludedWindowsHidden(X11ShmImage& image,
             windows.push_back(window.window);
         }
     }
+    PixelRect watched;
+    for (const PixelRect& place : places) {
+        watched = watched.united(place);
+    }
     std::optional<RepaintWatch> repaints;
     if (const auto firstEvent = damageFirstEvent()) {
-        repaints.emplace(connection_, *firstEvent, places);
+        repaints.emplace(connection_, *firstEvent, watched);
+        // Hiding uncovers the pixels whose topmost window is one of them.
+        for (const X11TopLevel& window : *windows_) {
+            if (window.isShown()) {
+                repaints->mark(window.outerGeometry, isExcluded(window));
+            }
+        }
         repaints_ = &*repaints;
     }
     struct Unwatch {
         RepaintWatch*& watch;
         ~Unwatch() { watch = nullptr; }
     } unwatch{repaints_};
-    PixelRect watched;
-    for (const PixelRect& place : places) {
-        watched = watched.united(place);
-    }
     ShapeHiding hiding(c, windows);
-    // Back to back, so that nothing the hidden windows draw themselves counts as repainting.
+    // With the server to ourselves, so that nothing the windows draw just before they go
+    // counts as repainting.
+    xcb_grab_server(c);
     if (repaints) {
         repaints->start();
     }

@@ -40,10 +40,20 @@ public:
 
     const PixelRect& area() const { return area_; }
 
-    // Fills `image` with the area's B, G, R, X pixels. Throws PlatformError when the server
-    // refuses, or when an excluded window overlaps the area and the server can neither
-    // compose without it nor hide it.
-    void grab(X11ShmImage& image);
+    struct Grab {
+        // Whether the picture is the screen as it is: neither composed nor partly blacked
+        // out (nor taken while windows were hidden).
+        bool screenAsItIs = false;
+        PixelSpan drawn; // rows drawn in since the grab before, as far as the server told
+        PixelSpan read;  // rows read
+    };
+
+    // Fills `image` with the area's B, G, R, X pixels. With `rows`, and when the screen can
+    // be read as it is, only those rows and the ones drawn in since the last grab are read:
+    // `image` must hold an earlier picture of the area that is the screen's elsewhere.
+    // Throws PlatformError when the server refuses, or when an excluded window overlaps the
+    // area and the server can neither compose without it nor hide it.
+    Grab grab(X11ShmImage& image, std::optional<PixelSpan> rows = std::nullopt);
 
     // Whether anything may have been drawn in the area since the last grab began. The first
     // call starts following the server's damage reports (DAMAGE), so that an area nobody
@@ -64,6 +74,7 @@ private:
     bool isExcluded(const X11TopLevel& window) const;
     // The shown excluded windows over the area, clipped to it (none before the first listing).
     std::vector<PixelRect> excludedWindowsOverArea() const;
+    PixelSpan everyRow() const { return {0, area_.height}; }
     bool canCompose();
     // The first event code of DAMAGE, or none when the server lacks it.
     std::optional<uint8_t> damageFirstEvent();
@@ -81,7 +92,7 @@ private:
     std::unique_ptr<Composer> composer_;                     // made the first time it is needed
     std::optional<std::optional<uint8_t>> damageFirstEvent_; // asked the first time it matters
     std::unique_ptr<DamageReports> damage_; // made by the first mayHaveChangedSinceLastGrab()
-    bool damaged_ = true;                   // drawn in the area since the last grab began
+    PixelSpan drawnRows_;                   // of the area, drawn in since the last grab began
     bool lastGrabComposed_ = false;
     RepaintWatch* repaints_ = nullptr; // while windows are hidden for a grab
 };

@@ -5,6 +5,8 @@
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
+#include <algorithm>
+
 // One segment attached to both this process and the server.
 class X11ShmImage::Segment {
 public:
@@ -66,6 +68,21 @@ uint8_t* X11ShmImage::pixels() const {
     return segment_ ? segment_->pixels() : nullptr;
 }
 
+PixelSpan X11ShmImage::grabRows(xcb_drawable_t drawable, const PixelRect& area, PixelSpan rows) {
+    if (width_ != area.width || height_ != area.height) {
+        grab(drawable, area);
+        return {0, area.height};
+    }
+    rows = {std::max(rows.begin, 0), std::min(rows.end, area.height)};
+    if (rows.isEmpty()) {
+        return {};
+    }
+    // Whole rows lie in the segment as the server writes them, so they land in place.
+    read(drawable, {area.x, area.y + rows.begin, area.width, rows.end - rows.begin},
+         static_cast<uint32_t>(rows.begin) * static_cast<uint32_t>(bytesPerRow()));
+    return rows;
+}
+
 void X11ShmImage::grab(xcb_drawable_t drawable, const PixelRect& area) {
     const size_t size = static_cast<size_t>(area.width) * static_cast<size_t>(area.height) * 4;
     if (!segment_ || segment_->size() < size) {
@@ -74,17 +91,21 @@ void X11ShmImage::grab(xcb_drawable_t drawable, const PixelRect& area) {
         segment_.reset(); // before the new one, so two never coexist
         segment_ = std::make_unique<Segment>(connection_.get(), size);
     }
+    read(drawable, area, 0);
+    width_ = area.width;
+    height_ = area.height;
+}
+
+void X11ShmImage::read(xcb_drawable_t drawable, const PixelRect& rect, uint32_t offset) {
     xcb_connection_t* c = connection_.get();
     const auto cookie =
-        xcb_shm_get_image(c, drawable, static_cast<int16_t>(area.x), static_cast<int16_t>(area.y),
-                          static_cast<uint16_t>(area.width), static_cast<uint16_t>(area.height),
-                          UINT32_MAX, XCB_IMAGE_FORMAT_Z_PIXMAP, segment_->id(), 0);
+        xcb_shm_get_image(c, drawable, static_cast<int16_t>(rect.x), static_cast<int16_t>(rect.y),
+                          static_cast<uint16_t>(rect.width), static_cast<uint16_t>(rect.height),
+                          UINT32_MAX, XCB_IMAGE_FORMAT_Z_PIXMAP, segment_->id(), offset);
     xcb_generic_error_t* rawError = nullptr;
     XcbReply<xcb_shm_get_image_reply_t> reply(xcb_shm_get_image_reply(c, cookie, &rawError));
     XcbReply<xcb_generic_error_t> error(rawError);
     if (!reply) {
         throw PlatformError(QStringLiteral("The X server could not copy the screen."));
     }
-    width_ = area.width;
-    height_ = area.height;
 }

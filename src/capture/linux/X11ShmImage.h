@@ -1,5 +1,6 @@
 #pragma once
 
+#include "capture/linux/PixelSpan.h"
 #include "capture/linux/X11Connection.h"
 
 #include <xcb/shm.h>
@@ -30,9 +31,15 @@ public:
     // Copies `area` (in `drawable`'s coordinates) into pixels(). Throws PlatformError when
     // the segment cannot grow or the server refuses.
     void grab(xcb_drawable_t drawable, const PixelRect& area);
+    // Copies rows [rows.begin, rows.end) of `area` into the same rows of pixels() and leaves
+    // the others as they are, when the last grab was of an area of that size; else grabs it
+    // whole. Returns the rows copied.
+    PixelSpan grabRows(xcb_drawable_t drawable, const PixelRect& area, PixelSpan rows);
 
 private:
     class Segment;
+
+    void read(xcb_drawable_t drawable, const PixelRect& rect, uint32_t offset);
 
     X11Connection& connection_;
     std::unique_ptr<Segment> segment_;

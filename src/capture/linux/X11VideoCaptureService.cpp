@@ -101,6 +101,8 @@ public:
         converter_ = std::make_unique<VideoFrameConverter>(width, height);
         previousGrab_.reset();
         lastPointer_.reset();
+        staleRows_ = {PixelSpan{0, area.height}, PixelSpan{0, area.height}};
+        pointerRows_ = {};
         lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
         queue_ = std::move(queue);
         stopping_ = false;
@@ -131,6 +133,7 @@ public:
     X11VideoCaptureService::Counts counts() const {
         return {captured_,
                 screenReads_,
+                rowsRead_,
                 skippedIdentical_,
                 queue_ ? queue_->droppedFrames() : 0,
                 recorder_ ? recorder_->encodedFrames() : 0,
@@ -261,23 +264,36 @@ private:
                 return;
             }
             const VideoGrab last = grabOf(*grabs_[*previousGrab_]);
-            converter_->differs(last, &last);
+            converter_->differs(last, &last, PixelSpan{});
         } else {
             const size_t current = previousGrab_ == 0u ? 1 : 0;
             X11ShmImage& image = *grabs_[current];
-            grabber_->grab(image);
+            PixelSpan stale = staleRows_[current];
+            stale.unite(pointerRows_[current]);
+            const X11AreaGrabber::Grab read = grabber_->grab(image, stale);
             windowListings_ = grabber_->windowListings();
             ++screenReads_;
+            rowsRead_ += read.read.end - read.read.begin;
+            const PixelSpan everyRow{0, image.height()};
+            if (read.screenAsItIs) {
+                staleRows_[current] = {};
+                staleRows_[1 - current].unite(read.drawn);
+            } else {
+                staleRows_ = {everyRow, everyRow};
+            }
             collectCursor();
             lastPointer_ = pointerInArea(cursor.get());
-            if (lastPointer_) {
-                drawPointer(*cursor, image);
-            }
+            pointerRows_[current] = lastPointer_ ? drawPointer(*cursor, image) : PixelSpan{};
+            // Outside these rows both pictures are the screen as it is.
+            PixelSpan mayDiffer = read.screenAsItIs ? read.read : everyRow;
+            mayDiffer.unite(pointerRows_[current]);
             std::optional<VideoGrab> previous;
             if (previousGrab_) {
                 previous = grabOf(*grabs_[*previousGrab_]);
+                mayDiffer.unite(pointerRows_[*previousGrab_]);
+                mayDiffer.unite(staleRows_[*previousGrab_]);
             }
-            if (!converter_->differs(grabOf(image), previous ? &*previous : nullptr) &&
+            if (!converter_->differs(grabOf(image), previous ? &*previous : nullptr, mayDiffer) &&
                 !heartbeat) {
                 ++skippedIdentical_;
                 return;
@@ -291,8 +307,10 @@ private:
         queue_->publish(frame);
     }
 
-    // Blends the pointer's premultiplied ARGB image over the grabbed pixels.
-    void drawPointer(const xcb_xfixes_get_cursor_image_reply_t& cursor, X11ShmImage& image) const {
+    // Blends the pointer's premultiplied ARGB image over the grabbed pixels; returns the rows
+    // it covers.
+    PixelSpan drawPointer(const xcb_xfixes_get_cursor_image_reply_t& cursor,
+                          X11ShmImage& image) const {
         const PixelRect& area = grabber_->area();
         const int left = cursor.x - cursor.xhot - area.x;
         const int top = cursor.y - cursor.yhot - area.y;
@@ -313,6 +331,7 @@ private:
                 }
             }
         }
+        return {std::max(0, top), std::min(image.height(), top + static_cast<int>(cursor.height))};
     }
 
     const QByteArray displayName_;
@@ -327,6 +346,10 @@ private:
     std::array<std::unique_ptr<X11ShmImage>, 2> grabs_;
     std::optional<size_t> previousGrab_;      // the grab the last frame passed on was made from
     std::optional<PointerState> lastPointer_; // drawn into the last grab, if it was
+    // Per grab buffer: rows that may differ from the screen as it is now, and rows the
+    // pointer was drawn over.
+    std::array<PixelSpan, 2> staleRows_;
+    std::array<PixelSpan, 2> pointerRows_;
     std::unique_ptr<VideoFrameConverter> converter_;
     int64_t lastPassedOnNs_ = 0;
     std::mutex mutex_;
@@ -336,6 +359,7 @@ private:
     // Written by the capture thread, read by any.
     std::atomic<long long> captured_{0};
     std::atomic<long long> screenReads_{0};
+    std::atomic<long long> rowsRead_{0};
     std::atomic<long long> skippedIdentical_{0};
     std::atomic<long long> windowListings_{0};
     std::atomic<double> captureCpuSeconds_{0};

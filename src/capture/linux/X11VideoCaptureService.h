@@ -18,6 +18,7 @@ public:
     struct Counts {
         long long captured = 0;         // ticks of the frame clock looked at
         long long screenReads = 0;      // of those, the ones that read the area from the server
+        long long rowsRead = 0;         // rows of the area those reads copied
         long long skippedIdentical = 0; // ticks whose picture was the last frame passed on
         long long droppedByQueue = 0;   // frames overwritten while the encoder was behind
         long long encoded = 0;          // frames the recorder encoded

@@ -43,7 +43,7 @@ VideoFrame wholeConversion(const std::vector<uint8_t>& grab, int width, int heig
 // `frame`'s changed columns copied over `picture`, as the recorder applies them.
 void apply(const VideoFrame& frame, VideoFrame& picture) {
     for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
-        const ColumnSpan& span = frame.changed[pair];
+        const PixelSpan& span = frame.changed[pair];
         for (int x = span.begin; x < span.end; ++x) {
             for (size_t y = 2 * pair; y < std::min<size_t>(frame.height, 2 * pair + 2); ++y) {
                 picture.y[y * frame.width + x] = frame.y[y * frame.width + x];
@@ -76,8 +76,8 @@ TEST(VideoFrameConverter, FirstGrabIsConvertedWhole) {
     converter.convert(frame);
 
     expectSamePicture(frame, wholeConversion(grab, 64, 48));
-    for (const ColumnSpan& span : frame.changed) {
-        EXPECT_EQ(span, (ColumnSpan{0, 64}));
+    for (const PixelSpan& span : frame.changed) {
+        EXPECT_EQ(span, (PixelSpan{0, 64}));
     }
 }
 
@@ -99,7 +99,7 @@ TEST(VideoFrameConverter, UnchangedGrabPassedOnAllTheSameMarksNothing) {
     ASSERT_FALSE(converter.differs(same, &same));
     converter.convert(frame);
 
-    for (const ColumnSpan& span : frame.changed) {
+    for (const PixelSpan& span : frame.changed) {
         EXPECT_TRUE(span.isEmpty());
     }
 }
@@ -122,7 +122,7 @@ TEST(VideoFrameConverter, OnlyTheChangedColumnsOfChangedRowsAreMarked) {
 
     for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
         const bool inPatch = pair >= 6 && pair <= 14;
-        EXPECT_EQ(frame.changed[pair], (inPatch ? ColumnSpan{6, 20} : ColumnSpan{})) << pair;
+        EXPECT_EQ(frame.changed[pair], (inPatch ? PixelSpan{6, 20} : PixelSpan{})) << pair;
     }
 }
 
@@ -189,4 +189,24 @@ TEST(VideoFrameConverter, GrabOfAnotherSizeIsScaledToTheOutputSize) {
     libyuv::ARGBScale(grab.data(), 65 * 4, 65, 49, scaled.data(), 64 * 4, 64, 48,
                       libyuv::kFilterBilinear);
     expectSamePicture(frame, wholeConversion(scaled, 64, 48));
+}
+
+TEST(VideoFrameConverter, RowsOutsideTheOnesThatMayDifferAreTakenAsEqual) {
+    const int width = 64;
+    const int height = 48;
+    const auto before = noise(width, height, 7);
+    auto after = before;
+    after[static_cast<size_t>(10 * width + 5) * 4] ^= 0xff; // row 10
+    after[static_cast<size_t>(30 * width + 9) * 4] ^= 0xff; // row 30
+    VideoFrameConverter converter(width, height);
+    const VideoGrab previous = grabOf(before, width, height);
+
+    EXPECT_FALSE(converter.differs(grabOf(after, width, height), &previous, {12, 30}));
+    EXPECT_TRUE(converter.differs(grabOf(after, width, height), &previous, {12, 31}));
+    VideoFrame frame = emptyFrame(width, height);
+    converter.convert(frame);
+    // Only the pair of rows 30 and 31 is converted; row 10 lay outside.
+    for (size_t pair = 0; pair < frame.changed.size(); ++pair) {
+        EXPECT_EQ(frame.changed[pair].isEmpty(), pair != 15) << "pair " << pair;
+    }
 }

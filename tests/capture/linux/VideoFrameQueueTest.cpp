@@ -33,15 +33,15 @@ TEST(VideoFrameQueue, FrameTakenBackKeepsItsChangesAndAnyOtherComesWithNone) {
 
     VideoFrame& takenBack = queue.acquire(); // the queue is full: the waiting frame returns
     EXPECT_EQ(&takenBack, &first);
-    EXPECT_EQ(takenBack.changed[0], (ColumnSpan{0, 4}));
+    EXPECT_EQ(takenBack.changed[0], (PixelSpan{0, 4}));
     queue.publish(takenBack);
     VideoFrame* consumed = queue.next();
     ASSERT_NE(consumed, nullptr);
     queue.recycle(*consumed);
 
     VideoFrame& recycled = queue.acquire();
-    EXPECT_EQ(recycled.changed[0], ColumnSpan{});
-    EXPECT_EQ(recycled.changed[1], ColumnSpan{});
+    EXPECT_EQ(recycled.changed[0], PixelSpan{});
+    EXPECT_EQ(recycled.changed[1], PixelSpan{});
 }
 
 TEST(VideoFrameQueue, FramesComeOutInCaptureOrder) {

@@ -423,6 +423,27 @@ TEST(X11Snapshot, OwnWindowIsHiddenForTheSnapshotWhereTheServerCannotCompose) {
     EXPECT_FALSE(boundingShape(display.name(), panel->id()));
 }
 
+TEST(X11Snapshot, WindowAboveTheHiddenOneKeepsItsPixelsWhereTheServerCannotCompose) {
+    VirtualDisplay display(1920, 1080, {QStringLiteral("COMPOSITE")});
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 19);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    const auto panel = display.showWindow(QRect(400, 250, 400, 300), kOwnWindowPicture, getpid());
+    // Another application's window, stacked above the panel and partly over it.
+    const QRect above(700, 400, 300, 300);
+    QImage abovePicture(above.size(), QImage::Format_RGB32);
+    abovePicture.fill(qRgb(30, 90, 200));
+    const auto other = display.showWindow(above, abovePicture);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+    QImage expected = pattern.copy();
+    fill(expected, above, qRgb(30, 90, 200));
+
+    const Image image = screenshots.captureImage({screen, {{getpid(), {}}}}, fullSize(screen));
+
+    EXPECT_EQ(mismatches(image, expected, QRect(0, 0, 1920, 1080)), 0);
+}
+
 TEST(X11Snapshot, PlaceThatIsNeverRepaintedComesOutBlackRatherThanAsTheHiddenWindow) {
     VirtualDisplay display(1920, 1080, {QStringLiteral("COMPOSITE")});
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 13);

@@ -15,6 +15,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -418,6 +419,67 @@ TEST(X11Video, AreaNobodyDrawsInIsNotReadAgainWhileTheScreenElsewhereChanges) {
     // repeats the last picture.
     EXPECT_LE(counts.screenReads, 2);
     expectFramesShow(movie.path, pattern, QRect(100, 100, 640, 480));
+}
+
+TEST(X11Video, DrawingInABandOfTheAreaReadsOnlyThoseRows) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 15);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    // Sliding to and fro through rows 200 to 248 of the area (100, 100, 640, 480).
+    auto block =
+        display.showWindow(QRect(150, 300, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    const Mover mover(*block, QPoint(150, 300), 400);
+    display.movePointer(1500, 900);
+    QTemporaryDir directory;
+
+    const Recording movie = record(display.name(), {mainDisplay(display.name()), {}},
+                                   configurationFor(Rect{100, 100, 640, 480}, 1.0),
+                                   directory.filePath("band.mp4"), std::chrono::milliseconds(2000));
+
+    ASSERT_TRUE(movie.finished);
+    const auto& counts = movie.counts;
+    EXPECT_GE(counts.screenReads, 30);
+    // The first read is whole; the others cover the block's rows and little more.
+    EXPECT_LE(counts.rowsRead, 480 + (counts.screenReads - 1) * 64);
+    const auto frames = decode(movie.path, 640, 480);
+    ASSERT_FALSE(frames.empty());
+    for (const QByteArray& frame : frames) {
+        EXPECT_LT(meanDifference(frame, pattern, QRect(100, 100, 640, 480),
+                                 [](int, int y) { return y < 196 || y >= 252; }),
+                  3.0);
+    }
+}
+
+TEST(X11Video, PointerCrossingAStillAreaLeavesNoTrace) {
+    VirtualDisplay display(1920, 1080);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 17);
+    const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
+    display.movePointer(50, 50);
+    QTemporaryDir directory;
+    const QString path = directory.filePath("pointer.mp4");
+    Recorder recorder(display.name(), {mainDisplay(display.name()), {}},
+                      configurationFor(Rect{100, 100, 640, 480}, 1.0), path);
+
+    recorder.stream->startCapture();
+    for (int step = 0; step <= 20; ++step) {
+        display.movePointer(120 + step * 30, 150 + step * 20);
+    }
+    display.movePointer(1500, 900);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    recorder.stream->stopCapture();
+
+    ASSERT_TRUE(recorder.events.finished());
+    const auto frames = decode(path, 640, 480);
+    ASSERT_GE(frames.size(), 3u);
+    const QRect whole(0, 0, 640, 480);
+    // The pointer's black and white pixels were in the movie, and are gone from its end.
+    EXPECT_TRUE(std::any_of(frames.begin(), frames.end(), [&](const QByteArray& frame) {
+        return extremePixels(frame, 640, whole) > 20;
+    }));
+    EXPECT_EQ(extremePixels(frames.back(), 640, whole), 0);
+    EXPECT_LT(meanDifference(frames.back(), pattern, QRect(100, 100, 640, 480),
+                             [](int, int) { return true; }),
+              3.0);
 }
 
 TEST(X11Video, WithoutDamageReportsEveryTickReadsTheArea) {
