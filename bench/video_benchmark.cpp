@@ -12,9 +12,10 @@
 // own (the X server's share is not counted for either). Frames are counted with ffprobe;
 // ffmpeg writes a constant 30 fps, repeating a frame where it missed one, so its "missing"
 // column cannot show drops. Below the table, Tessarel's stream tells what became of the
-// ticks of its frame clock (how many read the screen, skipped as identical to the frame
-// before, dropped because the encoder was behind, encoded), how often it listed the windows, and
-// how its CPU time divides between the capture thread and encoding.
+// ticks of its frame clock (how many read the screen and how many rows, skipped as
+// identical to the frame before, dropped because the encoder was behind, encoded), how
+// often it listed the windows, and how its CPU time divides between the capture thread and
+// encoding.
 
 #include "capture/linux/X11ContentProvider.h"
 #include "capture/linux/X11VideoCaptureService.h"
@@ -369,7 +370,7 @@ int main(int argc, char** argv) {
         waitpid(driver, nullptr, 0);
         printRow(scene, "tessarel", ours, seconds);
         printRow(scene, "ffmpeg", peer, seconds);
-        char line[400];
+        char line[512];
         const char* cpuTarget = std::strcmp(scene, "desktop") == 0  ? "target 0.50"
                                 : std::strcmp(scene, "motion") == 0 ? "target 0.80"
                                                                     : "no target";
@@ -381,12 +382,16 @@ int main(int argc, char** argv) {
         if (const auto& counts = ours.counts) {
             std::snprintf(
                 line, sizeof line,
-                "%-9s tessarel: %lld ticks, %lld screen reads, %lld skipped as identical, "
-                "%lld dropped by the queue, %lld encoded; windows listed %lld times; cpu s: "
-                "%.2f capture thread, %.2f encoding (x264, muxer)",
-                scene, counts->captured, counts->screenReads, counts->skippedIdentical,
-                counts->droppedByQueue, counts->encoded, counts->windowListings,
-                counts->captureCpuSeconds, ours.cpuSeconds - counts->captureCpuSeconds);
+                "%-9s tessarel: %lld ticks, %lld screen reads of %.0f rows on average, %lld "
+                "skipped as identical, %lld dropped by the queue, %lld encoded; windows listed "
+                "%lld times; cpu s: %.2f capture thread, %.2f encoding (x264, muxer)",
+                scene, counts->captured, counts->screenReads,
+                counts->screenReads ? static_cast<double>(counts->rowsRead) /
+                                          static_cast<double>(counts->screenReads)
+                                    : 0.0,
+                counts->skippedIdentical, counts->droppedByQueue, counts->encoded,
+                counts->windowListings, counts->captureCpuSeconds,
+                ours.cpuSeconds - counts->captureCpuSeconds);
             details.emplace_back(line);
         }
     }
