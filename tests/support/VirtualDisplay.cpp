@@ -201,6 +201,20 @@ QImage VirtualDisplay::testPattern(const QSize& size, int seed) {
     return picture;
 }
 
+QImage VirtualDisplay::solid(const QSize& size, QRgb colour) {
+    QImage picture(size, QImage::Format_RGB32);
+    picture.fill(colour);
+    return picture;
+}
+
+void VirtualDisplay::drawOnto(QImage& screen, const QPoint& at, const QImage& picture) {
+    for (int y = 0; y < picture.height(); ++y) {
+        for (int x = 0; x < picture.width(); ++x) {
+            screen.setPixel(at.x() + x, at.y() + y, picture.pixel(x, y));
+        }
+    }
+}
+
 void VirtualDisplay::sync() {
     std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
 }

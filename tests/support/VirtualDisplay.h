@@ -66,6 +66,11 @@ public:
     // A picture of flat 16 × 16 cells whose colours depend on `seed` and the cell: exact
     // comparisons catch any shift, and video encoders keep flat cells close to the original.
     static QImage testPattern(const QSize& size, int seed);
+    // A picture of one colour.
+    static QImage solid(const QSize& size, QRgb colour);
+    // Puts `picture` onto `screen` at `at`, as a window showing it there looks: the picture
+    // a test expects.
+    static void drawOnto(QImage& screen, const QPoint& at, const QImage& picture);
 
     // Blocks until the server has handled every request of this display's connection.
     void sync();

@@ -1,10 +1,10 @@
 #include "capture/linux/PulseAudioCaptureService.h"
 
 #include "capture/SerialQueue.h"
+#include "capture/linux/MonotonicClock.h"
 
 #include <pulse/pulseaudio.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
 
@@ -49,12 +49,6 @@ constexpr pa_usec_t kFragmentUs = 20'000;
 // the server (an overflow); the missing time is filled with silence.
 constexpr int64_t kLostSoundThresholdNs = 50'000'000;
 constexpr int64_t kNsPerSecond = 1'000'000'000;
-
-int64_t monotonicNowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 class PulseAudioCaptureStream final : public AudioCaptureStream {
 public:

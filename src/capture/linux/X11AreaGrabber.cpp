@@ -307,13 +307,17 @@ bool X11AreaGrabber::isExcluded(const X11TopLevel& window) const {
            std::find(excluded_.begin(), excluded_.end(), *window.processID) != excluded_.end();
 }
 
+bool X11AreaGrabber::isExcludedOverArea(const X11TopLevel& window) const {
+    return window.isShown() && isExcluded(window) &&
+           !window.outerGeometry.intersected(area_).isEmpty();
+}
+
 std::vector<PixelRect> X11AreaGrabber::excludedWindowsOverArea() const {
     std::vector<PixelRect> places;
     if (windows_) {
         for (const X11TopLevel& window : *windows_) {
-            const PixelRect place = window.outerGeometry.intersected(area_);
-            if (window.isShown() && isExcluded(window) && !place.isEmpty()) {
-                places.push_back(place);
+            if (isExcludedOverArea(window)) {
+                places.push_back(window.outerGeometry.intersected(area_));
             }
         }
     }
@@ -404,8 +408,7 @@ bool X11AreaGrabber::followConfigure(const xcb_configure_notify_event_t& event) 
         ++place;
     }
     windows.insert(place, window);
-    return window.isShown() && isExcluded(window) &&
-           !window.outerGeometry.intersected(area_).isEmpty();
+    return isExcludedOverArea(window);
 }
 
 std::optional<uint8_t> X11AreaGrabber::damageFirstEvent() {
@@ -529,8 +532,7 @@ bool X11AreaGrabber::grabWithExcludedWindowsHidden(X11ShmImage& image,
     }
     std::vector<xcb_window_t> windows;
     for (const X11TopLevel& window : *windows_) {
-        if (window.isShown() && isExcluded(window) &&
-            !window.outerGeometry.intersected(area_).isEmpty()) {
+        if (isExcludedOverArea(window)) {
             windows.push_back(window.window);
         }
     }

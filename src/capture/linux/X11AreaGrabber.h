@@ -72,6 +72,8 @@ private:
     bool followLayout(xcb_generic_event_t* (*poll)(xcb_connection_t*));
     bool followConfigure(const xcb_configure_notify_event_t& event);
     bool isExcluded(const X11TopLevel& window) const;
+    // Shown, excluded and over the area.
+    bool isExcludedOverArea(const X11TopLevel& window) const;
     // The shown excluded windows over the area, clipped to it (none before the first listing).
     std::vector<PixelRect> excludedWindowsOverArea() const;
     PixelSpan everyRow() const { return {0, area_.height}; }

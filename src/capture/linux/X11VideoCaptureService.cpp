@@ -1,5 +1,6 @@
 #include "capture/linux/X11VideoCaptureService.h"
 
+#include "capture/linux/MonotonicClock.h"
 #include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameConverter.h"
 #include "capture/linux/VideoFrameQueue.h"
@@ -27,12 +28,6 @@ constexpr int64_t kShortestFrameIntervalNs = 1'000'000'000 / 30;
 // An unchanged picture is passed on this often all the same, so the recorder can close a
 // fragment and the file stays playable up to the last second.
 constexpr int64_t kLongestFrameIntervalNs = 1'000'000'000;
-
-int64_t monotonicNowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 class X11VideoStream final : public VideoCaptureStream {
 public:

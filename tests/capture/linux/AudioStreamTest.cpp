@@ -3,6 +3,7 @@
 #include "capture/CaptureEngine.h"
 #include "capture/SerialQueue.h"
 #include "capture/linux/AudioFileInspection.h"
+#include "capture/linux/MonotonicClock.h"
 #include "support/SoundServer.h"
 
 #include <QDeadlineTimer>
@@ -11,18 +12,11 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <mutex>
 
 namespace {
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
-
-int64_t nowNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 class Collector final : public AudioSampleHandler, public StreamDelegate {
 public:
@@ -115,7 +109,7 @@ protected:
 TEST_F(AudioStream, DeliversTimedStereoFloatBuffersOnTheGivenQueue) {
     server.playTone(1000, 30);
     auto stream = makeStream();
-    const int64_t startNs = nowNs();
+    const int64_t startNs = monotonicNowNs();
     stream->startCapture();
     ASSERT_TRUE(waitFor([&] { return collector.frames() >= 48000; }));
     stream->stopCapture();
@@ -135,7 +129,7 @@ TEST_F(AudioStream, DeliversTimedStereoFloatBuffersOnTheGivenQueue) {
         expectedNs = buffer.presentationTimeNs + buffer.frameCount() * kNsPerSecond / 48000;
     }
     // The time line ends where the clock is, give or take the server's latency estimate.
-    EXPECT_NEAR(static_cast<double>(expectedNs), static_cast<double>(nowNs()),
+    EXPECT_NEAR(static_cast<double>(expectedNs), static_cast<double>(monotonicNowNs()),
                 static_cast<double>(kNsPerSecond) / 4);
     EXPECT_NEAR(dominantFrequencyHz(leftChannel(buffers), 48000), 1000.0, 10.0);
 }

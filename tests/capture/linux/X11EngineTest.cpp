@@ -37,12 +37,6 @@ private:
     CaptureEngine engine_;
 };
 
-QImage solid(const QSize& size, QRgb colour) {
-    QImage picture(size, QImage::Format_RGB32);
-    picture.fill(colour);
-    return picture;
-}
-
 } // namespace
 
 TEST(X11Engine, DisplayNumberThatNoMonitorCarriesGivesNoDisplay) {
@@ -63,8 +57,9 @@ TEST(X11Engine, SnapshotOfTheMainDisplayLeavesThisProcesssWindowOut) {
     VirtualDisplay display(1920, 1080);
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 9);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
-    const auto panel = display.showWindow(QRect(800, 400, 300, 200),
-                                          solid(QSize(300, 200), qRgb(255, 0, 255)), getpid());
+    const auto panel =
+        display.showWindow(QRect(800, 400, 300, 200),
+                           VirtualDisplay::solid(QSize(300, 200), qRgb(255, 0, 255)), getpid());
     X11Engine engine(display);
 
     const Image image = engine->snapshot(engine.mainDisplayID(), Size{1920, 1080}, 1.0);

@@ -20,11 +20,7 @@
 
 namespace {
 
-const QImage kOwnWindowPicture = [] {
-    QImage picture(QSize(400, 300), QImage::Format_RGB32);
-    picture.fill(qRgb(255, 0, 255));
-    return picture;
-}();
+const QImage kOwnWindowPicture = VirtualDisplay::solid(QSize(400, 300), qRgb(255, 0, 255));
 
 uint32_t internAtom(const QByteArray& display, const char* name) {
     xcb_connection_t* connection = xcb_connect(display.constData(), nullptr);
@@ -136,11 +132,7 @@ private:
 };
 
 void fill(QImage& picture, const QRect& rect, QRgb colour) {
-    for (int y = rect.top(); y <= rect.bottom(); ++y) {
-        for (int x = rect.left(); x <= rect.right(); ++x) {
-            picture.setPixel(x, y, colour);
-        }
-    }
+    VirtualDisplay::drawOnto(picture, rect.topLeft(), VirtualDisplay::solid(rect.size(), colour));
 }
 
 // The bounding rectangles of `window`, or none when it has no shape of its own.
@@ -383,9 +375,8 @@ TEST(X11Snapshot, FrameAroundOwnClientWindowIsLeftOutWithIt) {
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 5);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
     // As a window manager reparents a client: the frame has no owner, its child is ours.
-    QImage title(QSize(400, 330), QImage::Format_RGB32);
-    title.fill(qRgb(90, 90, 90));
-    const auto frame = display.showWindow(QRect(300, 200, 400, 330), title);
+    const auto frame = display.showWindow(QRect(300, 200, 400, 330),
+                                          VirtualDisplay::solid(QSize(400, 330), qRgb(90, 90, 90)));
     const auto client =
         display.showWindow(QRect(0, 30, 400, 300), kOwnWindowPicture, getpid(), frame->id());
     X11ContentProvider provider(display.name());
@@ -430,9 +421,8 @@ TEST(X11Snapshot, WindowAboveTheHiddenOneKeepsItsPixelsWhereTheServerCannotCompo
     const auto panel = display.showWindow(QRect(400, 250, 400, 300), kOwnWindowPicture, getpid());
     // Another application's window, stacked above the panel and partly over it.
     const QRect above(700, 400, 300, 300);
-    QImage abovePicture(above.size(), QImage::Format_RGB32);
-    abovePicture.fill(qRgb(30, 90, 200));
-    const auto other = display.showWindow(above, abovePicture);
+    const auto other =
+        display.showWindow(above, VirtualDisplay::solid(above.size(), qRgb(30, 90, 200)));
     X11ContentProvider provider(display.name());
     X11ScreenshotService screenshots(display.name());
     const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());

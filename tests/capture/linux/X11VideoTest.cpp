@@ -212,12 +212,6 @@ private:
     std::thread thread_;
 };
 
-QImage solid(const QSize& size, QRgb colour) {
-    QImage picture(size, QImage::Format_RGB32);
-    picture.fill(colour);
-    return picture;
-}
-
 struct Recording {
     QString path;
     double wallClockSeconds = 0;
@@ -271,8 +265,8 @@ TEST(X11Video, MovieOfAMovingPatternIsH264InMpeg4AtTheWallClocksPace) {
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 5);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
     // A block sliding through the lower band of the area; the upper band stays still.
-    auto block =
-        display.showWindow(QRect(120, 260, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    auto block = display.showWindow(QRect(120, 260, 48, 48),
+                                    VirtualDisplay::solid(QSize(48, 48), qRgb(40, 200, 60)));
     // The pointer's hot spot lands at (80, 60) of the area.
     display.movePointer(200, 140);
     QTemporaryDir directory;
@@ -316,8 +310,9 @@ TEST(X11Video, OwnWindowOverTheAreaIsAbsentFromTheMovie) {
     VirtualDisplay display(1920, 1080);
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 6);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
-    const auto panel = display.showWindow(QRect(200, 150, 300, 200),
-                                          solid(QSize(300, 200), qRgb(255, 0, 255)), getpid());
+    const auto panel =
+        display.showWindow(QRect(200, 150, 300, 200),
+                           VirtualDisplay::solid(QSize(300, 200), qRgb(255, 0, 255)), getpid());
     display.movePointer(1500, 900);
     QTemporaryDir directory;
     const auto configuration = configurationFor(Rect{100, 100, 320, 240}, 1.0);
@@ -335,17 +330,14 @@ TEST(X11Video, OwnWindowOverTheAreaIsBlackInTheMovieWhereTheServerCannotCompose)
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 16);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
     const QRect panelGeometry(200, 150, 300, 200);
-    const auto panel =
-        display.showWindow(panelGeometry, solid(panelGeometry.size(), qRgb(255, 0, 255)), getpid());
+    const auto panel = display.showWindow(
+        panelGeometry, VirtualDisplay::solid(panelGeometry.size(), qRgb(255, 0, 255)), getpid());
     display.movePointer(1500, 900);
     QTemporaryDir directory;
     const auto configuration = configurationFor(Rect{100, 100, 320, 240}, 1.0);
     QImage expected = pattern.copy();
-    for (int y = panelGeometry.top(); y <= panelGeometry.bottom(); ++y) {
-        for (int x = panelGeometry.left(); x <= panelGeometry.right(); ++x) {
-            expected.setPixel(x, y, qRgb(0, 0, 0));
-        }
-    }
+    VirtualDisplay::drawOnto(expected, panelGeometry.topLeft(),
+                             VirtualDisplay::solid(panelGeometry.size(), qRgb(0, 0, 0)));
 
     const Recording movie =
         record(display.name(), {mainDisplay(display.name()), {{getpid(), {}}}}, configuration,
@@ -377,8 +369,9 @@ TEST(X11Video, UnchangedLayoutIsListedOnceAndUnchangedGrabsGoNoFurther) {
     VirtualDisplay display(1920, 1080);
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 11);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
-    const auto panel = display.showWindow(QRect(1200, 600, 300, 200),
-                                          solid(QSize(300, 200), qRgb(255, 0, 255)), getpid());
+    const auto panel =
+        display.showWindow(QRect(1200, 600, 300, 200),
+                           VirtualDisplay::solid(QSize(300, 200), qRgb(255, 0, 255)), getpid());
     display.movePointer(1500, 900);
     QTemporaryDir directory;
 
@@ -401,8 +394,8 @@ TEST(X11Video, AreaNobodyDrawsInIsNotReadAgainWhileTheScreenElsewhereChanges) {
     VirtualDisplay display(1920, 1080);
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 12);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
-    auto block =
-        display.showWindow(QRect(900, 700, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    auto block = display.showWindow(QRect(900, 700, 48, 48),
+                                    VirtualDisplay::solid(QSize(48, 48), qRgb(40, 200, 60)));
     const Mover mover(*block, QPoint(900, 700), 300);
     display.movePointer(1500, 900);
     QTemporaryDir directory;
@@ -426,8 +419,8 @@ TEST(X11Video, DrawingInABandOfTheAreaReadsOnlyThoseRows) {
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 15);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
     // Sliding to and fro through rows 200 to 248 of the area (100, 100, 640, 480).
-    auto block =
-        display.showWindow(QRect(150, 300, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    auto block = display.showWindow(QRect(150, 300, 48, 48),
+                                    VirtualDisplay::solid(QSize(48, 48), qRgb(40, 200, 60)));
     const Mover mover(*block, QPoint(150, 300), 400);
     display.movePointer(1500, 900);
     QTemporaryDir directory;
@@ -465,11 +458,7 @@ TEST(X11Video, SingleChangeOnAStillScreenReachesTheMovie) {
     const auto change = [&](const QRect& geometry, int seed) {
         const QImage picture = VirtualDisplay::testPattern(geometry.size(), seed);
         windows.push_back(display.showWindow(geometry, picture));
-        for (int y = 0; y < geometry.height(); ++y) {
-            for (int x = 0; x < geometry.width(); ++x) {
-                screen.setPixel(geometry.x() + x, geometry.y() + y, picture.pixel(x, y));
-            }
-        }
+        VirtualDisplay::drawOnto(screen, geometry.topLeft(), picture);
     };
 
     recorder.stream->startCapture();
@@ -542,8 +531,8 @@ TEST(X11Video, OwnWindowMovingOverTheAreaIsLeftOutWithoutListingAgain) {
     VirtualDisplay display(1920, 1080);
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 12);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
-    auto panel = display.showWindow(QRect(0, 150, 120, 90),
-                                    solid(QSize(120, 90), qRgb(255, 0, 255)), getpid());
+    auto panel = display.showWindow(
+        QRect(0, 150, 120, 90), VirtualDisplay::solid(QSize(120, 90), qRgb(255, 0, 255)), getpid());
     display.movePointer(1500, 900);
     QTemporaryDir directory;
     // Back and forth across the area (100, 100, 320, 240).
@@ -571,8 +560,9 @@ TEST(X11Video, OwnWindowAppearingDuringTheRecordingIsLeftOut) {
 
     recorder.stream->startCapture();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    const auto panel = display.showWindow(QRect(150, 150, 200, 100),
-                                          solid(QSize(200, 100), qRgb(255, 0, 255)), getpid());
+    const auto panel =
+        display.showWindow(QRect(150, 150, 200, 100),
+                           VirtualDisplay::solid(QSize(200, 100), qRgb(255, 0, 255)), getpid());
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
     recorder.stream->stopCapture();
 
@@ -585,8 +575,8 @@ TEST(X11Video, KilledRecordingLeavesAPlayableMovie) {
     VirtualDisplay display(1920, 1080);
     const QImage pattern = VirtualDisplay::testPattern(QSize(1920, 1080), 8);
     const auto background = display.showWindow(QRect(0, 0, 1920, 1080), pattern);
-    auto block =
-        display.showWindow(QRect(100, 200, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    auto block = display.showWindow(QRect(100, 200, 48, 48),
+                                    VirtualDisplay::solid(QSize(48, 48), qRgb(40, 200, 60)));
     Mover mover(*block, QPoint(100, 200), 200);
     QTemporaryDir directory;
     const QString path = directory.filePath("killed.mp4");
@@ -645,7 +635,8 @@ TEST(X11Video, BlockMovingThroughTheAreaLeavesNoTrace) {
     VirtualDisplay display(640, 480);
     const QImage pattern = VirtualDisplay::testPattern(QSize(640, 480), 9);
     const auto background = display.showWindow(QRect(0, 0, 640, 480), pattern);
-    auto block = display.showWindow(QRect(20, 90, 48, 48), solid(QSize(48, 48), qRgb(40, 200, 60)));
+    auto block = display.showWindow(QRect(20, 90, 48, 48),
+                                    VirtualDisplay::solid(QSize(48, 48), qRgb(40, 200, 60)));
     display.movePointer(630, 470);
     QTemporaryDir directory;
     const QString path = directory.filePath("trace.mp4");
