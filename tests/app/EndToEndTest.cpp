@@ -4,7 +4,6 @@
 #include "support/EventLoop.h"
 
 #include <QDateTime>
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
 #include <QImage>
@@ -236,13 +235,7 @@ TEST_F(EndToEndTest, ASnapshotOnAServerWithoutCompositeLeavesThePanelOutAndShows
         return differingPixels(QImage(screen), session.background(), snapshot->panel) >
                snapshot->panel.width() * snapshot->panel.height() / 2;
     };
-    const QDeadlineTimer deadline(10000);
-    bool shown = panelShown();
-    while (!shown && !deadline.hasExpired()) {
-        QThread::msleep(100);
-        shown = panelShown();
-    }
-    EXPECT_TRUE(shown) << "the panel is not on the screen again";
+    EXPECT_TRUE(processEventsUntil(panelShown, 10000)) << "the panel is not on the screen again";
 }
 
 TEST_F(EndToEndTest, ADraggedOutAreaIsRecordedAsH264AtTheEvenSizeTheEngineComputesAndRevealed) {

@@ -1,5 +1,6 @@
 #include "capture/linux/X11ContentProvider.h"
 #include "capture/linux/X11ScreenshotService.h"
+#include "support/EventLoop.h"
 #include "support/VirtualDisplay.h"
 
 #include <QFile>
@@ -297,10 +298,7 @@ TEST(X11Snapshot, SharedMemoryIsLetGoOnceSnapshotsPause) {
     EXPECT_EQ(mismatches(first, pattern, QRect(0, 0, 1920, 1080)), 0);
     EXPECT_EQ(mismatches(second, pattern, QRect(0, 0, 1920, 1080)), 0);
     // Let go of after the pause, and by the server a moment after it is told to.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (sharedMemorySegmentsOfThisProcess() > 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    processEventsUntil([] { return sharedMemorySegmentsOfThisProcess() == 0; }, 10000);
     EXPECT_EQ(sharedMemorySegmentsOfThisProcess(), 0);
 }
 
