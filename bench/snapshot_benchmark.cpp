@@ -8,8 +8,8 @@
 // atomically, PDF straight to the file). The peers are timed from start to exit of their
 // process, since that is how they are used. JPEG runs at quality 92 everywhere.
 
-#include "capture/linux/X11ContentProvider.h"
-#include "capture/linux/X11ScreenshotService.h"
+#include "capture/linux/x11/X11ContentProvider.h"
+#include "capture/linux/x11/X11ScreenshotService.h"
 #include "controller/linux/LinuxSnapshotEncoders.h"
 
 #include <QElapsedTimer>

@@ -17,8 +17,8 @@
 // often it listed the windows, and how its CPU time divides between the capture thread and
 // encoding.
 
-#include "capture/linux/X11ContentProvider.h"
-#include "capture/linux/X11VideoCaptureService.h"
+#include "capture/linux/x11/X11ContentProvider.h"
+#include "capture/linux/x11/X11VideoCaptureService.h"
 #include "support/VirtualDisplay.h"
 
 #include <QCoreApplication>

@@ -3,9 +3,9 @@
 #include "capture/linux/ApplicationResourceDirectories.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
-#include "capture/linux/X11ContentProvider.h"
-#include "capture/linux/X11ScreenshotService.h"
-#include "capture/linux/X11VideoCaptureService.h"
+#include "capture/linux/x11/X11ContentProvider.h"
+#include "capture/linux/x11/X11ScreenshotService.h"
+#include "capture/linux/x11/X11VideoCaptureService.h"
 
 #include <QGuiApplication>
 

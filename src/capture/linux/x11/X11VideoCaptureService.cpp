@@ -1,12 +1,12 @@
-#include "capture/linux/X11VideoCaptureService.h"
+#include "capture/linux/x11/X11VideoCaptureService.h"
 
 #include "capture/linux/MonotonicClock.h"
 #include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameConverter.h"
 #include "capture/linux/VideoFrameQueue.h"
-#include "capture/linux/X11AreaGrabber.h"
-#include "capture/linux/X11Connection.h"
-#include "capture/linux/X11ShmImage.h"
+#include "capture/linux/x11/X11AreaGrabber.h"
+#include "capture/linux/x11/X11Connection.h"
+#include "capture/linux/x11/X11ShmImage.h"
 
 #include <xcb/xfixes.h>
 

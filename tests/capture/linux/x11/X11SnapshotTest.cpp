@@ -1,5 +1,5 @@
-#include "capture/linux/X11ContentProvider.h"
-#include "capture/linux/X11ScreenshotService.h"
+#include "capture/linux/x11/X11ContentProvider.h"
+#include "capture/linux/x11/X11ScreenshotService.h"
 #include "support/EventLoop.h"
 #include "support/VirtualDisplay.h"
 

@@ -1,4 +1,4 @@
-#include "capture/linux/X11Connection.h"
+#include "capture/linux/x11/X11Connection.h"
 
 #include "capture/CaptureVocabulary.h"
 

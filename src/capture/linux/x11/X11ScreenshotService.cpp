@@ -1,8 +1,8 @@
-#include "capture/linux/X11ScreenshotService.h"
+#include "capture/linux/x11/X11ScreenshotService.h"
 
-#include "capture/linux/X11AreaGrabber.h"
-#include "capture/linux/X11Connection.h"
-#include "capture/linux/X11ShmImage.h"
+#include "capture/linux/x11/X11AreaGrabber.h"
+#include "capture/linux/x11/X11Connection.h"
+#include "capture/linux/x11/X11ShmImage.h"
 
 #include <libyuv.h>
 

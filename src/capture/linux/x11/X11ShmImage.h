@@ -1,7 +1,7 @@
 #pragma once
 
 #include "capture/linux/PixelSpan.h"
-#include "capture/linux/X11Connection.h"
+#include "capture/linux/x11/X11Connection.h"
 
 #include <xcb/shm.h>
 

@@ -1,4 +1,4 @@
-#include "capture/linux/X11ShmImage.h"
+#include "capture/linux/x11/X11ShmImage.h"
 
 #include "capture/CaptureVocabulary.h"
 

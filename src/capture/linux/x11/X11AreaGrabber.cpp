@@ -1,4 +1,4 @@
-#include "capture/linux/X11AreaGrabber.h"
+#include "capture/linux/x11/X11AreaGrabber.h"
 
 #include "capture/CaptureVocabulary.h"
 

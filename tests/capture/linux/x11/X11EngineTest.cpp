@@ -1,7 +1,7 @@
 #include "capture/CaptureEngine.h"
-#include "capture/linux/X11ContentProvider.h"
-#include "capture/linux/X11ScreenshotService.h"
-#include "capture/linux/X11VideoCaptureService.h"
+#include "capture/linux/x11/X11ContentProvider.h"
+#include "capture/linux/x11/X11ScreenshotService.h"
+#include "capture/linux/x11/X11VideoCaptureService.h"
 #include "support/FakeCapturePlatform.h"
 #include "support/VirtualDisplay.h"
 

@@ -1,6 +1,6 @@
-#include "capture/linux/X11ContentProvider.h"
+#include "capture/linux/x11/X11ContentProvider.h"
 
-#include "capture/linux/X11Connection.h"
+#include "capture/linux/x11/X11Connection.h"
 
 #include <QFile>
 

@@ -2,8 +2,8 @@
 // Usage: x11_recording_helper <display> <movie path> <x> <y> <width> <height>
 // Prints "recording" once capture has started.
 
-#include "capture/linux/X11ContentProvider.h"
-#include "capture/linux/X11VideoCaptureService.h"
+#include "capture/linux/x11/X11ContentProvider.h"
+#include "capture/linux/x11/X11VideoCaptureService.h"
 
 #include <QString>
 #include <QUrl>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "capture/linux/X11Connection.h"
-#include "capture/linux/X11ShmImage.h"
+#include "capture/linux/x11/X11Connection.h"
+#include "capture/linux/x11/X11ShmImage.h"
 
 #include <cstdint>
 #include <memory>
