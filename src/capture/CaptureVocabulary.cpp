@@ -54,17 +54,15 @@ QString SnapshotExportFormat::fileExtension() const {
     return value_ == jpeg ? QStringLiteral("jpg") : rawValue().toLower();
 }
 
-QString localizedDescription(const std::exception& error) {
-    return QString::fromUtf8(error.what());
-}
-
 QString localizedDescription(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return localizedDescription(e);
+    } catch (const CaptureEngineError& e) {
+        return QString::fromUtf8(e.what());
+    } catch (const PlatformError& e) {
+        return QString::fromUtf8(e.what());
     } catch (...) {
-        return QStringLiteral("Unknown error");
+        return kUnexpectedFailure;
     }
 }
 

@@ -47,10 +47,12 @@ private:
     Value value_;
 };
 
-// Every error in Tessarel is a std::exception whose what() is the user-facing
-// description in UTF-8; the controller shows it as it is.
-QString localizedDescription(const std::exception& error);
+// Tessarel's own errors (CaptureEngineError, PlatformError) carry the user-facing description
+// in what(), in UTF-8; the controller shows it as it is. Any other exception is a fault of the
+// program whose library text means nothing to a user: it reads as kUnexpectedFailure.
 QString localizedDescription(const std::exception_ptr& error);
+inline const QString kUnexpectedFailure =
+    QStringLiteral("Tessarel ran into an unexpected problem and stopped the capture.");
 
 // The engine's own failures.
 class CaptureEngineError : public std::exception {
@@ -83,6 +85,14 @@ public:
 
 private:
     std::string description_;
+};
+
+// The screen-capture permission itself was refused: the one failure that the permission
+// prompt answers. Every other failure, a folder that refuses a file included, is shown as
+// what it is.
+class ScreenCapturePermissionError : public PlatformError {
+public:
+    using PlatformError::PlatformError;
 };
 
 template <> struct std::hash<AudioExportFormat> {

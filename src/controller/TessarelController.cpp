@@ -1,12 +1,20 @@
 #include "controller/TessarelController.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QLocale>
 #include <QMetaType>
 #include <QSaveFile>
 #include <QThreadPool>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -22,13 +30,64 @@ QUrl defaultSaveFolder(StandardLocations& locations) {
     return downloads.isEmpty() ? locations.homeDirectory() : downloads.first();
 }
 
-// Atomic, so that a reader never sees a half-written image.
+bool nameIsTaken(const QString& path) {
+    const QFileInfo file(path);
+    return file.exists() || file.isSymLink();
+}
+
+// A file-system failure as the user should read it: which file, in which folder, and the
+// system's own words.
+PlatformError fileSystemError(const QString& path, const QString& reason) {
+    const QFileInfo file(path);
+    return PlatformError(
+        QStringLiteral("Tessarel could not save “%1” in the folder “%2”: %3")
+            .arg(file.fileName(), QDir::toNativeSeparators(file.absolutePath()), reason));
+}
+
+// Creates the first free numbered name from `base` as an empty file, exclusively, so that a
+// name taken in the meantime is never overwritten; returns the name created.
+QUrl createExclusively(const QUrl& base) {
+    for (int number = 1;; ++number) {
+        const QUrl candidate = TessarelController::numbered(base, number);
+        const QByteArray path = QFile::encodeName(candidate.toLocalFile());
+        const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            ::close(fd);
+            return candidate;
+        }
+        if (errno != EEXIST) {
+            throw fileSystemError(candidate.toLocalFile(),
+                                  QString::fromLocal8Bit(std::strerror(errno)));
+        }
+    }
+}
+
+// Replaces the file this capture created; atomic, so that a reader never sees a half-written
+// image.
 void writeAtomically(const QByteArray& data, const QUrl& url) {
     QSaveFile file(url.toLocalFile());
     if (!file.open(QIODevice::WriteOnly) || file.write(data) != data.size() || !file.commit()) {
-        throw PlatformError(file.errorString());
+        throw fileSystemError(url.toLocalFile(), file.errorString());
     }
 }
+
+// Removes the file a failed save created, unless the save completed.
+class RemoveUnlessKept {
+public:
+    explicit RemoveUnlessKept(QString path) : path_(std::move(path)) {}
+    ~RemoveUnlessKept() {
+        if (!kept_) {
+            QFile::remove(path_);
+        }
+    }
+    RemoveUnlessKept(const RemoveUnlessKept&) = delete;
+    RemoveUnlessKept& operator=(const RemoveUnlessKept&) = delete;
+    void keep() { kept_ = true; }
+
+private:
+    QString path_;
+    bool kept_ = false;
+};
 
 } // namespace
 
@@ -55,7 +114,18 @@ QString TessarelController::fileName(const QString& prefix, const QDateTime& loc
     return prefix + QLatin1Char(' ') + date + QLatin1Char('.') + extension;
 }
 
-QUrl TessarelController::destination(const QString& prefix, const QString& extension) {
+QUrl TessarelController::numbered(const QUrl& url, int number) {
+    if (number <= 1) {
+        return url;
+    }
+    const QFileInfo file(url.path());
+    QUrl result = url;
+    result.setPath(file.path() + QLatin1Char('/') + file.completeBaseName() +
+                   QStringLiteral(" (%1).").arg(number) + file.suffix());
+    return result;
+}
+
+QUrl TessarelController::unnumberedDestination(const QString& prefix, const QString& extension) {
     QUrl url = saveFolder();
     QString path = url.path();
     if (!path.endsWith(QLatin1Char('/'))) {
@@ -63,6 +133,16 @@ QUrl TessarelController::destination(const QString& prefix, const QString& exten
     }
     url.setPath(path + fileName(prefix, platform_.clock.now(), extension));
     return url;
+}
+
+QUrl TessarelController::destination(const QString& prefix, const QString& extension) {
+    const QUrl base = unnumberedDestination(prefix, extension);
+    for (int number = 1;; ++number) {
+        const QUrl candidate = numbered(base, number);
+        if (!nameIsTaken(candidate.toLocalFile())) {
+            return candidate;
+        }
+    }
 }
 
 void TessarelController::chooseFolder() {
@@ -161,13 +241,14 @@ void TessarelController::takeSnapshot() {
     }
     const Size size = screen->frame.size();
     const double scale = screen->backingScaleFactor;
-    // The extension is fixed now; the format is read again once the image is there.
-    const QUrl url = destination(kSnapshotPrefix, snapshotFormat().fileExtension());
+    // The name and extension are fixed now; the format is read again once the image is
+    // there, and the first free number is taken when the file is created.
+    const QUrl base = unnumberedDestination(kSnapshotPrefix, snapshotFormat().fileExtension());
     CaptureEngine& captureEngine = engine;
     runTask<Image>([&captureEngine, id = *screenID, size,
                     scale] { return captureEngine.snapshot(id, size, scale); },
-                   [this, url](const Image& image) {
-                       save(image, url, snapshotFormat());
+                   [this, base](const Image& image) {
+                       const QUrl url = save(image, base, snapshotFormat());
                        lastSavedURL.set(url);
                        mode.set(TessarelMode::home);
                        revealLastCapture();
@@ -204,22 +285,29 @@ void TessarelController::beginVideoSelection() {
 
 // ---- Snapshot encoding ------------------------------------------------------------------------
 
-void TessarelController::save(const Image& image, const QUrl& to, SnapshotExportFormat format) {
-    if (format == SnapshotExportFormat::pdf) {
+QUrl TessarelController::save(const Image& image, const QUrl& base, SnapshotExportFormat format) {
+    std::optional<QByteArray> data;
+    if (format != SnapshotExportFormat::pdf) {
+        data = format == SnapshotExportFormat::png
+                   ? platform_.encoders.encodePNG(image)
+                   : platform_.encoders.encodeJPEG(image, kJPEGQuality);
+        if (!data) {
+            throw CaptureEngineError::cannotEncode(QStringLiteral("Image encoder unavailable"));
+        }
+    }
+    const QUrl to = createExclusively(base);
+    RemoveUnlessKept created(to.toLocalFile());
+    if (data) {
+        writeAtomically(*data, to);
+    } else {
         // One image pixel becomes one point: the page has the pixel size of the capture.
         const Size mediaBox{static_cast<double>(image.width), static_cast<double>(image.height)};
         if (!platform_.encoders.writePDF(image, to, mediaBox)) {
             throw CaptureEngineError::cannotEncode(QStringLiteral("PDF encoder unavailable"));
         }
-        return;
     }
-    const std::optional<QByteArray> data = format == SnapshotExportFormat::png
-                                               ? platform_.encoders.encodePNG(image)
-                                               : platform_.encoders.encodeJPEG(image, kJPEGQuality);
-    if (!data) {
-        throw CaptureEngineError::cannotEncode(QStringLiteral("Image encoder unavailable"));
-    }
-    writeAtomically(*data, to);
+    created.keep();
+    return to;
 }
 
 // ---- Timer and failures -------------------------------------------------------------------------
@@ -254,22 +342,22 @@ void TessarelController::tick() {
     meterLevel.set(meterLevelFor(elapsed()));
 }
 
-bool TessarelController::descriptionSpeaksOfPermission(const QString& description) {
-    for (const char* word : {"TCC", "declined", "permission"}) {
-        if (description.contains(QLatin1String(word), Qt::CaseInsensitive)) {
-            return true;
-        }
+bool TessarelController::isPermissionRefusal(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const ScreenCapturePermissionError&) {
+        return true;
+    } catch (...) {
+        return false;
     }
-    return false;
 }
 
 void TessarelController::present(const std::exception_ptr& error) {
     stopTimer();
-    const QString description = localizedDescription(error);
-    if (descriptionSpeaksOfPermission(description)) {
+    if (isPermissionRefusal(error)) {
         screenCapturePermissionRequired.set(true);
     } else {
-        errorMessage.set(description);
+        errorMessage.set(localizedDescription(error));
     }
     mode.set(TessarelMode::home);
 }

@@ -57,16 +57,23 @@ public:
     // Platform-free rules, public so that they can be checked on their own.
     static QString fileName(const QString& prefix, const QDateTime& localTime,
                             const QString& extension);
+    // `url` with " (number)" before its extension; `url` itself for the first.
+    static QUrl numbered(const QUrl& url, int number);
     static double meterLevelFor(double elapsedSeconds);
     static std::optional<uint32_t> displayNumber(const QVariant& value);
-    static bool descriptionSpeaksOfPermission(const QString& description);
+    // Only a refusal of the screen-capture permission itself raises the permission prompt.
+    static bool isPermissionRefusal(const std::exception_ptr& error);
 
     // True while a background engine call started by this controller has not yet resumed.
     bool hasPendingWork() const { return pendingTasks_ > 0; }
 
 private:
+    // The name for a capture taken now, without a number.
+    QUrl unnumberedDestination(const QString& prefix, const QString& extension);
+    // The first name, numbered from the second on, that no file has yet.
     QUrl destination(const QString& prefix, const QString& extension);
-    void save(const Image& image, const QUrl& to, SnapshotExportFormat format);
+    // Writes the image under the first free name from `base`; returns the name written.
+    QUrl save(const Image& image, const QUrl& base, SnapshotExportFormat format);
     bool ensureScreenCapturePermission();
     void startTimer();
     void stopTimer();

@@ -57,13 +57,36 @@ TEST(DesktopServicesTest, WithoutUserDirsThereIsNoDownloadsFolder) {
     EXPECT_TRUE(DesktopStandardLocations().downloadsDirectories().isEmpty());
 }
 
+// A fresh home folder for the life of the test.
+class TemporaryHome {
+public:
+    TemporaryHome() : previous_(qgetenv("HOME")) { qputenv("HOME", dir_.path().toUtf8()); }
+    ~TemporaryHome() { qputenv("HOME", previous_); }
+    QString path() const { return dir_.path(); }
+
+private:
+    QTemporaryDir dir_;
+    QByteArray previous_;
+};
+
 TEST(DesktopServicesTest, TheXdgDownloadEntryNamesTheDownloadsFolder) {
+    TemporaryHome home;
+    ASSERT_TRUE(QDir(home.path()).mkdir("Fetched"));
     XdgConfig config;
     config.writeUserDirs("# written by xdg-user-dirs-update\nXDG_DOWNLOAD_DIR=\"$HOME/Fetched\"\n");
     const QList<QUrl> downloads = DesktopStandardLocations().downloadsDirectories();
     ASSERT_EQ(downloads.size(), 1);
-    EXPECT_EQ(downloads[0], QUrl::fromLocalFile(QDir::home().filePath("Fetched")));
-    EXPECT_EQ(DesktopStandardLocations().homeDirectory(), QUrl::fromLocalFile(QDir::homePath()));
+    EXPECT_EQ(downloads[0], QUrl::fromLocalFile(QDir(home.path()).filePath("Fetched")));
+    EXPECT_EQ(DesktopStandardLocations().homeDirectory(), QUrl::fromLocalFile(home.path()));
+}
+
+// The save folder is then the home folder (the controller's fallback for no Downloads).
+TEST(DesktopServicesTest, DownloadsFolderThatDoesNotExistIsNoDownloadsFolder) {
+    TemporaryHome home;
+    XdgConfig config;
+    config.writeUserDirs("XDG_DOWNLOAD_DIR=\"$HOME/Downloads\"\n");
+    EXPECT_TRUE(DesktopStandardLocations().downloadsDirectories().isEmpty());
+    EXPECT_EQ(DesktopStandardLocations().homeDirectory(), QUrl::fromLocalFile(home.path()));
 }
 
 TEST(DesktopServicesTest, ScreenCaptureIsAlwaysAllowedAndHasNoSettingsLink) {

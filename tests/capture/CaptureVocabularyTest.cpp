@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+#include <new>
+
 #include <functional>
 #include <string_view>
 
@@ -134,11 +137,27 @@ TEST(CaptureEngineError, DescriptionIsUtf8) {
     const auto error = CaptureEngineError::cannotEncode(QStringLiteral("Datei “Mäpp” fehlt"));
     EXPECT_EQ(QString::fromUtf8(error.what()),
               QStringLiteral("The capture could not be saved: Datei “Mäpp” fehlt"));
-    EXPECT_EQ(localizedDescription(error), error.errorDescription());
+    EXPECT_EQ(localizedDescription(std::make_exception_ptr(error)), error.errorDescription());
 }
 
 TEST(PlatformError, PassesTheServiceDescriptionOnUnchanged) {
     const PlatformError error(QStringLiteral("The stream could not start."));
     EXPECT_STREQ(error.what(), "The stream could not start.");
     EXPECT_EQ(localizedDescription(std::make_exception_ptr(error)), "The stream could not start.");
+}
+
+TEST(LibraryErrors, NeverReachTheUserWithTheirOwnText) {
+    std::promise<void> abandoned;
+    std::future<void> outcome = abandoned.get_future();
+    { const std::promise<void> dropped = std::move(abandoned); }
+    std::exception_ptr brokenPromise;
+    try {
+        outcome.get();
+    } catch (...) {
+        brokenPromise = std::current_exception();
+    }
+    ASSERT_TRUE(brokenPromise);
+    EXPECT_EQ(localizedDescription(brokenPromise), kUnexpectedFailure);
+    EXPECT_EQ(localizedDescription(std::make_exception_ptr(std::bad_alloc())), kUnexpectedFailure);
+    EXPECT_EQ(localizedDescription(std::make_exception_ptr(42)), kUnexpectedFailure);
 }

@@ -1,25 +1,8 @@
 #include "ControllerFixture.h"
 
-#include <QSaveFile>
-
-#include <unistd.h>
+#include "support/ReadOnlyFolder.h"
 
 namespace {
-
-// A folder this process cannot write into: a read-only directory, or, where the user may
-// write there anyway (root), a path below a regular file.
-QString unwritableFolder(const QTemporaryDir& parent) {
-    const QString readOnly = parent.filePath(QStringLiteral("read-only"));
-    QDir().mkdir(readOnly);
-    QFile::setPermissions(readOnly, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    if (::access(QFile::encodeName(readOnly).constData(), W_OK) != 0) {
-        return readOnly;
-    }
-    const QString regularFile = parent.filePath(QStringLiteral("regular-file"));
-    QFile file(regularFile);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-    return regularFile + QStringLiteral("/folder");
-}
 
 QByteArray contents(const QString& path) {
     QFile file(path);
@@ -74,41 +57,70 @@ TEST_F(SnapshotSaving, PdfPageSizeIsThePixelSizeNotThePointSize) {
     EXPECT_EQ(fakes.encoders.pdfMediaBoxes, (std::vector<Size>{Size{300, 200}}));
 }
 
-TEST_F(SnapshotSaving, UnwritableFolderPngReportsTheWriteError) {
-    const QString unwritable = unwritableFolder(folder);
-    controller->saveFolder.set(QUrl::fromLocalFile(unwritable));
-    takeSnapshotAndWait();
+// The folder is named with the system's own words; it is not a screen-capture permission
+// problem, so no permission prompt; nothing is saved and nothing revealed.
+TEST_F(SnapshotSaving, ReadOnlyFolderShowsTheFolderAndTheSystemsReason) {
+    for (const SnapshotExportFormat format : SnapshotExportFormat::allCases()) {
+        SCOPED_TRACE(format.rawValue().toStdString());
+        const ReadOnlyFolder readOnly;
+        ASSERT_TRUE(readOnly.isReadOnly());
+        controller->errorMessage.set(std::nullopt);
+        controller->saveFolder.set(QUrl::fromLocalFile(readOnly.path()));
+        controller->snapshotFormat.set(format);
+        takeSnapshotAndWait();
 
-    const QString target =
-        QDir(unwritable)
-            .filePath(TessarelController::fileName(QStringLiteral("Tessarel Snapshot"),
-                                                   fakes.clock.time, QStringLiteral("png")));
-    QSaveFile probe(target);
-    ASSERT_FALSE(probe.open(QIODevice::WriteOnly));
-    const QString writeError = probe.errorString();
-    ASSERT_FALSE(writeError.isEmpty());
-
-    // The system's own text, passed on unchanged: as a message, or as the permission prompt
-    // when it speaks of a permission.
-    if (TessarelController::descriptionSpeaksOfPermission(writeError)) {
-        EXPECT_TRUE(controller->screenCapturePermissionRequired());
-        EXPECT_FALSE(controller->errorMessage());
-    } else {
-        EXPECT_EQ(controller->errorMessage(), writeError);
+        const QString name = TessarelController::fileName(QStringLiteral("Tessarel Snapshot"),
+                                                          fakes.clock.time, format.fileExtension());
+        EXPECT_EQ(controller->errorMessage(),
+                  QStringLiteral("Tessarel could not save “%1” in the folder “%2”: %3")
+                      .arg(name, readOnly.path(), readOnly.refusal()));
+        EXPECT_FALSE(controller->screenCapturePermissionRequired());
+        EXPECT_EQ(controller->mode(), TessarelMode::home);
+        EXPECT_FALSE(controller->lastSavedURL());
+        EXPECT_TRUE(readOnly.isEmpty());
+        EXPECT_TRUE(fakes.workspace.revealed.empty());
     }
-    EXPECT_EQ(controller->mode(), TessarelMode::home);
-    EXPECT_FALSE(controller->lastSavedURL());
-    EXPECT_FALSE(QFile::exists(target));
 }
 
-TEST_F(SnapshotSaving, UnwritableFolderPdfReportsPdfEncoderUnavailable) {
-    controller->saveFolder.set(QUrl::fromLocalFile(unwritableFolder(folder)));
-    controller->snapshotFormat.set(SnapshotExportFormat::pdf);
-    takeSnapshotAndWait();
-    EXPECT_EQ(controller->errorMessage(),
-              QStringLiteral("The capture could not be saved: PDF encoder unavailable"));
-    EXPECT_EQ(controller->mode(), TessarelMode::home);
-    EXPECT_TRUE(fakes.workspace.revealed.empty());
+// Two snapshots within one second: the second takes the next number, the first stays.
+TEST_F(SnapshotSaving, SnapshotsInTheSameSecondKeepEveryFileUnderItsOwnNumber) {
+    std::vector<QString> saved;
+    for (int shot = 0; shot < 3; ++shot) {
+        takeSnapshotAndWait();
+        saved.push_back(pathOf(controller->lastSavedURL()));
+    }
+    const QString base = TessarelController::fileName(QStringLiteral("Tessarel Snapshot"),
+                                                      fakes.clock.time, QStringLiteral("png"));
+    const QString numbered = base.chopped(4);
+    EXPECT_EQ(saved, (std::vector<QString>{QDir(folder.path()).filePath(base),
+                                           QDir(folder.path()).filePath(numbered + " (2).png"),
+                                           QDir(folder.path()).filePath(numbered + " (3).png")}));
+    for (const QString& path : saved) {
+        EXPECT_EQ(contents(path), FakeSnapshotEncoders::pngSignature + "2x2");
+    }
+}
+
+// A file that appears under the chosen name while the screen is being read is left alone.
+TEST_F(SnapshotSaving, NameTakenWhileCapturingIsNeverOverwritten) {
+    screenshots.hold();
+    controller->show(TessarelMode::snapshotSetup);
+    controller->takeSnapshot();
+    ASSERT_TRUE(processEventsUntil([this] { return screenshots.isWaiting(); }));
+    const QString base =
+        QDir(folder.path())
+            .filePath(TessarelController::fileName(QStringLiteral("Tessarel Snapshot"),
+                                                   fakes.clock.time, QStringLiteral("png")));
+    QFile other(base);
+    ASSERT_TRUE(other.open(QIODevice::WriteOnly));
+    other.write("someone else's");
+    other.close();
+    screenshots.release();
+    waitForPendingWork();
+
+    EXPECT_EQ(contents(base), "someone else's");
+    EXPECT_EQ(pathOf(controller->lastSavedURL()), base.chopped(4) + " (2).png");
+    EXPECT_EQ(contents(pathOf(controller->lastSavedURL())),
+              FakeSnapshotEncoders::pngSignature + "2x2");
 }
 
 TEST_F(SnapshotSaving, BitmapEncoderWithoutDataReportsImageEncoderUnavailable) {

@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QStandardPaths>
@@ -66,8 +67,14 @@ QList<QUrl> DesktopStandardLocations::downloadsDirectories() {
     }
     while (!userDirs.atEnd()) {
         if (userDirs.readLine().trimmed().startsWith("XDG_DOWNLOAD_DIR=")) {
-            return {QUrl::fromLocalFile(
-                QStandardPaths::writableLocation(QStandardPaths::DownloadLocation))};
+            // A folder the entry names but nobody created is no place to save: the caller
+            // falls back to the home folder.
+            const QString downloads =
+                QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
+            if (!QFileInfo(downloads).isDir()) {
+                return {};
+            }
+            return {QUrl::fromLocalFile(downloads)};
         }
     }
     return {};
