@@ -1,7 +1,5 @@
 #include "region/SelectionOverlay.h"
 
-#include "controller/linux/DesktopScreens.h"
-
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMouseEvent>
@@ -93,7 +91,7 @@ void SelectionOverlay::keyPressEvent(QKeyEvent* event) {
 std::vector<ScreenDescription> DesktopSelectionOverlayHost::screens() {
     std::vector<ScreenDescription> result;
     for (const QScreen* screen : QGuiApplication::screens()) {
-        result.push_back(DesktopScreens::describe(*screen));
+        result.push_back(screens_.describe(*screen));
     }
     return result;
 }
@@ -101,11 +99,11 @@ std::vector<ScreenDescription> DesktopSelectionOverlayHost::screens() {
 void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& description,
                                               OverlayCallbacks callbacks) {
     for (QScreen* screen : QGuiApplication::screens()) {
-        if (!(DesktopScreens::describe(*screen) == description)) {
+        if (!(screens_.describe(*screen) == description)) {
             continue;
         }
         // Taken before this overlay is up, so that it shows what lies beneath.
-        QPixmap frozen = DesktopScreens::compositing() ? QPixmap() : screen->grabWindow(0);
+        QPixmap frozen = screens_.compositing() ? QPixmap() : screen->grabWindow(0);
         auto* overlay = new SelectionOverlay(*screen, std::move(callbacks), std::move(frozen));
         overlay->show();
         overlay->raise();

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "region/RegionSelector.h"
-#include "region/ScreenCoordinates.h"
+#include "screen/ScreenCoordinates.h"
 
 #include <QPixmap>
 #include <QPointer>
@@ -41,6 +41,7 @@ private:
 // Puts one overlay over every screen Qt knows.
 class DesktopSelectionOverlayHost : public SelectionOverlayHost {
 public:
+    explicit DesktopSelectionOverlayHost(const ScreenDirectory& screens) : screens_(screens) {}
     std::vector<ScreenDescription> screens() override;
     void showOverlay(const ScreenDescription& screen, OverlayCallbacks callbacks) override;
     void closeOverlays() override;
@@ -51,5 +52,6 @@ public:
     std::vector<SelectionOverlay*> overlays() const;
 
 private:
+    const ScreenDirectory& screens_;
     std::vector<QPointer<SelectionOverlay>> overlays_;
 };

@@ -1,4 +1,5 @@
 #include "region/SelectionOverlay.h"
+#include "controller/linux/DesktopScreens.h"
 #include "region/RegionSelector.h"
 #include "support/EventLoop.h"
 
@@ -52,7 +53,8 @@ protected:
         QTest::mouseRelease(target, Qt::LeftButton, {}, to);
     }
 
-    DesktopSelectionOverlayHost host;
+    DesktopScreens screens;
+    DesktopSelectionOverlayHost host{screens};
     RegionSelector selector{host};
     std::vector<Delivery> deliveries;
 };
