@@ -5,6 +5,8 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QScreen>
+#include <QTimer>
+#include <QWindow>
 
 namespace {
 
@@ -64,13 +66,17 @@ void SelectionOverlay::paintEvent(QPaintEvent*) {
     painter.drawRect(hole);
 }
 
+// Only the left button selects; the others must not start a recording.
 void SelectionOverlay::mousePressEvent(QMouseEvent* event) {
+    if (event->button() != Qt::LeftButton) {
+        return;
+    }
     view_.mouseDown(coordinates_.viewPoint(event->position()));
     update();
 }
 
 void SelectionOverlay::mouseMoveEvent(QMouseEvent* event) {
-    if (event->buttons() == Qt::NoButton) {
+    if (!event->buttons().testFlag(Qt::LeftButton)) {
         return;
     }
     setCursor(Qt::CrossCursor);
@@ -79,6 +85,9 @@ void SelectionOverlay::mouseMoveEvent(QMouseEvent* event) {
 }
 
 void SelectionOverlay::mouseReleaseEvent(QMouseEvent* event) {
+    if (event->button() != Qt::LeftButton) {
+        return;
+    }
     view_.mouseUp(coordinates_.viewPoint(event->position()));
 }
 
@@ -86,6 +95,24 @@ void SelectionOverlay::keyPressEvent(QKeyEvent* event) {
     // Every key is taken; only Escape does something.
     event->accept();
     view_.keyDown(event->key() == Qt::Key_Escape ? SelectionKey::escape : SelectionKey::other);
+}
+
+void SelectionOverlay::holdKeyboard() {
+    if (holdsKeyboard_ || !isVisible()) {
+        return;
+    }
+    QWindow* window = windowHandle();
+    holdsKeyboard_ = window != nullptr && window->setKeyboardGrabEnabled(true);
+    if (!holdsKeyboard_) {
+        QTimer::singleShot(keyboardRetryMs, this, &SelectionOverlay::holdKeyboard);
+    }
+}
+
+void SelectionOverlay::stopHoldingKeyboard() {
+    if (holdsKeyboard_ && windowHandle() != nullptr) {
+        windowHandle()->setKeyboardGrabEnabled(false);
+    }
+    holdsKeyboard_ = false;
 }
 
 std::vector<ScreenDescription> DesktopSelectionOverlayHost::screens() {
@@ -109,9 +136,8 @@ void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& descripti
         overlay->raise();
         overlay->activateWindow();
         if (overlays_.empty()) {
-            // Override-redirect windows get no focus from the window manager; Escape
-            // must still reach an overlay.
-            overlay->grabKeyboard();
+            // Override-redirect windows get no focus from the window manager.
+            overlay->holdKeyboard();
         }
         overlay->setFocus();
         overlays_.emplace_back(overlay);
@@ -122,7 +148,7 @@ void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& descripti
 void DesktopSelectionOverlayHost::closeOverlays() {
     for (const QPointer<SelectionOverlay>& overlay : overlays_) {
         if (overlay) {
-            overlay->releaseKeyboard();
+            overlay->stopHoldingKeyboard();
             overlay->hide();
             // Closing may happen inside one of the overlay's own event handlers.
             overlay->deleteLater();

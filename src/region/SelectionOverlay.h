@@ -24,6 +24,11 @@ public:
     SelectionOverlay(QScreen& screen, SelectionOverlayHost::OverlayCallbacks callbacks,
                      QPixmap frozenScreen);
     const SelectionView& view() const { return view_; }
+    // Takes the keyboard, so that Escape reaches the overlay whichever window has the focus.
+    // While another client holds it (a menu, a key binding) or the window is not yet mapped,
+    // it keeps trying until it succeeds or the overlay goes.
+    void holdKeyboard();
+    void stopHoldingKeyboard();
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -33,7 +38,10 @@ protected:
     void keyPressEvent(QKeyEvent* event) override;
 
 private:
+    static constexpr int keyboardRetryMs = 50;
+
     SelectionView view_;
+    bool holdsKeyboard_ = false;
     ScreenCoordinates coordinates_;
     QPixmap frozenScreen_;
 };
