@@ -14,7 +14,7 @@
 #include <QVBoxLayout>
 #include <QWindow>
 
-#include <cmath>
+#include <algorithm>
 
 namespace {
 
@@ -25,7 +25,7 @@ public:
         : QWidget(nullptr, Qt::Popup | Qt::FramelessWindowHint) {
         setObjectName(QStringLiteral("popup"));
         // Rounded corners only where something can show through them.
-        setAttribute(Qt::WA_TranslucentBackground, DesktopScreens::compositing());
+        setAttribute(Qt::WA_TranslucentBackground, DesktopScreens().compositing());
         // A click on the tray icon that closes the popup must not reopen it.
         setAttribute(Qt::WA_NoMouseReplay);
         setFixedSize(DesktopShell::popupSize);
@@ -129,8 +129,7 @@ void DesktopShell::configurePanel() {
     layout->setContentsMargins(0, 0, 0, 0);
     rootView_ = new TessarelRootView(controller_, panel_.get());
     layout->addWidget(rootView_);
-    const QSize initial(static_cast<int>(ShellCoordinator::initialPanelSize.width),
-                        static_cast<int>(ShellCoordinator::initialPanelSize.height));
+    const QSize initial = Appearance::toQSize(ShellCoordinator::initialPanelSize);
     panel_->resize(initial);
     if (const QScreen* screen = QGuiApplication::primaryScreen()) {
         QRect frame(QPoint(0, 0), initial);
@@ -141,8 +140,7 @@ void DesktopShell::configurePanel() {
 
 void DesktopShell::setPanelContentSize(const Size& size) {
     if (panel_) {
-        const QSize content(static_cast<int>(std::lround(size.width)),
-                            static_cast<int>(std::lround(size.height)));
+        const QSize content = Appearance::toQSize(size);
         panel_->setMinimumSize(TessarelRootView::minimumSizeFor(content));
         panel_->resize(content);
     }
@@ -162,8 +160,8 @@ void DesktopShell::configureStatusItem() {
     if (!trayAvailable_) {
         return;
     }
-    tray_ = std::make_unique<QSystemTrayIcon>(
-        Appearance::symbolIcon(QStringLiteral("sparkles"), QColor(255, 184, 0), 22));
+    tray_ = std::make_unique<QSystemTrayIcon>(Appearance::symbolIcon(
+        QStringLiteral("sparkles"), Appearance::color(TessarelColor::amber), 22));
     tray_->setToolTip(QStringLiteral("Tessarel"));
     connect(tray_.get(), &QSystemTrayIcon::activated, this,
             [this](QSystemTrayIcon::ActivationReason reason) {

@@ -9,17 +9,17 @@ ShellCoordinator::ShellCoordinator(ShellWindowing& windowing, Published<Tessarel
 Size ShellCoordinator::panelContentSize(TessarelMode mode) {
     switch (mode) {
     case TessarelMode::home:
-        return {650, 430};
+        return PanelSize::home;
     case TessarelMode::audioSetup:
     case TessarelMode::videoSetup:
     case TessarelMode::snapshotSetup:
-        return {700, 460};
+        return PanelSize::setup;
     case TessarelMode::recordingAudio:
-        return {720, 318};
+        return PanelSize::audioProgress;
     case TessarelMode::recordingVideo:
-        return {720, 220};
+        return PanelSize::videoProgress;
     }
-    return {650, 430};
+    return PanelSize::home;
 }
 
 std::optional<TessarelMode> ShellCoordinator::shortcutMode(const KeyPress& key) {

@@ -3,6 +3,7 @@
 #include "capture/Geometry.h"
 #include "controller/Published.h"
 #include "controller/TessarelMode.h"
+#include "ui/ViewArithmetic.h"
 
 #include <QObject>
 #include <QString>
@@ -50,7 +51,7 @@ public:
     ShellCoordinator(ShellWindowing& windowing, Published<TessarelMode>& mode,
                      std::function<void(TessarelMode)> show);
 
-    static constexpr Size initialPanelSize{700, 460};
+    static constexpr Size initialPanelSize = PanelSize::setup;
     static Size panelContentSize(TessarelMode mode);
     // The screen a shortcut opens, or none when the key is not one of them.
     static std::optional<TessarelMode> shortcutMode(const KeyPress& key);

@@ -28,10 +28,10 @@ int main(int argc, char** argv) {
 
     const std::unique_ptr<LoadedCapturePlatform> capture = loadCapturePlatform();
     CaptureEngine engine(capture->platform());
-    DesktopSelectionOverlayHost overlays;
+    DesktopScreens screens;
+    DesktopSelectionOverlayHost overlays(screens);
     RegionSelector selector(overlays);
 
-    DesktopScreens screens;
     DesktopScreenCapturePermission permission;
     DesktopWorkspace workspace;
     DesktopFolderChooser folderChooser;

@@ -5,6 +5,7 @@
 
 #include "capture/Geometry.h"
 #include "capture/Image.h"
+#include "screen/ScreenDescription.h"
 
 #include <QDateTime>
 #include <QList>
@@ -15,15 +16,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-
-// A screen as the GUI sees it. The display number is kept as the platform reported it,
-// so that a missing or malformed one can be told apart from a valid 32-bit number.
-struct ScreenDescription {
-    QVariant displayNumber;
-    Rect frame; // global points
-    double backingScaleFactor = 1.0;
-    friend bool operator==(const ScreenDescription&, const ScreenDescription&) = default;
-};
 
 class ScreenProvider {
 public:

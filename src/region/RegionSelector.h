@@ -1,7 +1,7 @@
 #pragma once
 
 #include "capture/Geometry.h"
-#include "controller/ControllerPlatform.h"
+#include "screen/ScreenDescription.h"
 
 #include <functional>
 #include <memory>

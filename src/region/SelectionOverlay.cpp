@@ -1,12 +1,12 @@
 #include "region/SelectionOverlay.h"
 
-#include "controller/linux/DesktopScreens.h"
-
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QScreen>
+#include <QTimer>
+#include <QWindow>
 
 namespace {
 
@@ -66,13 +66,17 @@ void SelectionOverlay::paintEvent(QPaintEvent*) {
     painter.drawRect(hole);
 }
 
+// Only the left button selects; the others must not start a recording.
 void SelectionOverlay::mousePressEvent(QMouseEvent* event) {
+    if (event->button() != Qt::LeftButton) {
+        return;
+    }
     view_.mouseDown(coordinates_.viewPoint(event->position()));
     update();
 }
 
 void SelectionOverlay::mouseMoveEvent(QMouseEvent* event) {
-    if (event->buttons() == Qt::NoButton) {
+    if (!event->buttons().testFlag(Qt::LeftButton)) {
         return;
     }
     setCursor(Qt::CrossCursor);
@@ -81,6 +85,9 @@ void SelectionOverlay::mouseMoveEvent(QMouseEvent* event) {
 }
 
 void SelectionOverlay::mouseReleaseEvent(QMouseEvent* event) {
+    if (event->button() != Qt::LeftButton) {
+        return;
+    }
     view_.mouseUp(coordinates_.viewPoint(event->position()));
 }
 
@@ -90,10 +97,28 @@ void SelectionOverlay::keyPressEvent(QKeyEvent* event) {
     view_.keyDown(event->key() == Qt::Key_Escape ? SelectionKey::escape : SelectionKey::other);
 }
 
+void SelectionOverlay::holdKeyboard() {
+    if (holdsKeyboard_ || !isVisible()) {
+        return;
+    }
+    QWindow* window = windowHandle();
+    holdsKeyboard_ = window != nullptr && window->setKeyboardGrabEnabled(true);
+    if (!holdsKeyboard_) {
+        QTimer::singleShot(keyboardRetryMs, this, &SelectionOverlay::holdKeyboard);
+    }
+}
+
+void SelectionOverlay::stopHoldingKeyboard() {
+    if (holdsKeyboard_ && windowHandle() != nullptr) {
+        windowHandle()->setKeyboardGrabEnabled(false);
+    }
+    holdsKeyboard_ = false;
+}
+
 std::vector<ScreenDescription> DesktopSelectionOverlayHost::screens() {
     std::vector<ScreenDescription> result;
     for (const QScreen* screen : QGuiApplication::screens()) {
-        result.push_back(DesktopScreens::describe(*screen));
+        result.push_back(screens_.describe(*screen));
     }
     return result;
 }
@@ -101,19 +126,18 @@ std::vector<ScreenDescription> DesktopSelectionOverlayHost::screens() {
 void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& description,
                                               OverlayCallbacks callbacks) {
     for (QScreen* screen : QGuiApplication::screens()) {
-        if (!(DesktopScreens::describe(*screen) == description)) {
+        if (!(screens_.describe(*screen) == description)) {
             continue;
         }
         // Taken before this overlay is up, so that it shows what lies beneath.
-        QPixmap frozen = DesktopScreens::compositing() ? QPixmap() : screen->grabWindow(0);
+        QPixmap frozen = screens_.compositing() ? QPixmap() : screen->grabWindow(0);
         auto* overlay = new SelectionOverlay(*screen, std::move(callbacks), std::move(frozen));
         overlay->show();
         overlay->raise();
         overlay->activateWindow();
         if (overlays_.empty()) {
-            // Override-redirect windows get no focus from the window manager; Escape
-            // must still reach an overlay.
-            overlay->grabKeyboard();
+            // Override-redirect windows get no focus from the window manager.
+            overlay->holdKeyboard();
         }
         overlay->setFocus();
         overlays_.emplace_back(overlay);
@@ -124,7 +148,7 @@ void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& descripti
 void DesktopSelectionOverlayHost::closeOverlays() {
     for (const QPointer<SelectionOverlay>& overlay : overlays_) {
         if (overlay) {
-            overlay->releaseKeyboard();
+            overlay->stopHoldingKeyboard();
             overlay->hide();
             // Closing may happen inside one of the overlay's own event handlers.
             overlay->deleteLater();

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "region/RegionSelector.h"
-#include "region/ScreenCoordinates.h"
+#include "screen/ScreenCoordinates.h"
 
 #include <QPixmap>
 #include <QPointer>
@@ -24,6 +24,11 @@ public:
     SelectionOverlay(QScreen& screen, SelectionOverlayHost::OverlayCallbacks callbacks,
                      QPixmap frozenScreen);
     const SelectionView& view() const { return view_; }
+    // Takes the keyboard, so that Escape reaches the overlay whichever window has the focus.
+    // While another client holds it (a menu, a key binding) or the window is not yet mapped,
+    // it keeps trying until it succeeds or the overlay goes.
+    void holdKeyboard();
+    void stopHoldingKeyboard();
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -33,7 +38,10 @@ protected:
     void keyPressEvent(QKeyEvent* event) override;
 
 private:
+    static constexpr int keyboardRetryMs = 50;
+
     SelectionView view_;
+    bool holdsKeyboard_ = false;
     ScreenCoordinates coordinates_;
     QPixmap frozenScreen_;
 };
@@ -41,6 +49,7 @@ private:
 // Puts one overlay over every screen Qt knows.
 class DesktopSelectionOverlayHost : public SelectionOverlayHost {
 public:
+    explicit DesktopSelectionOverlayHost(const ScreenDirectory& screens) : screens_(screens) {}
     std::vector<ScreenDescription> screens() override;
     void showOverlay(const ScreenDescription& screen, OverlayCallbacks callbacks) override;
     void closeOverlays() override;
@@ -51,5 +60,6 @@ public:
     std::vector<SelectionOverlay*> overlays() const;
 
 private:
+    const ScreenDirectory& screens_;
     std::vector<QPointer<SelectionOverlay>> overlays_;
 };

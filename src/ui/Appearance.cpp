@@ -41,6 +41,10 @@ QColor color(const RGBColor& rgb) {
                             static_cast<float>(rgb.blue));
 }
 
+QSize toQSize(const Size& size) {
+    return {static_cast<int>(std::lround(size.width)), static_cast<int>(std::lround(size.height))};
+}
+
 QColor blue() {
     return darkDesktop() ? QColor(10, 132, 255) : QColor(0, 122, 255);
 }

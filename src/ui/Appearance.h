@@ -6,6 +6,7 @@
 #include <QFont>
 #include <QIcon>
 #include <QPixmap>
+#include <QSize>
 #include <QString>
 
 class QLabel;
@@ -16,6 +17,8 @@ class QWidget;
 namespace Appearance {
 
 QColor color(const RGBColor& rgb);
+// Points as Qt sizes, rounded to whole points.
+QSize toQSize(const Size& size);
 QColor blue();
 QColor red();
 QColor indigo();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "capture/Geometry.h"
+
 #include <QString>
 
 // The views' platform-free arithmetic: the palette, the elapsed-time text and the level
@@ -18,6 +20,18 @@ struct TessarelColor {
     static constexpr RGBColor video{0.1, 0.52, 1.0};
     static constexpr RGBColor snapshot{0.5, 0.2, 0.92};
     static constexpr RGBColor green{0.05, 0.82, 0.35};
+    // The sparkles of the title and the tray icon.
+    static constexpr RGBColor amber{1.0, 184 / 255.0, 0.0};
+};
+
+// The panel's content size on each screen, in points.
+struct PanelSize {
+    static constexpr Size home{650, 430};
+    static constexpr Size setup{700, 460};
+    static constexpr Size audioProgress{720, 318};
+    static constexpr Size videoProgress{720, 220};
+    // The panel never shrinks below this, unless the screen is smaller.
+    static constexpr Size minimum{650, 410};
 };
 
 // Whole seconds as "hh:mm:ss"; hours are not wrapped. A value that is not finite or lies

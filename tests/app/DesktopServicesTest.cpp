@@ -98,8 +98,9 @@ TEST(DesktopServicesTest, ScreenCaptureIsAlwaysAllowedAndHasNoSettingsLink) {
 TEST(DesktopServicesTest, ScreensAreDescribedInBottomLeftGlobalPoints) {
     const QList<QScreen*> screens = QGuiApplication::screens();
     ASSERT_EQ(screens.size(), 2);
-    const ScreenDescription primary = DesktopScreens::describe(*screens[0]);
-    const ScreenDescription secondary = DesktopScreens::describe(*screens[1]);
+    const DesktopScreens desktop;
+    const ScreenDescription primary = desktop.describe(*screens[0]);
+    const ScreenDescription secondary = desktop.describe(*screens[1]);
     EXPECT_EQ(primary.frame, (Rect{0, 0, 1920, 1080}));
     EXPECT_EQ(secondary.frame, (Rect{1920, 0, 1280, 1024}));
     EXPECT_EQ(secondary.backingScaleFactor, 1.0);

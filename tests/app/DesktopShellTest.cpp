@@ -1,6 +1,7 @@
 #include "GuiFixture.h"
 
 #include "app/DesktopShell.h"
+#include "controller/linux/DesktopScreens.h"
 #include "region/SelectionOverlay.h"
 #include "ui/Chrome.h"
 #include "ui/Views.h"
@@ -149,7 +150,8 @@ TEST_F(DesktopShellTest, ARegionSelectionOverlayBecomingKeyClosesThePopup) {
     launch(true);
     clickTrayIcon();
     ASSERT_TRUE(shell->popup()->isVisible());
-    DesktopSelectionOverlayHost host;
+    DesktopScreens screens;
+    DesktopSelectionOverlayHost host(screens);
     RegionSelector realSelector(host);
     realSelector.begin([](const Rect&, const ScreenDescription&) {});
     settle();

@@ -1,5 +1,5 @@
 #include "region/RegionSelector.h"
-#include "region/ScreenCoordinates.h"
+#include "screen/ScreenCoordinates.h"
 
 #include <gtest/gtest.h>
 

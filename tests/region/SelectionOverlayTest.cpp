@@ -1,8 +1,10 @@
 #include "region/SelectionOverlay.h"
+#include "controller/linux/DesktopScreens.h"
 #include "region/RegionSelector.h"
 #include "support/EventLoop.h"
 
 #include <QApplication>
+#include <QPainter>
 #include <QScreen>
 #include <QTest>
 
@@ -52,7 +54,8 @@ protected:
         QTest::mouseRelease(target, Qt::LeftButton, {}, to);
     }
 
-    DesktopSelectionOverlayHost host;
+    DesktopScreens screens;
+    DesktopSelectionOverlayHost host{screens};
     RegionSelector selector{host};
     std::vector<Delivery> deliveries;
 };
@@ -84,14 +87,56 @@ TEST_F(SelectionOverlayTest, TheOverlayDimsAndShowsTheDragUndimmedWithABlueOutli
     QMouseEvent move(QEvent::MouseMove, QPointF(300, 200), window->mapToGlobal(QPointF(300, 200)),
                      Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(window, &move);
-    const QImage image = window->grab().toImage();
+    // Composed over white, as the desktop beneath would show it.
+    QImage image(window->size(), QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::white);
+    {
+        QPainter painter(&image);
+        painter.drawPixmap(0, 0, window->grab());
+    }
+    // Black at 0.32 over white: 255 × (1 − 0.32) = 173.4.
     const QColor dimmed = image.pixelColor(50, 50);
-    EXPECT_EQ(dimmed.alpha(), qRound(255 * SelectionOverlay::dimmingAlpha));
-    EXPECT_EQ(dimmed.red(), 0);
-    EXPECT_EQ(image.pixelColor(200, 150).alpha(), 0);
-    const QColor outline = image.pixelColor(200, 100);
-    EXPECT_GT(outline.blue(), 200);
-    EXPECT_LT(outline.red(), 60);
+    EXPECT_NEAR(dimmed.red(), 173, 1);
+    EXPECT_NEAR(dimmed.green(), 173, 1);
+    EXPECT_NEAR(dimmed.blue(), 173, 1);
+    EXPECT_EQ(image.pixelColor(200, 150), QColor(Qt::white));
+    // The outline is centred on the hole's edge at y = 100: two rows of blue, one each side.
+    const auto isBlue = [&image](int y) {
+        const QColor pixel = image.pixelColor(200, y);
+        return pixel.blue() > 200 && pixel.red() < 60 && pixel.green() < 160;
+    };
+    EXPECT_FALSE(isBlue(97));
+    EXPECT_FALSE(isBlue(98));
+    EXPECT_TRUE(isBlue(99));
+    EXPECT_TRUE(isBlue(100));
+    EXPECT_FALSE(isBlue(101));
+    EXPECT_FALSE(isBlue(102));
+}
+
+TEST_F(SelectionOverlayTest, RightAndMiddleButtonDragsSelectNothing) {
+    begin();
+    for (const Qt::MouseButton button : {Qt::RightButton, Qt::MiddleButton}) {
+        SelectionOverlay* window = overlay(0);
+        QTest::mousePress(window, button, {}, QPoint(100, 100));
+        QMouseEvent move(QEvent::MouseMove, QPointF(400, 400),
+                         window->mapToGlobal(QPointF(400, 400)), Qt::NoButton, button,
+                         Qt::NoModifier);
+        QApplication::sendEvent(window, &move);
+        QTest::mouseRelease(window, button, {}, QPoint(400, 400));
+        settle();
+        EXPECT_TRUE(deliveries.empty());
+        EXPECT_FALSE(window->view().highlightedRect().has_value());
+        EXPECT_EQ(host.overlays().size(), 2u);
+    }
+    // A right click in the middle of a left drag neither restarts nor ends it.
+    SelectionOverlay* window = overlay(0);
+    QTest::mousePress(window, Qt::LeftButton, {}, QPoint(100, 100));
+    QTest::mousePress(window, Qt::RightButton, Qt::NoModifier, QPoint(150, 150));
+    QTest::mouseRelease(window, Qt::RightButton, Qt::NoModifier, QPoint(150, 150));
+    EXPECT_TRUE(deliveries.empty());
+    QTest::mouseRelease(window, Qt::LeftButton, {}, QPoint(300, 300));
+    ASSERT_EQ(deliveries.size(), 1u);
+    EXPECT_EQ(deliveries[0].rect.size(), (Size{200, 200}));
 }
 
 TEST_F(SelectionOverlayTest, OnTheSecondDisplayAtX1920TheViewRectangleIsOffsetIntoGlobalPoints) {

@@ -1,6 +1,6 @@
 #include "controller/linux/DesktopScreens.h"
 
-#include "region/ScreenCoordinates.h"
+#include "screen/ScreenCoordinates.h"
 
 #include <QGuiApplication>
 #include <QScreen>
@@ -43,7 +43,7 @@ QVariant displayNumber(const QScreen& screen) {
 
 } // namespace
 
-ScreenDescription DesktopScreens::describe(const QScreen& screen) {
+ScreenDescription DesktopScreens::describe(const QScreen& screen) const {
     const QScreen* primary = QGuiApplication::primaryScreen();
     const QRectF primaryGeometry = primary != nullptr ? primary->geometry() : screen.geometry();
     return {displayNumber(screen),
@@ -51,7 +51,7 @@ ScreenDescription DesktopScreens::describe(const QScreen& screen) {
             screen.devicePixelRatio()};
 }
 
-bool DesktopScreens::compositing() {
+bool DesktopScreens::compositing() const {
     xcb_connection_t* connection = x11Connection();
     if (connection == nullptr) {
         return true;

@@ -5,16 +5,16 @@
 class QScreen;
 
 // Qt's screens as the controller and the region selector see them. GUI thread only.
-class DesktopScreens : public ScreenProvider {
+class DesktopScreens : public ScreenProvider, public ScreenDirectory {
 public:
     // The display number is the X atom of the screen's name, the same number the X11 capture
     // backend derives from the RandR monitor's name; it is missing off X11. The frame is in
     // global bottom-left points; the scale is the device pixel ratio.
-    static ScreenDescription describe(const QScreen& screen);
+    ScreenDescription describe(const QScreen& screen) const override;
 
     // False on an X display without a compositing manager, where a translucent window shows
     // black instead of what lies beneath.
-    static bool compositing();
+    bool compositing() const override;
 
     std::optional<ScreenDescription> mainScreen() override;
 };

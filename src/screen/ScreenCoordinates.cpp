@@ -1,4 +1,4 @@
-#include "region/ScreenCoordinates.h"
+#include "screen/ScreenCoordinates.h"
 
 Rect ScreenCoordinates::globalFrame(const QRectF& geometry, const QRectF& primaryGeometry) {
     return {geometry.x() - primaryGeometry.x(), primaryGeometry.bottom() - geometry.bottom(),

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "ui/Widgets.h"
+
+class QLabel;
+
+// While a recording runs: its level (audio only), the running time and the stop button.
+class ProgressView : public ControllerView {
+    Q_OBJECT
+public:
+    ProgressView(TessarelController& controller, bool audio, QWidget* parent = nullptr);
+
+protected:
+    void render() override;
+
+private:
+    bool audio_;
+    QLabel* durationLabel_ = nullptr;
+    Meter* meter_ = nullptr;
+};
