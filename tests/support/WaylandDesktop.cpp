@@ -234,6 +234,12 @@ void WaylandDesktop::stop() {
     daemons_.clear();
 }
 
+void WaylandDesktop::killCompositor() {
+    QProcess& sway = *daemons_.back();
+    sway.kill();
+    sway.waitForFinished(kStartTimeoutMs);
+}
+
 QProcessEnvironment WaylandDesktop::environment() const {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDirectory_);
@@ -319,8 +325,11 @@ WaylandDesktop::Output WaylandDesktop::output(const QString& name) const {
     return {};
 }
 
-QImage WaylandDesktop::grim(const QString& output) const {
+QImage WaylandDesktop::grim(const QString& output, bool withPointer) const {
     QStringList arguments{QStringLiteral("-t"), QStringLiteral("ppm")};
+    if (withPointer) {
+        arguments << QStringLiteral("-c");
+    }
     if (!output.isEmpty()) {
         arguments << QStringLiteral("-o") << output;
     }

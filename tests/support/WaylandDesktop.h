@@ -35,8 +35,9 @@ public:
     };
 
     // A window of the test tree's client, tiled alone on an output so it covers it (but the
-    // bar): a pattern of flat 16 × 16 cells from `seed`, and, when `moving`, a block that
-    // slides through its lower quarter every frame. Closed with the object.
+    // bar): a pattern of flat 16 × 16 cells from `seed`, and, when `moving`, a band 48 points
+    // high centred at three quarters of its height that scrolls at every frame. Closed with
+    // the object.
     class Window {
     public:
         ~Window();
@@ -88,8 +89,12 @@ public:
     QByteArray swaymsg(const QStringList& arguments) const;
     std::vector<Output> outputs() const;
     Output output(const QString& name) const;
-    // grim's picture: of `output` when named, else of the whole layout.
-    QImage grim(const QString& output = {}) const;
+    // grim's picture: of `output` when named, else of the whole layout; with the pointer
+    // drawn in when asked for.
+    QImage grim(const QString& output = {}, bool withPointer = false) const;
+
+    // Kills sway as a crash would, leaving its clients without a compositor.
+    void killCompositor();
 
     std::unique_ptr<Window> showWindow(const QString& output, int seed, bool moving);
     // The pointer, started at the first call.

@@ -1,14 +1,15 @@
 // A Wayland window for tests: the test pattern of flat cells, and with "1" as second argument
-// a block sliding back and forth through its lower quarter, moved at every frame the
-// compositor asks for. Prints "shown" once the compositor has shown the first picture at
-// the size it gave the window.
-// Usage: wayland_test_window <seed> <moving: 0 or 1>
+// a band of it around three quarters of the height (the lower quarter's top, 48 points high)
+// scrolling to the left by 4 points at every frame the compositor asks for. Prints "shown" once the
+// compositor has shown the first picture at the size it gave the window. Usage: wayland_test_window
+// <seed> <moving: 0 or 1>
 
 #include "support/VirtualDisplay.h"
 
 #include "xdg-shell-client.h"
 
 #include <wayland-client.h>
+#include <wayland-cursor.h>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -21,16 +22,14 @@
 
 namespace {
 
-constexpr int kBlockSize = 48;
-constexpr int kBlockStep = 4; // points per frame
-const QRgb kBlockColour = qRgb(40, 200, 60);
+constexpr int kBandHeight = 48;
+constexpr int kBandStep = 4; // points per frame
 
 struct Buffer {
     wl_buffer* buffer = nullptr;
     uint32_t* pixels = nullptr;
     size_t size = 0;
     bool busy = false;
-    QRect block; // where this buffer shows the block
 };
 
 struct Window {
@@ -39,6 +38,10 @@ struct Window {
     wl_compositor* compositor = nullptr;
     wl_shm* shm = nullptr;
     xdg_wm_base* shell = nullptr;
+    wl_seat* seat = nullptr;
+    wl_pointer* pointer = nullptr;
+    wl_surface* cursorSurface = nullptr;
+    wl_cursor_image* cursorImage = nullptr;
     wl_surface* surface = nullptr;
     xdg_surface* shellSurface = nullptr;
     xdg_toplevel* toplevel = nullptr;
@@ -53,12 +56,7 @@ struct Window {
     bool announced = false;
     bool running = true;
 
-    QRect block(long long at) const {
-        const int travel = std::max(1, width - kBlockSize);
-        const long long offset = (at * kBlockStep) % (2 * travel);
-        const int x = static_cast<int>(offset < travel ? offset : 2 * travel - offset);
-        return {x, height * 3 / 4 - kBlockSize / 2, kBlockSize, kBlockSize};
-    }
+    int bandTop() const { return height * 3 / 4 - kBandHeight / 2; }
 };
 
 void onRegistry(void* data, wl_registry* registry, uint32_t name, const char* interface, uint32_t) {
@@ -68,6 +66,9 @@ void onRegistry(void* data, wl_registry* registry, uint32_t name, const char* in
             wl_registry_bind(registry, name, &wl_compositor_interface, 4));
     } else if (std::strcmp(interface, wl_shm_interface.name) == 0) {
         window->shm = static_cast<wl_shm*>(wl_registry_bind(registry, name, &wl_shm_interface, 1));
+    } else if (std::strcmp(interface, wl_seat_interface.name) == 0 && !window->seat) {
+        window->seat =
+            static_cast<wl_seat*>(wl_registry_bind(registry, name, &wl_seat_interface, 1));
     } else if (std::strcmp(interface, xdg_wm_base_interface.name) == 0) {
         window->shell =
             static_cast<xdg_wm_base*>(wl_registry_bind(registry, name, &xdg_wm_base_interface, 1));
@@ -80,6 +81,33 @@ void onPing(void*, xdg_wm_base* shell, uint32_t serial) {
     xdg_wm_base_pong(shell, serial);
 }
 const xdg_wm_base_listener kShellListener{onPing};
+
+// The compositor shows no pointer over a window that has not set one.
+void onPointerEnter(void* data, wl_pointer* pointer, uint32_t serial, wl_surface*, wl_fixed_t,
+                    wl_fixed_t) {
+    const auto* window = static_cast<Window*>(data);
+    const wl_cursor_image* image = window->cursorImage;
+    wl_pointer_set_cursor(pointer, serial, window->cursorSurface,
+                          static_cast<int32_t>(image->hotspot_x),
+                          static_cast<int32_t>(image->hotspot_y));
+}
+void onPointerLeave(void*, wl_pointer*, uint32_t, wl_surface*) {}
+void onPointerMotion(void*, wl_pointer*, uint32_t, wl_fixed_t, wl_fixed_t) {}
+void onPointerButton(void*, wl_pointer*, uint32_t, uint32_t, uint32_t, uint32_t) {}
+void onPointerAxis(void*, wl_pointer*, uint32_t, uint32_t, wl_fixed_t) {}
+// The seat is bound at its first version, which sends none of the later events.
+const wl_pointer_listener kPointerListener{
+    onPointerEnter, onPointerLeave, onPointerMotion, onPointerButton, onPointerAxis,
+    nullptr,        nullptr,        nullptr,         nullptr,         nullptr};
+
+void onSeatCapabilities(void* data, wl_seat* seat, uint32_t capabilities) {
+    auto* window = static_cast<Window*>(data);
+    if ((capabilities & WL_SEAT_CAPABILITY_POINTER) != 0 && !window->pointer) {
+        window->pointer = wl_seat_get_pointer(seat);
+        wl_pointer_add_listener(window->pointer, &kPointerListener, window);
+    }
+}
+const wl_seat_listener kSeatListener{onSeatCapabilities, nullptr};
 
 void onBufferRelease(void* data, wl_buffer*) {
     static_cast<Buffer*>(data)->busy = false;
@@ -112,13 +140,15 @@ void allocate(Window& window) {
     }
 }
 
-void fill(Window& window, Buffer& buffer, const QRect& rect, bool block) {
-    const QRect clipped = rect.intersected(QRect(0, 0, window.width, window.height));
-    for (int y = clipped.top(); y <= clipped.bottom(); ++y) {
+// The band as it is at the current frame.
+void drawBand(const Window& window, Buffer& buffer) {
+    const int shift = static_cast<int>((window.frame * kBandStep) % window.width);
+    for (int y = window.bandTop(); y < std::min(window.height, window.bandTop() + kBandHeight);
+         ++y) {
         const auto* source = reinterpret_cast<const QRgb*>(window.pattern.constScanLine(y));
-        for (int x = clipped.left(); x <= clipped.right(); ++x) {
-            buffer.pixels[y * window.width + x] = block ? kBlockColour : source[x];
-        }
+        uint32_t* row = buffer.pixels + static_cast<ptrdiff_t>(y) * window.width;
+        std::memcpy(row, source + shift, static_cast<size_t>(window.width - shift) * 4);
+        std::memcpy(row + (window.width - shift), source, static_cast<size_t>(shift) * 4);
     }
 }
 
@@ -139,7 +169,7 @@ void onFrameDone(void* data, wl_callback* callback, uint32_t) {
 }
 const wl_callback_listener kFrameListener{onFrameDone};
 
-// Draws the picture of the current frame into a free buffer, over the block it showed.
+// Draws the picture of the current frame into a free buffer.
 void draw(Window& window) {
     auto free = std::find_if(window.buffers.begin(), window.buffers.end(),
                              [](const Buffer& buffer) { return !buffer.busy; });
@@ -147,9 +177,7 @@ void draw(Window& window) {
         free = window.buffers.begin(); // shm buffers may be drawn over while held
     }
     if (window.moving) {
-        fill(window, *free, free->block, false);
-        free->block = window.block(window.frame);
-        fill(window, *free, free->block, true);
+        drawBand(window, *free);
     }
     free->busy = true;
     wl_surface_attach(window.surface, free->buffer, 0, 0);
@@ -211,6 +239,19 @@ int main(int argc, char** argv) {
         return 1;
     }
     xdg_wm_base_add_listener(window.shell, &kShellListener, nullptr);
+    wl_cursor_theme* theme = wl_cursor_theme_load(nullptr, 24, window.shm);
+    wl_cursor* cursor = theme ? wl_cursor_theme_get_cursor(theme, "left_ptr") : nullptr;
+    if (!cursor) {
+        std::fprintf(stderr, "no pointer image\n");
+        return 1;
+    }
+    window.cursorImage = cursor->images[0];
+    window.cursorSurface = wl_compositor_create_surface(window.compositor);
+    wl_surface_attach(window.cursorSurface, wl_cursor_image_get_buffer(window.cursorImage), 0, 0);
+    wl_surface_commit(window.cursorSurface);
+    if (window.seat) {
+        wl_seat_add_listener(window.seat, &kSeatListener, &window);
+    }
     window.surface = wl_compositor_create_surface(window.compositor);
     window.shellSurface = xdg_wm_base_get_xdg_surface(window.shell, window.surface);
     xdg_surface_add_listener(window.shellSurface, &kSurfaceListener, &window);
