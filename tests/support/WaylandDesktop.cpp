@@ -341,14 +341,16 @@ QImage WaylandDesktop::grim(const QString& output, bool withPointer) const {
     return picture.convertToFormat(QImage::Format_RGB32);
 }
 
-std::unique_ptr<WaylandDesktop::Window> WaylandDesktop::showWindow(const QString& output, int seed,
-                                                                   bool moving) {
+std::unique_ptr<WaylandDesktop::Window>
+WaylandDesktop::showWindow(const QString& output, int seed, Motion motion, const QString& picture) {
+    static const char* const kMotionNames[] = {"still", "band", "glow", "slide"};
     // New windows open on the focused output.
     swaymsg({QStringLiteral("focus"), QStringLiteral("output"), output});
     std::unique_ptr<Window> window(new Window);
     startProgram(window->process_,
-                 {QStringLiteral(WAYLAND_TEST_WINDOW), QString::number(seed),
-                  QString::number(moving ? 1 : 0)},
+                 QStringList{QStringLiteral(WAYLAND_TEST_WINDOW), QString::number(seed),
+                             QString::fromLatin1(kMotionNames[static_cast<int>(motion)])} +
+                     (picture.isEmpty() ? QStringList() : QStringList{picture}),
                  environment());
     if (readLine(window->process_, "the test window") != "shown") {
         throw std::runtime_error("the test window did not show");

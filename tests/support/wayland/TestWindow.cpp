@@ -1,8 +1,15 @@
-// A Wayland window for tests: the test pattern of flat cells, and with "1" as second argument
-// a band of it around three quarters of the height (the lower quarter's top, 48 points high)
-// scrolling to the left by 4 points at every frame the compositor asks for. Prints "shown" once the
-// compositor has shown the first picture at the size it gave the window. Usage: wayland_test_window
-// <seed> <moving: 0 or 1>
+// A Wayland window for tests and benchmarks, showing the test pattern of flat cells (or a
+// picture from a file, from its top left corner) and moving at every frame the compositor
+// asks for, as told:
+//   still  nothing moves
+//   band   a band of the picture around three quarters of the height (48 points high)
+//          scrolls to the left by 4 points a frame
+//   glow   a 320 × 240 glow at (500, 300) circles
+//   slide  the picture, 600 points wider than the window, slides back and forth by 4 points
+//          a frame
+// It sets the pointer's image where the pointer enters it, and prints "shown" once the
+// compositor has shown the first picture at the size it gave the window.
+// Usage: wayland_test_window <seed> <still|band|glow|slide> [picture file]
 
 #include "support/VirtualDisplay.h"
 
@@ -15,15 +22,23 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
 constexpr int kBandHeight = 48;
-constexpr int kBandStep = 4; // points per frame
+constexpr int kStep = 4; // points a frame, for the band and the slide
+constexpr int kSlideTravel = 600;
+const QRect kGlow(500, 300, 320, 240);
+
+enum class Motion { still, band, glow, slide };
 
 struct Buffer {
     wl_buffer* buffer = nullptr;
@@ -34,7 +49,8 @@ struct Buffer {
 
 struct Window {
     int seed = 0;
-    bool moving = false;
+    Motion motion = Motion::still;
+    QImage picture; // from the file, if one was given
     wl_compositor* compositor = nullptr;
     wl_shm* shm = nullptr;
     xdg_wm_base* shell = nullptr;
@@ -54,6 +70,7 @@ struct Window {
     long long frame = 0;
     bool sized = false; // drawn at a size the compositor chose
     bool announced = false;
+    bool fullDamage = false; // the buffers were made anew
     bool running = true;
 
     int bandTop() const { return height * 3 / 4 - kBandHeight / 2; }
@@ -114,14 +131,27 @@ void onBufferRelease(void* data, wl_buffer*) {
 }
 const wl_buffer_listener kBufferListener{onBufferRelease};
 
+// The picture from `left` on, over the whole window.
+void drawBackground(const Window& window, Buffer& buffer, int left) {
+    for (int y = 0; y < std::min(window.height, window.pattern.height()); ++y) {
+        const auto* source = reinterpret_cast<const QRgb*>(window.pattern.constScanLine(y));
+        std::memcpy(buffer.pixels + static_cast<ptrdiff_t>(y) * window.width, source + left,
+                    static_cast<size_t>(std::min(window.width, window.pattern.width() - left)) * 4);
+    }
+}
+
 void allocate(Window& window) {
+    window.fullDamage = true;
     for (Buffer& buffer : window.buffers) {
         wl_buffer_destroy(buffer.buffer);
         munmap(buffer.pixels, buffer.size);
     }
     window.buffers.assign(2, Buffer{});
     const size_t size = static_cast<size_t>(window.width) * window.height * 4;
-    window.pattern = VirtualDisplay::testPattern(QSize(window.width, window.height), window.seed);
+    window.pattern =
+        window.picture.isNull()
+            ? VirtualDisplay::testPattern(QSize(window.width, window.height), window.seed)
+            : window.picture;
     for (Buffer& buffer : window.buffers) {
         const int fd = memfd_create("tessarel-test-window", MFD_CLOEXEC);
         if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) {
@@ -136,13 +166,13 @@ void allocate(Window& window) {
         wl_shm_pool_destroy(pool);
         close(fd);
         wl_buffer_add_listener(buffer.buffer, &kBufferListener, &buffer);
-        std::memcpy(buffer.pixels, window.pattern.constBits(), size);
+        drawBackground(window, buffer, 0);
     }
 }
 
 // The band as it is at the current frame.
 void drawBand(const Window& window, Buffer& buffer) {
-    const int shift = static_cast<int>((window.frame * kBandStep) % window.width);
+    const int shift = static_cast<int>((window.frame * kStep) % window.width);
     for (int y = window.bandTop(); y < std::min(window.height, window.bandTop() + kBandHeight);
          ++y) {
         const auto* source = reinterpret_cast<const QRgb*>(window.pattern.constScanLine(y));
@@ -150,6 +180,36 @@ void drawBand(const Window& window, Buffer& buffer) {
         std::memcpy(row, source + shift, static_cast<size_t>(window.width - shift) * 4);
         std::memcpy(row + (window.width - shift), source, static_cast<size_t>(shift) * 4);
     }
+}
+
+// The glow as it is at the current frame.
+void drawGlow(const Window& window, Buffer& buffer) {
+    const QRect area = kGlow.intersected(QRect(0, 0, window.width, window.height));
+    const double turn = static_cast<double>(window.frame) / 30.0;
+    for (int y = area.top(); y <= area.bottom(); ++y) {
+        uint32_t* row = buffer.pixels + static_cast<ptrdiff_t>(y) * window.width;
+        for (int x = area.left(); x <= area.right(); ++x) {
+            const double dx = x - kGlow.x() - 160 - 100 * std::sin(turn);
+            const double dy = y - kGlow.y() - 120 - 60 * std::cos(turn);
+            const int glow = static_cast<int>(255 * std::exp(-(dx * dx + dy * dy) / 1800));
+            row[x] = qRgb(glow, 80 + glow / 2, 200 - glow / 2);
+        }
+    }
+}
+
+// What of the window changes at each frame.
+QRect movingPart(const Window& window) {
+    switch (window.motion) {
+    case Motion::band:
+        return {0, window.bandTop(), window.width, kBandHeight};
+    case Motion::glow:
+        return kGlow;
+    case Motion::slide:
+        return {0, 0, window.width, window.height};
+    case Motion::still:
+        break;
+    }
+    return {};
 }
 
 void draw(Window& window);
@@ -162,7 +222,7 @@ void onFrameDone(void* data, wl_callback* callback, uint32_t) {
         std::printf("shown\n");
         std::fflush(stdout);
     }
-    if (window->moving) {
+    if (window->motion != Motion::still) {
         ++window->frame;
         draw(*window);
     }
@@ -176,12 +236,28 @@ void draw(Window& window) {
     if (free == window.buffers.end()) {
         free = window.buffers.begin(); // shm buffers may be drawn over while held
     }
-    if (window.moving) {
+    const QRect damage = std::exchange(window.fullDamage, false)
+                             ? QRect(0, 0, window.width, window.height)
+                             : movingPart(window);
+    switch (window.motion) {
+    case Motion::band:
         drawBand(window, *free);
+        break;
+    case Motion::glow:
+        drawGlow(window, *free);
+        break;
+    case Motion::slide: {
+        const int offset = static_cast<int>((window.frame * kStep) % (2 * kSlideTravel));
+        drawBackground(window, *free, offset < kSlideTravel ? offset : 2 * kSlideTravel - offset);
+        break;
+    }
+    case Motion::still:
+        break;
     }
     free->busy = true;
     wl_surface_attach(window.surface, free->buffer, 0, 0);
-    wl_surface_damage_buffer(window.surface, 0, 0, window.width, window.height);
+    wl_surface_damage_buffer(window.surface, damage.x(), damage.y(), damage.width(),
+                             damage.height());
     wl_callback_add_listener(wl_surface_frame(window.surface), &kFrameListener, &window);
     wl_surface_commit(window.surface);
 }
@@ -197,7 +273,7 @@ void onConfigure(void* data, xdg_surface* surface, uint32_t serial) {
         window->height = height;
         allocate(*window);
         draw(*window);
-    } else if (!window->moving) {
+    } else if (window->motion == Motion::still) {
         wl_surface_commit(window->surface);
     }
 }
@@ -219,13 +295,25 @@ const xdg_toplevel_listener kToplevelListener{onToplevelConfigure, onClose, onBo
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s seed moving\n", argv[0]);
+    const std::map<std::string, Motion> motions{{"still", Motion::still},
+                                                {"band", Motion::band},
+                                                {"glow", Motion::glow},
+                                                {"slide", Motion::slide}};
+    if (argc < 3 || argc > 4 || motions.count(argv[2]) == 0) {
+        std::fprintf(stderr, "usage: %s seed still|band|glow|slide [picture]\n", argv[0]);
         return 2;
     }
     Window window;
     window.seed = std::atoi(argv[1]);
-    window.moving = std::atoi(argv[2]) != 0;
+    window.motion = motions.at(argv[2]);
+    if (argc == 4) {
+        window.picture =
+            QImage(QString::fromLocal8Bit(argv[3])).convertToFormat(QImage::Format_RGB32);
+        if (window.picture.isNull()) {
+            std::fprintf(stderr, "cannot read %s\n", argv[3]);
+            return 1;
+        }
+    }
     wl_display* display = wl_display_connect(nullptr);
     if (display == nullptr) {
         std::fprintf(stderr, "no Wayland display\n");

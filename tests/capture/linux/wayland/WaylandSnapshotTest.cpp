@@ -29,8 +29,8 @@ class WaylandSnapshot : public testing::Test {
 protected:
     static void SetUpTestSuite() {
         desktop = std::make_unique<WaylandDesktop>();
-        first = desktop->showWindow(QStringLiteral("HEADLESS-1"), 21, false);
-        second = desktop->showWindow(QStringLiteral("HEADLESS-2"), 22, false);
+        first = desktop->showWindow(QStringLiteral("HEADLESS-1"), 21);
+        second = desktop->showWindow(QStringLiteral("HEADLESS-2"), 22);
     }
     static void TearDownTestSuite() {
         first.reset();

@@ -56,7 +56,7 @@ struct Recorder {
 void expectMovieOfTheMovingWindow(WaylandDesktop& desktop, const QString& name,
                                   const Rect& sourcePoints, QPoint pointerAt) {
     const WaylandDesktop::Output output = desktop.output(name);
-    const auto window = desktop.showWindow(name, 31, true);
+    const auto window = desktop.showWindow(name, 31, WaylandDesktop::Motion::band);
     desktop.pointer().move(
         output.logical.topLeft() +
         QPoint(static_cast<int>(sourcePoints.x), static_cast<int>(sourcePoints.y)) + pointerAt);
@@ -138,7 +138,7 @@ TEST_F(WaylandVideo, MovieOfAMovingWindowOnAScaleTwoOutputHasTheBuffersPixels) {
 }
 
 TEST_F(WaylandVideo, UnchangedScreenCostsFewCopiesAndKeepsTheWallClocksPace) {
-    const auto window = desktop.showWindow(QStringLiteral("HEADLESS-1"), 32, false);
+    const auto window = desktop.showWindow(QStringLiteral("HEADLESS-1"), 32);
     desktop.pointer().move(QPoint(1000, 600));
     QTemporaryDir directory;
     const QString path = directory.filePath(QStringLiteral("still.mp4"));
@@ -164,7 +164,8 @@ TEST_F(WaylandVideo, UnchangedScreenCostsFewCopiesAndKeepsTheWallClocksPace) {
 }
 
 TEST_F(WaylandVideo, CompositorGoingAwayStopsTheStreamWithAnErrorAndLeavesAPlayableMovie) {
-    const auto window = desktop.showWindow(QStringLiteral("HEADLESS-1"), 33, true);
+    const auto window =
+        desktop.showWindow(QStringLiteral("HEADLESS-1"), 33, WaylandDesktop::Motion::band);
     QTemporaryDir directory;
     const QString path = directory.filePath(QStringLiteral("orphaned.mp4"));
     Recorder recorder(desktop, {displayOf(desktop, QStringLiteral("HEADLESS-1")), {}},
@@ -186,7 +187,8 @@ TEST_F(WaylandVideo, CompositorGoingAwayStopsTheStreamWithAnErrorAndLeavesAPlaya
 }
 
 TEST_F(WaylandVideo, KilledRecordingLeavesAPlayableMovie) {
-    const auto window = desktop.showWindow(QStringLiteral("HEADLESS-1"), 34, true);
+    const auto window =
+        desktop.showWindow(QStringLiteral("HEADLESS-1"), 34, WaylandDesktop::Motion::band);
     QTemporaryDir directory;
     const QString path = directory.filePath(QStringLiteral("killed.mp4"));
     QProcess recorder;
