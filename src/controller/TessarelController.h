@@ -79,6 +79,8 @@ private:
     void stopTimer();
     void tick();
     void present(const std::exception_ptr& error);
+    void captureFailed(const std::exception_ptr& error);
+    void captureStarted();
     // Runs `work` on a background thread, then `onSuccess` or present() on the GUI thread.
     template <typename Result>
     void runTask(std::function<Result()> work, std::function<void(Result)> onSuccess);
@@ -89,4 +91,5 @@ private:
     ControllerPlatform platform_;
     std::unique_ptr<RepeatingTimer> timer;
     int pendingTasks_ = 0;
+    std::exception_ptr failureBeforeStart_;
 };
