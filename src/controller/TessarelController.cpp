@@ -220,6 +220,7 @@ void TessarelController::startAudio() {
 void TessarelController::stopCapture() {
     const TessarelMode stoppedMode = mode();
     stopTimer();
+    stopRequested_ = true;
     CaptureEngine& captureEngine = engine;
     runTask([&captureEngine] { captureEngine.stop(); },
             [this, stoppedMode] {
@@ -240,12 +241,35 @@ void TessarelController::captureFailed(const std::exception_ptr& error) {
         failureBeforeStart_ = error;
         return;
     }
+    if (std::exchange(stopRequested_, true)) {
+        return; // the stop under way ends it
+    }
     stopTimer();
     CaptureEngine& captureEngine = engine;
     runTask([&captureEngine] { captureEngine.stop(); }, [this, error] { present(error); });
 }
 
+void TessarelController::finishBeforeQuitting() {
+    for (;;) {
+        QThreadPool::globalInstance()->waitForDone();
+        // The continuations of what just finished: a start that has completed is now a
+        // recording this loop can see and stop.
+        QCoreApplication::sendPostedEvents();
+        const TessarelMode running = mode();
+        if ((running == TessarelMode::recordingAudio || running == TessarelMode::recordingVideo) &&
+            !stopRequested_) {
+            stopTimer();
+            stopRequested_ = true;
+            CaptureEngine& captureEngine = engine;
+            runTask([&captureEngine] { captureEngine.stop(); }, [] {});
+        } else if (!hasPendingWork()) {
+            return;
+        }
+    }
+}
+
 void TessarelController::captureStarted() {
+    stopRequested_ = false;
     if (const std::exception_ptr failure = std::exchange(failureBeforeStart_, nullptr)) {
         captureFailed(failure);
     }

@@ -47,6 +47,10 @@ public:
     void takeSnapshot();
     void beginVideoSelection();
 
+    // For Quit, once the event loop has ended: stops the capture running now and returns
+    // when its file is finished (MP3 conversion included) and no engine work is left.
+    void finishBeforeQuitting();
+
     void chooseFolder();
     void revealLastCapture();
 
@@ -92,4 +96,5 @@ private:
     std::unique_ptr<RepeatingTimer> timer;
     int pendingTasks_ = 0;
     std::exception_ptr failureBeforeStart_;
+    bool stopRequested_ = false; // for the capture running now
 };

@@ -65,16 +65,6 @@ protected:
         ASSERT_EQ(process.exitCode(), 0);
     }
 
-    // Recording streams the server has, this engine's included.
-    int recordingStreams() {
-        QProcess process;
-        process.setProcessEnvironment(server.clientEnvironment());
-        process.start(QStringLiteral("pactl"), {QStringLiteral("list"), QStringLiteral("short"),
-                                                QStringLiteral("source-outputs")});
-        EXPECT_TRUE(process.waitForFinished(30000));
-        return static_cast<int>(process.readAllStandardOutput().count('\n'));
-    }
-
     // The stream stops on its own; the user's stop then ends the file with what was captured.
     void recordUntilTheServerIsKilled(AudioExportFormat format) {
         playTone();
@@ -299,11 +289,11 @@ TEST_F(AudioRecording, EngineDestroyedWhileRecordingEndsItsStreamFirst) {
     local->startAudio(QUrl::fromLocalFile(saveRoot.filePath("dropped.wav")),
                       AudioExportFormat::wav);
     QThread::msleep(300);
-    ASSERT_EQ(recordingStreams(), 1);
+    ASSERT_EQ(server.recordingStreamCount(), 1);
 
     // Sound keeps arriving until the stream is gone; none may reach a destroyed queue.
     local.reset();
-    EXPECT_EQ(recordingStreams(), 0);
+    EXPECT_EQ(server.recordingStreamCount(), 0);
 }
 
 // The first buffer finds that the file cannot be created: the recording ends at once with
@@ -325,5 +315,5 @@ TEST_F(AudioRecording, ReadOnlySaveFolderEndsTheRecordingAtTheFirstSoundWithTheR
                   .arg(QFileInfo(path).fileName(), readOnly.path(), readOnly.refusal()));
     EXPECT_NO_THROW(engine.stop());
     EXPECT_TRUE(readOnly.isEmpty());
-    EXPECT_EQ(recordingStreams(), 0);
+    EXPECT_EQ(server.recordingStreamCount(), 0);
 }
