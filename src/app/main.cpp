@@ -47,5 +47,8 @@ int main(int argc, char** argv) {
     DesktopShell shell(controller);
     QObject::connect(&instance, &SingleInstance::activated, &shell, &DesktopShell::activate);
     shell.launch();
-    return QApplication::exec();
+    const int status = QApplication::exec();
+    // Quit never drops a capture: the recording is stopped and its file finished first.
+    controller.finishBeforeQuitting();
+    return status;
 }

@@ -155,9 +155,13 @@ void CaptureEngine::startAudio(const QUrl& to, AudioExportFormat format) {
     // No buffer of the new stream can arrive yet; the lock only keeps every access alike.
     // A recorder kept after a failed video stop has already reported its outcome: left in
     // place it would make this recording's stop wait for it forever.
-    withLock([&] {
+    // Old objects are taken out under the lock and released after it: their destructors
+    // may wait for threads that call back into the engine.
+    const std::shared_ptr<RecordingOutput> keptRecorder = withLock([&] {
         pendingMP3Conversion = conversion;
-        recordingOutput = nullptr;
+        recordingResult = std::nullopt;
+        failureReported = false;
+        return std::exchange(recordingOutput, nullptr);
     });
 
     prepare(makeAudioWriter(writerURL, writerFormat));
@@ -165,7 +169,8 @@ void CaptureEngine::startAudio(const QUrl& to, AudioExportFormat format) {
     const std::shared_ptr<AudioCaptureStream> newStream =
         platform_.audio.makeStream(filter, configuration, this);
     newStream->addAudioOutput(this, writingQueue);
-    withLock([&] { stream = newStream; });
+    const std::shared_ptr<CaptureStream> oldStream =
+        withLock([&] { return std::exchange(stream, newStream); });
     newStream->startCapture();
 }
 
@@ -191,10 +196,10 @@ std::unique_ptr<AudioFileWriter> CaptureEngine::makeAudioWriter(const QUrl& url,
 }
 
 void CaptureEngine::prepare(std::unique_ptr<AudioFileWriter> newWriter) {
-    withLock([&] {
-        writer = std::move(newWriter);
+    const std::unique_ptr<AudioFileWriter> oldWriter = withLock([&] {
         writerStarted = false;
         sessionStarted = false;
+        return std::exchange(writer, std::move(newWriter));
     });
 }
 
@@ -202,26 +207,55 @@ void CaptureEngine::didOutputSampleBuffer(SampleBuffer buffer) {
     if (!buffer.isValid || !buffer.dataIsReady) {
         return;
     }
-    // Held for the whole buffer, so finishWriting never races an append.
-    std::lock_guard guard(lock);
-    if (!writer) {
-        return;
-    }
-    const int64_t presentationTimeNs = buffer.presentationTimeNs;
-    if (!writerStarted) {
-        // Retried on every buffer until the writer starts.
-        if (!writer->startWriting()) {
+    // A writer that failed for good is taken out under the lock and released after it.
+    std::unique_ptr<AudioFileWriter> failed;
+    std::exception_ptr failure;
+    {
+        // Held for the whole buffer, so finishWriting never races an append.
+        std::lock_guard guard(lock);
+        if (!writer) {
             return;
         }
-        writerStarted = true;
+        const int64_t presentationTimeNs = buffer.presentationTimeNs;
+        if (!writerStarted) {
+            // Retried on every buffer while the writer may still start; one that has failed
+            // (its file cannot be created) ends the recording, and the user is told why.
+            if (!writer->startWriting()) {
+                if (writer->status() == AudioWriterStatus::failed) {
+                    failure = std::make_exception_ptr(CaptureEngineError::cannotCreateWriter(
+                        writer->error().value_or(QStringLiteral("Unknown writer error"))));
+                    failed = std::move(writer);
+                    pendingMP3Conversion.reset();
+                }
+            } else {
+                writerStarted = true;
+            }
+        }
+        if (writerStarted) {
+            if (!sessionStarted) {
+                writer->startSession(presentationTimeNs);
+                sessionStarted = true;
+            }
+            // Never wait for the writer: a buffer it cannot take now is dropped.
+            if (writer->isReadyForMoreMediaData()) {
+                writer->append(std::move(buffer));
+            }
+        }
     }
-    if (!sessionStarted) {
-        writer->startSession(presentationTimeNs);
-        sessionStarted = true;
+    if (failure) {
+        failed.reset();
+        reportFailure(failure);
     }
-    // Never wait for the writer: a buffer it cannot take now is dropped.
-    if (writer->isReadyForMoreMediaData()) {
-        writer->append(std::move(buffer));
+}
+
+void CaptureEngine::setFailureHandler(std::function<void(std::exception_ptr)> handler) {
+    failureHandler_ = std::move(handler);
+}
+
+void CaptureEngine::reportFailure(std::exception_ptr error) {
+    const bool first = withLock([&] { return !std::exchange(failureReported, true); });
+    if (first && failureHandler_) {
+        failureHandler_(std::move(error));
     }
 }
 
@@ -372,18 +406,22 @@ void CaptureEngine::startVideo(const QUrl& to, const Rect& region, uint32_t scre
         platform_.video.makeRecordingOutput(recorderConfiguration, this);
     newStream->addRecordingOutput(recorder);
 
-    withLock([&] {
-        stream = newStream;
-        recordingOutput = recorder;
+    struct Replaced {
+        std::shared_ptr<CaptureStream> stream;
+        std::shared_ptr<RecordingOutput> recorder;
+    };
+    const Replaced replaced = withLock([&] {
         recordingResult = std::nullopt;
         recordingContinuation = std::nullopt;
+        failureReported = false;
+        return Replaced{std::exchange(stream, newStream), std::exchange(recordingOutput, recorder)};
     });
     try {
         newStream->startCapture();
     } catch (...) {
-        withLock([&] {
-            stream = nullptr;
-            recordingOutput = nullptr;
+        const Replaced abandoned = withLock([&] {
+            return Replaced{std::exchange(stream, nullptr),
+                            std::exchange(recordingOutput, nullptr)};
         });
         throw;
     }
@@ -400,13 +438,11 @@ void CaptureEngine::recordingOutputDidFail(std::exception_ptr error) {
 }
 
 void CaptureEngine::completeNativeRecording(RecordingResult result) {
-    // Whichever side arrives second consumes what the first one left.
-    std::optional<std::promise<void>> waiter = withLock([&]() -> std::optional<std::promise<void>> {
-        if (recordingContinuation) {
-            return std::exchange(recordingContinuation, std::nullopt);
-        }
+    // The result is kept until a stop succeeds: a stop after a failed one meets the same
+    // failure instead of waiting for a recorder that has already finished.
+    std::optional<std::promise<void>> waiter = withLock([&] {
         recordingResult = result;
-        return std::nullopt;
+        return std::exchange(recordingContinuation, std::nullopt);
     });
     if (waiter) {
         resume(*waiter, result.error);
@@ -419,9 +455,8 @@ void CaptureEngine::awaitRecordingCompletion() {
     const std::optional<RecordingResult> result = withLock([&]() -> std::optional<RecordingResult> {
         if (!recordingResult) {
             recordingContinuation = std::move(continuation);
-            return std::nullopt;
         }
-        return std::exchange(recordingResult, std::nullopt);
+        return recordingResult;
     });
     if (result) {
         resume(continuation, result->error);
@@ -431,8 +466,12 @@ void CaptureEngine::awaitRecordingCompletion() {
 
 // ---- Stop ----------------------------------------------------------------------------------
 
-void CaptureEngine::streamDidStop(std::exception_ptr /*error*/) {
-    // A stream that stopped on its own is left as it is; only stop() ends a capture.
+void CaptureEngine::streamDidStop(std::exception_ptr error) {
+    // Only stop() ends a capture; a stream that failed on its own is reported so that the
+    // controller stops it and shows why.
+    if (error) {
+        reportFailure(std::move(error));
+    }
 }
 
 void CaptureEngine::stop() {
@@ -446,7 +485,10 @@ void CaptureEngine::stop() {
     if (recordingVideo) {
         awaitRecordingCompletion();
         // Kept after a failure; the next startVideo replaces it.
-        withLock([&] { recordingOutput = nullptr; });
+        const std::shared_ptr<RecordingOutput> finished = withLock([&] {
+            recordingResult = std::nullopt;
+            return std::exchange(recordingOutput, nullptr);
+        });
     } else {
         finishWriting();
     }

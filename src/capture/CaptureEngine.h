@@ -6,6 +6,7 @@
 
 #include <QUrl>
 
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -34,7 +35,13 @@ public:
                     double scale);
     Image snapshot(uint32_t screenID, const Size& size, double scale);
     // Stops whatever runs and returns once its file is complete (MP3 conversion included).
+    // After a failed movie stop, a further stop throws the same failure.
     void stop();
+
+    // Told, from any thread and at most once per capture, that the capture cannot go on
+    // (its file cannot be written, its source is gone); the capture is not stopped: the
+    // receiver calls stop() and shows the failure. Set before the first start.
+    void setFailureHandler(std::function<void(std::exception_ptr)> handler);
 
     // Platform-free arithmetic, public so that it can be checked on its own.
     static Rect videoSourceRect(const Rect& region, const Rect& screenFrame);
@@ -78,6 +85,7 @@ private:
     void convertToMP3(const PendingMP3Conversion& conversion);
     void awaitRecordingCompletion();
     void completeNativeRecording(RecordingResult result);
+    void reportFailure(std::exception_ptr error);
     template <typename Body> auto withLock(Body&& body) {
         std::lock_guard guard(lock);
         return body();
@@ -94,6 +102,8 @@ private:
     std::shared_ptr<RecordingOutput> recordingOutput;
     std::optional<RecordingResult> recordingResult;
     std::optional<std::promise<void>> recordingContinuation;
+    bool failureReported = false;                            // for the capture running now
+    std::function<void(std::exception_ptr)> failureHandler_; // set before any capture
     // Declared last so that it is joined first, while the fields its work uses still exist.
     SerialQueue writingQueue{QStringLiteral("Tessarel.capture.writer")};
 };

@@ -1,5 +1,10 @@
 #include "capture/CaptureVocabulary.h"
 
+#include <QDir>
+#include <QFileInfo>
+
+#include <cstring>
+
 namespace {
 
 // Exact, case-sensitive match against the raw values.
@@ -64,6 +69,17 @@ QString localizedDescription(const std::exception_ptr& error) {
     } catch (...) {
         return kUnexpectedFailure;
     }
+}
+
+PlatformError fileSystemError(const QString& path, const QString& reason) {
+    const QFileInfo file(path);
+    return PlatformError(
+        QStringLiteral("Tessarel could not save “%1” in the folder “%2”: %3")
+            .arg(file.fileName(), QDir::toNativeSeparators(file.absolutePath()), reason));
+}
+
+PlatformError fileSystemError(const QString& path, int code) {
+    return fileSystemError(path, QString::fromLocal8Bit(std::strerror(code)));
 }
 
 CaptureEngineError::CaptureEngineError(Code code, const QString& detail)

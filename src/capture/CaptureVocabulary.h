@@ -87,6 +87,12 @@ private:
     std::string description_;
 };
 
+// A file that could not be created or written: names the file, its folder and the system's
+// own words for the failure ("Permission denied", "No space left on device").
+PlatformError fileSystemError(const QString& path, const QString& reason);
+// The same for the reason in errno's `code`.
+PlatformError fileSystemError(const QString& path, int code);
+
 // The screen-capture permission itself was refused: the one failure that the permission
 // prompt answers. Every other failure, a folder that refuses a file included, is shown as
 // what it is.

@@ -35,15 +35,6 @@ bool nameIsTaken(const QString& path) {
     return file.exists() || file.isSymLink();
 }
 
-// A file-system failure as the user should read it: which file, in which folder, and the
-// system's own words.
-PlatformError fileSystemError(const QString& path, const QString& reason) {
-    const QFileInfo file(path);
-    return PlatformError(
-        QStringLiteral("Tessarel could not save “%1” in the folder “%2”: %3")
-            .arg(file.fileName(), QDir::toNativeSeparators(file.absolutePath()), reason));
-}
-
 // Creates the first free numbered name from `base` as an empty file, exclusively, so that a
 // name taken in the meantime is never overwritten; returns the name created.
 QUrl createExclusively(const QUrl& base) {
@@ -56,8 +47,7 @@ QUrl createExclusively(const QUrl& base) {
             return candidate;
         }
         if (errno != EEXIST) {
-            throw fileSystemError(candidate.toLocalFile(),
-                                  QString::fromLocal8Bit(std::strerror(errno)));
+            throw fileSystemError(candidate.toLocalFile(), errno);
         }
     }
 }
@@ -94,7 +84,19 @@ private:
 TessarelController::TessarelController(CaptureEngine& captureEngine, RegionSelector& regionSelector,
                                        ControllerPlatform platform)
     : saveFolder(defaultSaveFolder(platform.locations), objectWillChange), engine(captureEngine),
-      selector(regionSelector), platform_(platform) {}
+      selector(regionSelector), platform_(platform) {
+    // From the engine's threads; handled on the GUI thread while this controller exists.
+    engine.setFailureHandler([self = QPointer<TessarelController>(this)](std::exception_ptr error) {
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [self, error] {
+                if (self) {
+                    self->captureFailed(error);
+                }
+            },
+            Qt::QueuedConnection);
+    });
+}
 
 // Neither the timer nor the engine is stopped: the tick and the pending continuations hold
 // the controller weakly and do nothing once it is gone.
@@ -204,18 +206,21 @@ void TessarelController::startAudio() {
     }
     const AudioExportFormat format = audioFormat();
     const QUrl url = destination(kAudioPrefix, format.fileExtension());
+    failureBeforeStart_ = nullptr;
     CaptureEngine& captureEngine = engine;
     runTask([&captureEngine, url, format] { captureEngine.startAudio(url, format); },
             [this, url] {
                 mode.set(TessarelMode::recordingAudio);
                 lastSavedURL.set(url);
                 startTimer();
+                captureStarted();
             });
 }
 
 void TessarelController::stopCapture() {
     const TessarelMode stoppedMode = mode();
     stopTimer();
+    stopRequested_ = true;
     CaptureEngine& captureEngine = engine;
     runTask([&captureEngine] { captureEngine.stop(); },
             [this, stoppedMode] {
@@ -225,6 +230,49 @@ void TessarelController::stopCapture() {
                     revealLastCapture();
                 }
             });
+}
+
+// The capture cannot go on: it is stopped (what was written is kept and finished), then the
+// failure is shown; nothing is revealed.
+void TessarelController::captureFailed(const std::exception_ptr& error) {
+    const TessarelMode running = mode();
+    if (running != TessarelMode::recordingAudio && running != TessarelMode::recordingVideo) {
+        // The first buffer can fail before the start's continuation has run.
+        failureBeforeStart_ = error;
+        return;
+    }
+    if (std::exchange(stopRequested_, true)) {
+        return; // the stop under way ends it
+    }
+    stopTimer();
+    CaptureEngine& captureEngine = engine;
+    runTask([&captureEngine] { captureEngine.stop(); }, [this, error] { present(error); });
+}
+
+void TessarelController::finishBeforeQuitting() {
+    for (;;) {
+        QThreadPool::globalInstance()->waitForDone();
+        // The continuations of what just finished: a start that has completed is now a
+        // recording this loop can see and stop.
+        QCoreApplication::sendPostedEvents();
+        const TessarelMode running = mode();
+        if ((running == TessarelMode::recordingAudio || running == TessarelMode::recordingVideo) &&
+            !stopRequested_) {
+            stopTimer();
+            stopRequested_ = true;
+            CaptureEngine& captureEngine = engine;
+            runTask([&captureEngine] { captureEngine.stop(); }, [] {});
+        } else if (!hasPendingWork()) {
+            return;
+        }
+    }
+}
+
+void TessarelController::captureStarted() {
+    stopRequested_ = false;
+    if (const std::exception_ptr failure = std::exchange(failureBeforeStart_, nullptr)) {
+        captureFailed(failure);
+    }
 }
 
 void TessarelController::takeSnapshot() {
@@ -271,6 +319,7 @@ void TessarelController::beginVideoSelection() {
         const Rect screenFrame = screen.frame;
         const double scale = screen.backingScaleFactor;
         const QUrl url = self->destination(kVideoPrefix, QStringLiteral("mp4"));
+        self->failureBeforeStart_ = nullptr;
         CaptureEngine& captureEngine = self->engine;
         TessarelController* controller = self;
         self->runTask([&captureEngine, url, region, id = *screenID, screenFrame,
@@ -279,6 +328,7 @@ void TessarelController::beginVideoSelection() {
                           controller->mode.set(TessarelMode::recordingVideo);
                           controller->lastSavedURL.set(url);
                           controller->startTimer();
+                          controller->captureStarted();
                       });
     });
 }

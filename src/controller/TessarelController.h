@@ -47,6 +47,10 @@ public:
     void takeSnapshot();
     void beginVideoSelection();
 
+    // For Quit, once the event loop has ended: stops the capture running now and returns
+    // when its file is finished (MP3 conversion included) and no engine work is left.
+    void finishBeforeQuitting();
+
     void chooseFolder();
     void revealLastCapture();
 
@@ -79,6 +83,8 @@ private:
     void stopTimer();
     void tick();
     void present(const std::exception_ptr& error);
+    void captureFailed(const std::exception_ptr& error);
+    void captureStarted();
     // Runs `work` on a background thread, then `onSuccess` or present() on the GUI thread.
     template <typename Result>
     void runTask(std::function<Result()> work, std::function<void(Result)> onSuccess);
@@ -89,4 +95,6 @@ private:
     ControllerPlatform platform_;
     std::unique_ptr<RepeatingTimer> timer;
     int pendingTasks_ = 0;
+    std::exception_ptr failureBeforeStart_;
+    bool stopRequested_ = false; // for the capture running now
 };

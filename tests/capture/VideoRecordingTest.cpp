@@ -254,3 +254,14 @@ TEST_F(VideoRecording, NextStartDiscardsAnOutcomeNobodyClaimed) {
     ASSERT_TRUE(finishesInTime(stopping));
     EXPECT_NO_THROW(stopping.get());
 }
+
+TEST_F(VideoRecording, StopAfterAFailedStopGivesTheSameFailureAtOnce) {
+    fakes.video.setScript({.onStop = FakeRecorderOnStop::fail,
+                           .onStopError = makePlatformError("The disk is full.")});
+    startOnPrimary();
+    EXPECT_EQ(descriptionOfError([&] { engine.stop(); }), "The disk is full.");
+
+    auto again = std::async(std::launch::async, [&] { engine.stop(); });
+    ASSERT_TRUE(finishesInTime(again));
+    EXPECT_EQ(descriptionOfError([&] { again.get(); }), "The disk is full.");
+}

@@ -171,3 +171,37 @@ TEST_F(AudioAction, ContinuationDoesNotRunOnceControllerIsGone) {
     EXPECT_TRUE(fakes.timers.scheduled().empty());
     EXPECT_EQ(capture.audio.streams().size(), 1u);
 }
+
+// The writer fails at the first sound: the recording ends there, without a Stop, and says
+// why; the stream is stopped and nothing is revealed.
+TEST_F(AudioAction, WriterThatCannotStartEndsTheRecordingWithTheReason) {
+    capture.audioWriters.setScript({.startWritingError = QStringLiteral("No room.")});
+    startAudioRecording();
+    SampleBuffer sound;
+    sound.samples.assign(2 * 480, 0.25f);
+    capture.audio.lastStream()->pushAndWait(sound);
+
+    ASSERT_TRUE(processEventsUntil([this] { return controller->mode() == TessarelMode::home; }));
+    waitForPendingWork();
+    EXPECT_EQ(controller->errorMessage(),
+              QStringLiteral("The recording could not start: No room."));
+    EXPECT_FALSE(controller->screenCapturePermissionRequired());
+    EXPECT_EQ(capture.audio.lastStream()->stopCaptureCount(), 1);
+    EXPECT_TRUE(fakes.workspace.revealed.empty());
+}
+
+// A stream that fails on its own ends the recording the same way, keeping what was written.
+TEST_F(AudioAction, StreamFailingOnItsOwnEndsTheRecordingAndShowsWhy) {
+    startAudioRecording();
+    SampleBuffer sound;
+    sound.samples.assign(2 * 480, 0.25f);
+    capture.audio.lastStream()->pushAndWait(sound);
+    capture.audio.lastStream()->stopOnItsOwn(
+        makePlatformError(QStringLiteral("The sound server went away.")));
+
+    ASSERT_TRUE(processEventsUntil([this] { return controller->mode() == TessarelMode::home; }));
+    waitForPendingWork();
+    EXPECT_EQ(controller->errorMessage(), QStringLiteral("The sound server went away."));
+    EXPECT_EQ(capture.audioWriters.lastWriter().status, AudioWriterStatus::completed);
+    EXPECT_TRUE(fakes.workspace.revealed.empty());
+}

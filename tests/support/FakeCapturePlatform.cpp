@@ -244,6 +244,11 @@ public:
         std::lock_guard guard(shared_->mutex);
         FakeWriterRecord& r = record();
         ++r.startWritingCalls;
+        if (shared_->script.startWritingError) {
+            r.status = AudioWriterStatus::failed;
+            error_ = shared_->script.startWritingError;
+            return false;
+        }
         if (r.startWritingCalls <= shared_->script.startWritingFailures) {
             return false;
         }

@@ -126,6 +126,8 @@ struct FakeWriterScript {
     bool canAddInput = true;
     // startWriting answers false this many times per writer, then true.
     int startWritingFailures = 0;
+    // When set, startWriting fails for good with this error (its file cannot be created).
+    std::optional<QString> startWritingError = std::nullopt;
     bool readyForMoreMediaData = true;
     // The status finishWriting ends in, and the error the writer then reports.
     AudioWriterStatus finishStatus = AudioWriterStatus::completed;

@@ -76,6 +76,17 @@ QProcessEnvironment SoundServer::clientEnvironment() const {
     return environment;
 }
 
+int SoundServer::recordingStreamCount() const {
+    QProcess pactl;
+    pactl.setProcessEnvironment(clientEnvironment());
+    pactl.start(QStringLiteral("pactl"), {QStringLiteral("list"), QStringLiteral("short"),
+                                          QStringLiteral("source-outputs")});
+    if (!pactl.waitForFinished(30000) || pactl.exitCode() != 0) {
+        throw std::runtime_error("pactl could not list the recording streams");
+    }
+    return static_cast<int>(pactl.readAllStandardOutput().count('\n'));
+}
+
 void SoundServer::kill() {
     if (daemon_.state() != QProcess::NotRunning) {
         daemon_.kill();

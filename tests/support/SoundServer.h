@@ -33,6 +33,9 @@ public:
     void playTone(double frequencyHz, double seconds) { tone_.play(frequencyHz, seconds); }
     void stopPlaying() { tone_.stop(); }
 
+    // Recording streams the server has now (`pactl list short source-outputs`).
+    int recordingStreamCount() const;
+
     // Kills the server outright, as a crash would.
     void kill();
 

@@ -78,9 +78,7 @@ public:
         const QByteArray path = QFile::encodeName(path_);
         FileDescriptor fd(::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
         if (fd.get() < 0) {
-            failLocked(QStringLiteral("The file “%1” could not be created: %2")
-                           .arg(QFileInfo(path_).fileName(),
-                                QString::fromLocal8Bit(std::strerror(errno))));
+            failLocked(QString::fromUtf8(fileSystemError(path_, errno).what()));
             return false;
         }
         try {

@@ -9,9 +9,14 @@ extern "C" {
 
 #include <x264.h>
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
+
+#include <QFile>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -529,9 +534,27 @@ long long VideoFileRecorder::encodedFrames() const {
 
 void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
                               int64_t frameIntervalNs) {
-    encoder_ =
-        std::make_unique<Encoder>(configuration_.outputURL.toLocalFile(),
-                                  configuration_.videoCodecType, width, height, frameIntervalNs);
+    // Created exclusively: a file already under this name is never truncated. Until the
+    // encoder thread runs, a failure removes what this start created.
+    const QString path = configuration_.outputURL.toLocalFile();
+    const QByteArray localPath = QFile::encodeName(path);
+    const int fd = ::open(localPath.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        throw fileSystemError(path, errno);
+    }
+    ::close(fd);
+    try {
+        encoder_ = std::make_unique<Encoder>(path, configuration_.videoCodecType, width, height,
+                                             frameIntervalNs);
+        startEncoding(queue, startTimeNs);
+    } catch (...) {
+        encoder_.reset();
+        ::unlink(localPath.constData());
+        throw;
+    }
+}
+
+void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeNs) {
     thread_ = std::thread([this, &queue, startTimeNs] {
         pthread_setname_np(pthread_self(), "Tessarel.encode");
         delegate_->recordingOutputDidStartRecording();

@@ -49,6 +49,7 @@ public:
 
 private:
     class Encoder;
+    void startEncoding(VideoFrameQueue& queue, int64_t startTimeNs);
 
     RecordingOutputConfiguration configuration_;
     RecordingOutputDelegate* delegate_;

@@ -5,6 +5,7 @@
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
 #include "support/FakeCapturePlatform.h"
+#include "support/ReadOnlyFolder.h"
 #include "support/SoundServer.h"
 
 #include <QDeadlineTimer>
@@ -18,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <future>
 
 namespace {
 
@@ -287,9 +289,31 @@ TEST_F(AudioRecording, EngineDestroyedWhileRecordingEndsItsStreamFirst) {
     local->startAudio(QUrl::fromLocalFile(saveRoot.filePath("dropped.wav")),
                       AudioExportFormat::wav);
     QThread::msleep(300);
+    ASSERT_EQ(server.recordingStreamCount(), 1);
 
     // Sound keeps arriving until the stream is gone; none may reach a destroyed queue.
     local.reset();
-    QThread::msleep(100);
-    SUCCEED();
+    EXPECT_EQ(server.recordingStreamCount(), 0);
+}
+
+// The first buffer finds that the file cannot be created: the recording ends at once with
+// the reason, before anyone presses Stop, and nothing is left in the folder.
+TEST_F(AudioRecording, ReadOnlySaveFolderEndsTheRecordingAtTheFirstSoundWithTheReason) {
+    const ReadOnlyFolder readOnly;
+    ASSERT_TRUE(readOnly.isReadOnly());
+    std::promise<std::exception_ptr> reported;
+    std::future<std::exception_ptr> failure = reported.get_future();
+    engine.setFailureHandler([&reported](std::exception_ptr error) { reported.set_value(error); });
+    playTone();
+    const QString path = audioDestination(readOnly.path(), AudioExportFormat::wav);
+    engine.startAudio(QUrl::fromLocalFile(path), AudioExportFormat::wav);
+
+    ASSERT_EQ(failure.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(localizedDescription(failure.get()),
+              QStringLiteral("The recording could not start: Tessarel could not save “%1” in the "
+                             "folder “%2”: %3")
+                  .arg(QFileInfo(path).fileName(), readOnly.path(), readOnly.refusal()));
+    EXPECT_NO_THROW(engine.stop());
+    EXPECT_TRUE(readOnly.isEmpty());
+    EXPECT_EQ(server.recordingStreamCount(), 0);
 }

@@ -133,8 +133,9 @@ TEST_F(AudioWriter, FileAppearingBeforeTheStartIsNotOverwritten) {
     existing.close();
     EXPECT_FALSE(writer->startWriting());
     EXPECT_EQ(writer->status(), AudioWriterStatus::failed);
-    EXPECT_TRUE(writer->error().value_or(QString()).startsWith(
-        QStringLiteral("The file “late.wav” could not be created: ")));
+    EXPECT_EQ(writer->error(), QStringLiteral("Tessarel could not save “late.wav” in the folder "
+                                              "“%1”: File exists")
+                                   .arg(dir.path()));
     ASSERT_TRUE(existing.open(QIODevice::ReadOnly));
     EXPECT_EQ(existing.readAll(), "keep");
 }

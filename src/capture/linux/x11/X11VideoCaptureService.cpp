@@ -85,15 +85,18 @@ public:
             }
         }
         auto queue = std::make_unique<VideoFrameQueue>(configuration_.queueDepth, width, height);
+        auto converter = std::make_unique<VideoFrameConverter>(width, height);
         const int64_t intervalNs = frameIntervalNs();
         const int64_t startNs = monotonicNowNs();
+        // From here the recorder's thread reads the queue; only the capture thread's creation
+        // can still fail, and then that reader is ended before the queue may go.
         if (recorder_) {
             recorder_->start(*queue, width, height, startNs, intervalNs);
         }
         connection_ = std::move(connection);
         grabber_ = std::move(grabber);
         grabs_ = std::move(grabs);
-        converter_ = std::make_unique<VideoFrameConverter>(width, height);
+        converter_ = std::move(converter);
         previousGrab_.reset();
         lastPointer_.reset();
         staleRows_ = {PixelSpan{0, area.height}, PixelSpan{0, area.height}};
@@ -101,7 +104,15 @@ public:
         lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
         queue_ = std::move(queue);
         stopping_ = false;
-        thread_ = std::thread([this, startNs, intervalNs] { capture(startNs, intervalNs); });
+        try {
+            thread_ = std::thread([this, startNs, intervalNs] { capture(startNs, intervalNs); });
+        } catch (...) {
+            queue_->close(startNs);
+            if (recorder_) {
+                recorder_->finish();
+            }
+            throw;
+        }
     }
 
     void stopCapture() override {

@@ -100,3 +100,29 @@ TEST(X11Engine, VideoOfADraggedOutAreaIsCompleteWhenStopReturns) {
     ASSERT_TRUE(ffprobe.waitForFinished(60000));
     EXPECT_EQ(ffprobe.readAllStandardOutput().trimmed(), "h264,300,150");
 }
+
+// A movie never truncates a file already under its name: the start fails and names why.
+TEST(X11Engine, MovieWhoseDestinationExistsLeavesThatFileAlone) {
+    VirtualDisplay display(640, 480);
+    X11Engine engine(display);
+    QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("Tessarel Video.mp4"));
+    QFile existing(path);
+    ASSERT_TRUE(existing.open(QIODevice::WriteOnly));
+    existing.write("an earlier movie");
+    existing.close();
+
+    try {
+        engine->startVideo(QUrl::fromLocalFile(path), Rect{0, 0, 320, 240}, engine.mainDisplayID(),
+                           Rect{0, 0, 640, 480}, 1.0);
+        FAIL() << "the start should have failed";
+    } catch (const PlatformError& error) {
+        EXPECT_EQ(QString::fromUtf8(error.what()),
+                  QStringLiteral("Tessarel could not save “Tessarel Video.mp4” in the folder "
+                                 "“%1”: File exists")
+                      .arg(directory.path()));
+    }
+    ASSERT_TRUE(existing.open(QIODevice::ReadOnly));
+    EXPECT_EQ(existing.readAll(), "an earlier movie");
+    EXPECT_NO_THROW(engine->stop());
+}
