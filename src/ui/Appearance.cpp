@@ -6,8 +6,8 @@
 #include <QPainter>
 #include <QPalette>
 #include <QSvgRenderer>
-#include <QWidget>
 
+#include <algorithm>
 #include <cmath>
 
 namespace Appearance {
@@ -136,9 +136,11 @@ void styleMenu(QMenu& menu) {
                                 primary(0.14).name(QColor::HexArgb), startFill().name()));
 }
 
-QPixmap symbol(const QString& name, const QColor& tint, int pixelSize, const QWidget* widget) {
-    const qreal ratio =
-        widget != nullptr ? widget->devicePixelRatioF() : qGuiApp->devicePixelRatio();
+QPixmap symbol(const QString& name, const QColor& tint, int pixelSize, const QPainter& painter) {
+    // The scale from points to the pixels painted on: the screen's pixel ratio in a window,
+    // the target's when the widget is rendered elsewhere.
+    const QTransform toDevice = painter.deviceTransform();
+    const qreal ratio = std::max<qreal>(1, std::hypot(toDevice.m11(), toDevice.m12()));
     return renderSymbol(name, tint, pixelSize, ratio);
 }
 

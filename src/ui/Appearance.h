@@ -71,8 +71,8 @@ void paintFocusRing(QPainter& painter, const QRectF& shape, double radius);
 void styleMenu(QMenu& menu);
 
 // One of our symbols ("mic", "gear", …) drawn `pixelSize` points high in `tint`, sharp at the
-// device pixel ratio `widget` has now.
-QPixmap symbol(const QString& name, const QColor& tint, int pixelSize, const QWidget* widget);
+// scale `painter` paints at now: the pixel ratio of the screen the window is on at this moment.
+QPixmap symbol(const QString& name, const QColor& tint, int pixelSize, const QPainter& painter);
 QIcon symbolIcon(const QString& name, const QColor& tint, int pixelSize);
 QIcon applicationIcon();
 

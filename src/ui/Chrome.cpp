@@ -27,7 +27,7 @@ void ChromeButton::paintEvent(QPaintEvent*) {
         painter.fillPath(square, Appearance::primary(0.12));
     }
     const QColor tint = hovered_ ? Appearance::primaryText() : Appearance::secondaryText();
-    const QPixmap pixmap = Appearance::symbol(symbol_, tint, symbolSize_, this);
+    const QPixmap pixmap = Appearance::symbol(symbol_, tint, symbolSize_, painter);
     const QPoint origin((width() - symbolSize_) / 2, (height() - symbolSize_) / 2);
     painter.drawPixmap(origin, pixmap);
     if (showsFocusRing(*this)) {

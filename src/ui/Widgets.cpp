@@ -31,7 +31,7 @@ protected:
         painter.fillPath(tile, background);
         constexpr int side = 29;
         painter.drawPixmap((width() - side) / 2, (height() - side) / 2,
-                           Appearance::symbol(symbol_, color_, side, this));
+                           Appearance::symbol(symbol_, color_, side, painter));
     }
 
 private:
@@ -146,7 +146,7 @@ SymbolView::SymbolView(const QString& symbol, Appearance::Ink ink, int side, QWi
 void SymbolView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     painter.drawPixmap((width() - side_) / 2, (height() - side_) / 2,
-                       Appearance::symbol(symbol_, ink_.resolve(), side_, this));
+                       Appearance::symbol(symbol_, ink_.resolve(), side_, painter));
 }
 
 Divider::Divider(Qt::Orientation orientation, QWidget* parent) : QWidget(parent) {
@@ -235,7 +235,7 @@ void ProminentButton::paintEvent(QPaintEvent*) {
     const int contentWidth = sizeHint().width() - 2 * horizontalPadding_;
     const int left = (width() - contentWidth) / 2;
     painter.drawPixmap(left, (height() - pixelSize_) / 2,
-                       Appearance::symbol(symbol_, Qt::white, pixelSize_, this));
+                       Appearance::symbol(symbol_, Qt::white, pixelSize_, painter));
     painter.setFont(font());
     painter.setPen(Qt::white);
     painter.drawText(QRect(left + pixelSize_ + symbolSpacing, 0, width(), height()),
