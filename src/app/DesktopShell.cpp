@@ -141,7 +141,9 @@ void DesktopShell::configurePanel() {
 void DesktopShell::setPanelContentSize(const Size& size) {
     if (panel_) {
         const QSize content = Appearance::toQSize(size);
-        panel_->setMinimumSize(TessarelRootView::minimumSizeFor(content));
+        const QScreen* screen = panel_->screen();
+        panel_->setMinimumSize(TessarelRootView::minimumSizeFor(
+            controller_.mode(), screen != nullptr ? screen->availableSize() : content));
         panel_->resize(content);
     }
 }

@@ -7,19 +7,7 @@ ShellCoordinator::ShellCoordinator(ShellWindowing& windowing, Published<Tessarel
     : windowing_(windowing), mode_(mode), show_(std::move(show)) {}
 
 Size ShellCoordinator::panelContentSize(TessarelMode mode) {
-    switch (mode) {
-    case TessarelMode::home:
-        return PanelSize::home;
-    case TessarelMode::audioSetup:
-    case TessarelMode::videoSetup:
-    case TessarelMode::snapshotSetup:
-        return PanelSize::setup;
-    case TessarelMode::recordingAudio:
-        return PanelSize::audioProgress;
-    case TessarelMode::recordingVideo:
-        return PanelSize::videoProgress;
-    }
-    return PanelSize::home;
+    return PanelSize::content(mode);
 }
 
 std::optional<TessarelMode> ShellCoordinator::shortcutMode(const KeyPress& key) {

@@ -2,20 +2,18 @@
 
 #include <QFontDatabase>
 #include <QGuiApplication>
-#include <QLabel>
+#include <QMenu>
 #include <QPainter>
 #include <QPalette>
 #include <QSvgRenderer>
-#include <QWidget>
 
+#include <algorithm>
 #include <cmath>
 
 namespace Appearance {
 namespace {
 
-bool darkDesktop() {
-    return QGuiApplication::palette().color(QPalette::Window).lightness() < 128;
-}
+constexpr double focusRingWidth = 2.5;
 
 QPixmap renderSymbol(const QString& name, const QColor& tint, int pixelSize, qreal ratio) {
     QSvgRenderer renderer(QStringLiteral(":/tessarel/icons/%1.svg").arg(name));
@@ -45,28 +43,56 @@ QSize toQSize(const Size& size) {
     return {static_cast<int>(std::lround(size.width)), static_cast<int>(std::lround(size.height))};
 }
 
-QColor blue() {
-    return darkDesktop() ? QColor(10, 132, 255) : QColor(0, 122, 255);
+bool darkScheme() {
+    return QGuiApplication::palette().color(QPalette::Window).lightness() < 128;
 }
 
-QColor red() {
-    return darkDesktop() ? QColor(255, 69, 58) : QColor(255, 59, 48);
+QColor color(Tone tone) {
+    switch (tone) {
+    case Tone::primary:
+        return primaryText();
+    case Tone::secondary:
+        return secondaryText();
+    case Tone::accent:
+        return accent();
+    }
+    return primaryText();
 }
 
-QColor indigo() {
-    return darkDesktop() ? QColor(94, 92, 230) : QColor(88, 86, 214);
+QColor Ink::resolve() const {
+    return fixed_ ? *fixed_ : color(tone_);
 }
 
 QColor primaryText() {
-    return darkDesktop() ? QColor(245, 245, 247) : QColor(29, 29, 31);
+    return darkScheme() ? QColor(245, 245, 247) : QColor(29, 29, 31);
 }
 
 QColor secondaryText() {
-    return darkDesktop() ? QColor(152, 152, 157) : QColor(128, 128, 133);
+    return darkScheme() ? QColor(160, 160, 166) : QColor(100, 100, 105);
 }
 
-QColor panelBackground() {
-    return darkDesktop() ? QColor(36, 36, 38, 242) : QColor(246, 246, 248, 242);
+QColor accent() {
+    return darkScheme() ? QColor(90, 165, 255) : QColor(0, 100, 210);
+}
+
+QColor indigo() {
+    return darkScheme() ? QColor(94, 92, 230) : QColor(88, 86, 214);
+}
+
+QColor startFill() {
+    return {0, 100, 210};
+}
+
+QColor stopFill() {
+    return {200, 30, 40};
+}
+
+QColor panelBackground(Material material) {
+    QColor background = darkScheme() ? QColor(36, 36, 38) : QColor(246, 246, 248);
+    if (material == Material::blurred) {
+        background.setAlphaF(0.8F);
+    }
+    return background;
 }
 
 QColor primary(double opacity) {
@@ -88,16 +114,33 @@ QFont monospacedFont(int pixelSize) {
     return result;
 }
 
-void styleLabel(QLabel& label, int pixelSize, QFont::Weight weight, const QColor& textColor) {
-    label.setFont(font(pixelSize, weight));
-    QPalette palette = label.palette();
-    palette.setColor(QPalette::WindowText, textColor);
-    label.setPalette(palette);
+void paintFocusRing(QPainter& painter, const QRectF& shape, double radius) {
+    painter.save();
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setBrush(Qt::NoBrush);
+    painter.setPen(QPen(accent(), focusRingWidth));
+    const double inset = focusRingWidth / 2;
+    painter.drawRoundedRect(shape.adjusted(inset, inset, -inset, -inset), radius, radius);
+    painter.restore();
 }
 
-QPixmap symbol(const QString& name, const QColor& tint, int pixelSize, const QWidget* widget) {
-    const qreal ratio =
-        widget != nullptr ? widget->devicePixelRatioF() : qGuiApp->devicePixelRatio();
+void styleMenu(QMenu& menu) {
+    menu.setFont(font(15));
+    menu.setStyleSheet(QStringLiteral("QMenu { background: %1; color: %2; border: 1px solid %3;"
+                                      " border-radius: 12px; padding: 6px; }"
+                                      "QMenu::item { padding: 8px 14px; border-radius: 8px; }"
+                                      "QMenu::item:selected { background: %4; color: white; }"
+                                      "QMenu::separator { height: 1px; background: %3;"
+                                      " margin: 5px 8px; }")
+                           .arg(panelBackground().name(), primaryText().name(QColor::HexArgb),
+                                primary(0.14).name(QColor::HexArgb), startFill().name()));
+}
+
+QPixmap symbol(const QString& name, const QColor& tint, int pixelSize, const QPainter& painter) {
+    // The scale from points to the pixels painted on: the screen's pixel ratio in a window,
+    // the target's when the widget is rendered elsewhere.
+    const QTransform toDevice = painter.deviceTransform();
+    const qreal ratio = std::max<qreal>(1, std::hypot(toDevice.m11(), toDevice.m12()));
     return renderSymbol(name, tint, pixelSize, ratio);
 }
 

@@ -7,38 +7,45 @@
 #include <QBoxLayout>
 #include <QDir>
 #include <QFileInfo>
-#include <QLabel>
+#include <QKeyEvent>
 #include <QMenu>
-#include <QPushButton>
 
 namespace {
 
 // A row control: an optional leading symbol, a text, and a chevron at the far end. The whole
-// row takes the click.
+// row takes the click; a long text is shortened in the middle so that the chevron stays put.
 class ChevronRow : public QAbstractButton {
 public:
-    ChevronRow(const QString& leadingSymbol, const QColor& leadingTint, QLabel*& text,
-               QWidget* parent)
+    ChevronRow(const QString& leadingSymbol, TextLabel*& text, QWidget* parent)
         : QAbstractButton(parent) {
         auto* row = new QHBoxLayout(this);
         row->setContentsMargins(0, 0, 0, 0);
         if (!leadingSymbol.isEmpty()) {
-            row->addWidget(symbolLabel(leadingSymbol, leadingTint, 20, this));
+            row->addWidget(new SymbolView(leadingSymbol, Appearance::Tone::accent, 20, this));
         }
-        text = textLabel(QString(), 16, QFont::Normal, Appearance::primaryText(), this);
-        row->addWidget(text);
-        row->addStretch(1);
-        row->addWidget(
-            symbolLabel(QStringLiteral("chevron"), Appearance::secondaryText(), 14, this));
+        text = new TextLabel(QString(), 16, QFont::Normal, Appearance::Tone::primary, this);
+        text->setElidedInTheMiddle(true);
+        row->addWidget(text, 1);
+        auto* chevron =
+            new SymbolView(QStringLiteral("chevron"), Appearance::Tone::secondary, 14, this);
+        chevron->setObjectName(QStringLiteral("chevron"));
+        row->addWidget(chevron);
         for (QWidget* child : findChildren<QWidget*>()) {
             child->setAttribute(Qt::WA_TransparentForMouseEvents);
         }
-        setFocusPolicy(Qt::NoFocus);
+        setFocusPolicy(Qt::TabFocus);
     }
     QSize sizeHint() const override { return layout()->sizeHint(); }
+    QSize minimumSizeHint() const override { return layout()->minimumSize(); }
 
 protected:
+    // The box around the row shows the focus.
     void paintEvent(QPaintEvent*) override {}
+    void keyPressEvent(QKeyEvent* event) override {
+        if (!clickOnReturn(*this, *event)) {
+            QAbstractButton::keyPressEvent(event);
+        }
+    }
 };
 
 // A titled setting: the title on the left, the control in a rounded box filling the rest.
@@ -46,14 +53,17 @@ QWidget* settingRow(const QString& title, QWidget* control, QWidget* parent) {
     auto* row = new QWidget(parent);
     auto* layout = new QHBoxLayout(row);
     layout->setContentsMargins(0, 0, 0, 0);
-    auto* label = textLabel(title, 18, QFont::Normal, Appearance::primaryText(), row);
+    auto* label = new TextLabel(title, 18, QFont::Normal, Appearance::Tone::primary, row);
     label->setFixedWidth(120);
     layout->addWidget(label);
     auto* box = new RoundedBox(12, 0.14, row);
+    box->setObjectName(control->objectName() + QStringLiteral("Box"));
     box->setFixedHeight(58);
+    box->setRingsFocusWithin();
     auto* boxLayout = new QHBoxLayout(box);
     boxLayout->setContentsMargins(18, 0, 18, 0);
     control->setParent(box);
+    control->setAccessibleName(title);
     boxLayout->addWidget(control);
     layout->addWidget(box, 1);
     return row;
@@ -64,6 +74,8 @@ QString folderName(const QUrl& folder) {
     const QString name = QFileInfo(path).fileName();
     return name.isEmpty() ? path : name;
 }
+
+constexpr int menuGap = 4;
 
 } // namespace
 
@@ -84,17 +96,20 @@ CaptureSetupView::CaptureSetupView(TessarelController& controller_, CaptureKind 
     settingsLayout->setContentsMargins(34, 32, 34, 32);
     settingsLayout->setSpacing(24);
     settingsLayout->addStretch(1);
-    auto* saveTo =
-        new ChevronRow(QStringLiteral("folder"), Appearance::blue(), folderName_, settings);
+    auto* saveTo = new ChevronRow(QStringLiteral("folder"), folderName_, settings);
     saveTo->setObjectName(QStringLiteral("saveToButton"));
+    saveToButton_ = saveTo;
     saveTo->setCursor(Qt::PointingHandCursor);
     folderName_->setObjectName(QStringLiteral("folderName"));
     connect(saveTo, &QAbstractButton::clicked, this, [this] { controller.chooseFolder(); });
     settingsLayout->addWidget(settingRow(QStringLiteral("Save To"), saveTo, settings));
-    auto* format = new ChevronRow(QString(), QColor(), formatText_, settings);
+    auto* format = new ChevronRow(QString(), formatText_, settings);
     format->setObjectName(QStringLiteral("formatButton"));
     formatText_->setObjectName(QStringLiteral("formatText"));
-    if (kind_ != CaptureKind::video) {
+    if (kind_ == CaptureKind::video) {
+        // One format only: nothing to choose, nothing to reach.
+        format->setFocusPolicy(Qt::NoFocus);
+    } else {
         format->setCursor(Qt::PointingHandCursor);
         connect(format, &QAbstractButton::clicked, this, &CaptureSetupView::popUpFormatMenu);
     }
@@ -105,16 +120,17 @@ CaptureSetupView::CaptureSetupView(TessarelController& controller_, CaptureKind 
     layout->addWidget(new Divider(Qt::Horizontal, this));
 
     auto* bottomBar = new QWidget(this);
+    bottomBar->setObjectName(QStringLiteral("bottomBar"));
     bottomBar->setFixedHeight(86);
     auto* barLayout = new QHBoxLayout(bottomBar);
     barLayout->setContentsMargins(34, 0, 34, 0);
     barLayout->addWidget(new ReadyLabel(QStringLiteral("Ready to capture"), bottomBar));
     barLayout->addStretch(1);
     const bool snapshot = kind_ == CaptureKind::snapshot;
-    auto* startButton = prominentButton(
+    auto* startButton = new ProminentButton(
         snapshot ? QStringLiteral("Take Snapshot") : QStringLiteral("Start Recording"),
-        kind_ == CaptureKind::video ? QStringLiteral("video") : symbol(), Appearance::blue(), 17,
-        22, 48, bottomBar);
+        kind_ == CaptureKind::video ? QStringLiteral("video") : symbol(), &Appearance::startFill,
+        17, 22, 48, bottomBar);
     startButton->setObjectName(QStringLiteral("startButton"));
     connect(startButton, &QPushButton::clicked, this, &CaptureSetupView::start);
     barLayout->addWidget(startButton);
@@ -176,14 +192,16 @@ void CaptureSetupView::popUpFormatMenu() {
     auto* menu = new QMenu(this);
     menu->setObjectName(QStringLiteral("formatMenu"));
     menu->setAttribute(Qt::WA_DeleteOnClose);
-    menu->setFont(Appearance::font(15));
+    Appearance::styleMenu(*menu);
     const QIcon checkmark =
         Appearance::symbolIcon(QStringLiteral("checkmark"), Appearance::primaryText(), 16);
+    QAction* currentItem = nullptr;
     const auto addItem = [&](const QString& title, bool current, std::function<void()> choose) {
         QAction* item = menu->addAction(title, this, std::move(choose));
         item->setObjectName(title);
         if (current) {
             item->setIcon(checkmark);
+            currentItem = item;
         }
     };
     if (kind_ == CaptureKind::audio) {
@@ -197,12 +215,19 @@ void CaptureSetupView::popUpFormatMenu() {
                     [this, format] { controller.snapshotFormat.set(format); });
         }
     }
-    menu->setMinimumWidth(formatButton_->width());
-    menu->popup(formatButton_->mapToGlobal(QPoint(0, formatButton_->height() + 18)));
+    // As wide as the rounded box around the format, just below it.
+    const QWidget* box = formatButton_->parentWidget();
+    menu->setFixedWidth(box->width());
+    menu->popup(box->mapToGlobal(QPoint(0, box->height() + menuGap)), currentItem);
+    // From the keyboard the arrows start on the current format.
+    menu->setActiveAction(currentItem);
 }
 
 void CaptureSetupView::render() {
-    folderName_->setText(folderName(controller.saveFolder()));
+    const QUrl& folder = controller.saveFolder();
+    folderName_->setText(folderName(folder));
+    saveToButton_->setToolTip(QDir::toNativeSeparators(folder.toLocalFile()));
+    saveToButton_->setAccessibleDescription(folder.toLocalFile());
     switch (kind_) {
     case CaptureKind::audio:
         formatText_->setText(controller.audioFormat().rawValue());
@@ -214,4 +239,5 @@ void CaptureSetupView::render() {
         formatText_->setText(controller.snapshotFormat().rawValue());
         break;
     }
+    formatButton_->setAccessibleDescription(formatText_->text());
 }

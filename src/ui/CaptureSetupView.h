@@ -3,7 +3,6 @@
 #include "ui/Widgets.h"
 
 class QAbstractButton;
-class QLabel;
 
 enum class CaptureKind { audio, video, snapshot };
 
@@ -25,7 +24,8 @@ private:
     void popUpFormatMenu();
 
     CaptureKind kind_;
-    QLabel* folderName_ = nullptr;
-    QLabel* formatText_ = nullptr;
+    TextLabel* folderName_ = nullptr;
+    TextLabel* formatText_ = nullptr;
+    QAbstractButton* saveToButton_ = nullptr;
     QAbstractButton* formatButton_ = nullptr;
 };

@@ -1,7 +1,9 @@
 #include "ui/Chrome.h"
 
 #include "ui/Appearance.h"
+#include "ui/Widgets.h"
 
+#include <QKeyEvent>
 #include <QMenu>
 #include <QPainter>
 #include <QPainterPath>
@@ -12,7 +14,7 @@ ChromeButton::ChromeButton(const QString& symbol, int symbolSize, const QString&
     setFixedSize(44, 44);
     setAccessibleName(description);
     setToolTip(description);
-    setFocusPolicy(Qt::NoFocus);
+    setFocusPolicy(Qt::TabFocus);
     setCursor(Qt::ArrowCursor);
 }
 
@@ -25,9 +27,18 @@ void ChromeButton::paintEvent(QPaintEvent*) {
         painter.fillPath(square, Appearance::primary(0.12));
     }
     const QColor tint = hovered_ ? Appearance::primaryText() : Appearance::secondaryText();
-    const QPixmap pixmap = Appearance::symbol(symbol_, tint, symbolSize_, this);
+    const QPixmap pixmap = Appearance::symbol(symbol_, tint, symbolSize_, painter);
     const QPoint origin((width() - symbolSize_) / 2, (height() - symbolSize_) / 2);
     painter.drawPixmap(origin, pixmap);
+    if (showsFocusRing(*this)) {
+        Appearance::paintFocusRing(painter, rect(), 10);
+    }
+}
+
+void ChromeButton::keyPressEvent(QKeyEvent* event) {
+    if (!clickOnReturn(*this, *event)) {
+        QAbstractButton::keyPressEvent(event);
+    }
 }
 
 void ChromeButton::enterEvent(QEnterEvent* event) {
@@ -60,7 +71,7 @@ void GearMenuButton::popUpMenu() {
     auto* menu = new QMenu(this);
     menu->setObjectName(QStringLiteral("optionsMenu"));
     menu->setAttribute(Qt::WA_DeleteOnClose);
-    menu->setFont(Appearance::font(15));
+    Appearance::styleMenu(*menu);
     menu->addAction(QStringLiteral("About..."), this, [this] {
         if (showAbout_) {
             showAbout_();
@@ -77,6 +88,10 @@ void GearMenuButton::popUpMenu() {
     // Right-aligned under the button, so that it stays over the panel.
     const QPoint anchor = mapToGlobal(QPoint(width(), height()));
     menu->popup(anchor - QPoint(menu->sizeHint().width(), 0));
+    if (hasFocus()) {
+        // Opened from the keyboard: the arrows start on the first item.
+        menu->setActiveAction(menu->actions().constFirst());
+    }
 }
 
 CloseButton::CloseButton(std::function<void()> action, QWidget* parent)

@@ -7,7 +7,8 @@
 #include <functional>
 
 // A 44 × 44 symbol button of the panel's own chrome: a secondary-coloured symbol that turns
-// darker on a faint rounded square while the pointer is over it. GUI thread only.
+// darker on a faint rounded square while the pointer is over it. Reached with Tab; Return,
+// Enter and Space press it. GUI thread only.
 class ChromeButton : public QAbstractButton {
     Q_OBJECT
 public:
@@ -18,6 +19,7 @@ protected:
     ChromeButton(const QString& symbol, int symbolSize, const QString& description,
                  QWidget* parent);
     void paintEvent(QPaintEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
     void enterEvent(QEnterEvent* event) override;
     void leaveEvent(QEvent* event) override;
 

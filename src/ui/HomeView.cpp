@@ -7,7 +7,7 @@
 
 #include <QApplication>
 #include <QBoxLayout>
-#include <QLabel>
+#include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPushButton>
@@ -15,10 +15,10 @@
 namespace {
 
 // The keyboard hint of a home row: a label on a faint rounded plate.
-class Badge : public QLabel {
+class Badge : public TextLabel {
 public:
-    Badge(const QString& text, QWidget* parent) : QLabel(text, parent) {
-        Appearance::styleLabel(*this, 14, QFont::Medium, Appearance::secondaryText());
+    Badge(const QString& text, QWidget* parent)
+        : TextLabel(text, 14, QFont::Medium, Appearance::Tone::secondary, parent) {
         setContentsMargins(10, 7, 10, 7);
     }
 
@@ -31,9 +31,13 @@ protected:
             plate.addRoundedRect(rect(), 9, 9);
             painter.fillPath(plate, Appearance::primary(0.035));
         }
-        QLabel::paintEvent(event);
+        TextLabel::paintEvent(event);
     }
 };
+
+constexpr int rowHeight = 92;
+// At the panel's smallest the rows give up a little height, so that the footer stays whole.
+constexpr int rowMinimumHeight = 86;
 
 QString shortcutHint(QChar key) {
     return QStringLiteral("Ctrl+%1").arg(key);
@@ -46,24 +50,28 @@ HomeRow::HomeRow(const QString& icon, const QColor& color, const QString& title,
                  QWidget* parent)
     : QAbstractButton(parent) {
     setText(title);
-    setFixedHeight(92);
+    setAccessibleName(title);
+    setAccessibleDescription(subtitle);
+    setMinimumHeight(rowMinimumHeight);
+    setMaximumHeight(rowHeight);
+    setFocusPolicy(Qt::TabFocus);
     setCursor(Qt::PointingHandCursor);
     auto* layout = new QHBoxLayout(this);
     layout->setContentsMargins(26, 0, 26, 0);
     layout->setSpacing(20);
 
-    auto* iconLabel = symbolLabel(icon, color, 30, this);
-    iconLabel->setFixedWidth(52);
-    iconLabel->setAlignment(Qt::AlignCenter);
-    layout->addWidget(iconLabel);
+    auto* iconView = new SymbolView(icon, color, 30, this);
+    iconView->setFixedWidth(52);
+    layout->addWidget(iconView);
 
     auto* lines = new QVBoxLayout;
     lines->setSpacing(5);
     lines->addStretch(1);
-    auto* titleLabel = textLabel(title, 18, QFont::DemiBold, Appearance::primaryText(), this);
+    auto* titleLabel = new TextLabel(title, 18, QFont::DemiBold, Appearance::Tone::primary, this);
     titleLabel->setObjectName(QStringLiteral("rowTitle"));
     lines->addWidget(titleLabel);
-    auto* subtitleLabel = textLabel(subtitle, 15, QFont::Normal, Appearance::secondaryText(), this);
+    auto* subtitleLabel =
+        new TextLabel(subtitle, 15, QFont::Normal, Appearance::Tone::secondary, this);
     subtitleLabel->setObjectName(QStringLiteral("rowSubtitle"));
     lines->addWidget(subtitleLabel);
     lines->addStretch(1);
@@ -81,10 +89,21 @@ HomeRow::HomeRow(const QString& icon, const QColor& color, const QString& title,
 }
 
 QSize HomeRow::sizeHint() const {
-    return {layout()->sizeHint().width(), 92};
+    return {layout()->sizeHint().width(), rowHeight};
 }
 
-void HomeRow::paintEvent(QPaintEvent*) {}
+void HomeRow::paintEvent(QPaintEvent*) {
+    if (showsFocusRing(*this)) {
+        QPainter painter(this);
+        Appearance::paintFocusRing(painter, QRectF(rect()).adjusted(4, 4, -4, -4), 10);
+    }
+}
+
+void HomeRow::keyPressEvent(QKeyEvent* event) {
+    if (!clickOnReturn(*this, *event)) {
+        QAbstractButton::keyPressEvent(event);
+    }
+}
 
 HomeView::HomeView(TessarelController& controller_, bool compact,
                    std::function<void(TessarelMode)> onSelect, QWidget* parent)
@@ -99,10 +118,10 @@ HomeView::HomeView(TessarelController& controller_, bool compact,
     titleBar->setFixedHeight(compact ? 88 : 82);
     auto* titleLayout = new QHBoxLayout(titleBar);
     titleLayout->setContentsMargins(28, 0, 28, 0);
-    titleLayout->addWidget(symbolLabel(QStringLiteral("sparkles"),
-                                       Appearance::color(TessarelColor::amber), 25, titleBar));
-    titleLayout->addWidget(textLabel(QStringLiteral("Tessarel"), 22, QFont::Bold,
-                                     Appearance::primaryText(), titleBar));
+    titleLayout->addWidget(new SymbolView(QStringLiteral("sparkles"),
+                                          Appearance::color(TessarelColor::amber), 25, titleBar));
+    titleLayout->addWidget(new TextLabel(QStringLiteral("Tessarel"), 22, QFont::Bold,
+                                         Appearance::Tone::primary, titleBar));
     titleLayout->addStretch(1);
     auto* gear = new GearMenuButton([this] { controller.showAbout(); },
                                     [] { QApplication::quit(); }, titleBar);
@@ -161,19 +180,13 @@ HomeView::HomeView(TessarelController& controller_, bool compact,
         footerLayout->setContentsMargins(28, 0, 28, 0);
         footerLayout->setSpacing(10);
         footerLayout->addWidget(new Dot(Appearance::color(TessarelColor::green), 12, footer));
-        auto* ready = textLabel(QStringLiteral("Ready to capture"), 15, QFont::Normal,
-                                Appearance::secondaryText(), footer);
+        auto* ready = new TextLabel(QStringLiteral("Ready to capture"), 15, QFont::Normal,
+                                    Appearance::Tone::secondary, footer);
         ready->setObjectName(QStringLiteral("readyText"));
         footerLayout->addWidget(ready);
         footerLayout->addStretch(1);
-        showButton_ = new QPushButton(footer);
+        showButton_ = new LinkButton(15, footer);
         showButton_->setObjectName(QStringLiteral("showLastCaptureButton"));
-        showButton_->setFlat(true);
-        showButton_->setCursor(Qt::PointingHandCursor);
-        showButton_->setFont(Appearance::font(15));
-        showButton_->setStyleSheet(
-            QStringLiteral("QPushButton { color: %1; border: none; background: transparent; }")
-                .arg(Appearance::blue().name()));
         connect(showButton_, &QPushButton::clicked, this,
                 [this] { controller.revealLastCapture(); });
         footerLayout->addWidget(showButton_);

@@ -5,8 +5,6 @@
 #include "ui/ViewArithmetic.h"
 
 #include <QBoxLayout>
-#include <QLabel>
-#include <QPushButton>
 
 ProgressView::ProgressView(TessarelController& controller_, bool audio, QWidget* parent)
     : ControllerView(controller_, parent), audio_(audio) {
@@ -31,8 +29,8 @@ ProgressView::ProgressView(TessarelController& controller_, bool audio, QWidget*
         rowLayout->setContentsMargins(34, 0, 34, 0);
         rowLayout->setSpacing(30);
         rowLayout->addStretch(1);
-        rowLayout->addWidget(textLabel(QStringLiteral("Audio Level"), 18, QFont::Normal,
-                                       Appearance::primaryText(), levelRow));
+        rowLayout->addWidget(new TextLabel(QStringLiteral("Audio Level"), 18, QFont::Normal,
+                                           Appearance::Tone::primary, levelRow));
         meter_ = new Meter(controller.meterLevel(), levelRow);
         rowLayout->addWidget(meter_);
         rowLayout->addStretch(1);
@@ -42,6 +40,7 @@ ProgressView::ProgressView(TessarelController& controller_, bool audio, QWidget*
 
     layout->addStretch(1);
     auto* bottomBar = new QWidget(this);
+    bottomBar->setObjectName(QStringLiteral("bottomBar"));
     bottomBar->setFixedHeight(104);
     auto* barLayout = new QHBoxLayout(bottomBar);
     barLayout->setContentsMargins(34, 0, 34, 0);
@@ -52,15 +51,14 @@ ProgressView::ProgressView(TessarelController& controller_, bool audio, QWidget*
     auto* rule = new Divider(Qt::Vertical, bottomBar);
     rule->setFixedHeight(32);
     barLayout->addWidget(rule);
-    durationLabel_ = new QLabel(bottomBar);
+    durationLabel_ =
+        new TextLabel(QString(), 21, QFont::Normal, Appearance::Tone::primary, bottomBar);
     durationLabel_->setObjectName(QStringLiteral("durationLabel"));
-    durationLabel_->setFont(Appearance::monospacedFont(21));
-    Appearance::styleLabel(*durationLabel_, 21, QFont::Normal, Appearance::primaryText());
     durationLabel_->setFont(Appearance::monospacedFont(21));
     barLayout->addWidget(durationLabel_);
     barLayout->addStretch(1);
-    auto* stopButton = prominentButton(QStringLiteral("Stop Capture"), QStringLiteral("stop"),
-                                       Appearance::red(), 18, 20, 52, bottomBar);
+    auto* stopButton = new ProminentButton(QStringLiteral("Stop Capture"), QStringLiteral("stop"),
+                                           &Appearance::stopFill, 18, 20, 52, bottomBar);
     stopButton->setObjectName(QStringLiteral("stopButton"));
     connect(stopButton, &QPushButton::clicked, this, [this] { controller.stopCapture(); });
     barLayout->addWidget(stopButton);

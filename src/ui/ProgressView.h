@@ -2,8 +2,6 @@
 
 #include "ui/Widgets.h"
 
-class QLabel;
-
 // While a recording runs: its level (audio only), the running time and the stop button.
 class ProgressView : public ControllerView {
     Q_OBJECT
@@ -15,6 +13,6 @@ protected:
 
 private:
     bool audio_;
-    QLabel* durationLabel_ = nullptr;
+    TextLabel* durationLabel_ = nullptr;
     Meter* meter_ = nullptr;
 };

@@ -10,6 +10,7 @@
 #include <QMessageBox>
 #include <QPainter>
 #include <QPushButton>
+#include <QScreen>
 
 TessarelRootView::TessarelRootView(TessarelController& controller_, QWidget* parent)
     : ControllerView(controller_, parent) {
@@ -17,12 +18,17 @@ TessarelRootView::TessarelRootView(TessarelController& controller_, QWidget* par
     render();
 }
 
-QSize TessarelRootView::minimumSizeFor(const QSize& screenSize) {
-    return Appearance::toQSize(PanelSize::minimum).boundedTo(screenSize);
+QSize TessarelRootView::minimumSizeFor(TessarelMode mode, const QSize& available) {
+    return Appearance::toQSize(PanelSize::minimum(mode)).boundedTo(available);
 }
 
 QSize TessarelRootView::sizeHint() const {
     return Appearance::toQSize(PanelSize::home);
+}
+
+void TessarelRootView::setMaterial(Appearance::Material material) {
+    material_ = material;
+    update();
 }
 
 void TessarelRootView::render() {
@@ -59,9 +65,10 @@ void TessarelRootView::showContent(TessarelMode mode) {
         break;
     }
     contentMode_ = mode;
-    const bool fixedSize = content_->minimumSize() == content_->maximumSize();
-    setMinimumSize(fixedSize ? minimumSizeFor(content_->size())
-                             : Appearance::toQSize(PanelSize::minimum));
+    const QScreen* screen = this->screen();
+    setMinimumSize(minimumSizeFor(mode, screen != nullptr
+                                            ? screen->availableSize()
+                                            : QSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX)));
     placeContent();
     content_->show();
 }
@@ -88,7 +95,7 @@ void TessarelRootView::resizeEvent(QResizeEvent* event) {
 void TessarelRootView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
-    painter.fillRect(rect(), Appearance::panelBackground());
+    painter.fillRect(rect(), Appearance::panelBackground(material_));
 }
 
 void TessarelRootView::renderErrorAlert() {

@@ -36,3 +36,23 @@ double MeterBars::height(int index) {
 double MeterBars::hue(int index) {
     return 0.36 - 0.014 * index;
 }
+
+Size PanelSize::content(TessarelMode mode) {
+    switch (mode) {
+    case TessarelMode::home:
+        return home;
+    case TessarelMode::audioSetup:
+    case TessarelMode::videoSetup:
+    case TessarelMode::snapshotSetup:
+        return setup;
+    case TessarelMode::recordingAudio:
+        return audioProgress;
+    case TessarelMode::recordingVideo:
+        return videoProgress;
+    }
+    return home;
+}
+
+Size PanelSize::minimum(TessarelMode mode) {
+    return mode == TessarelMode::home ? homeMinimum : content(mode);
+}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/Geometry.h"
+#include "controller/TessarelMode.h"
 
 #include <QString>
 
@@ -30,8 +31,11 @@ struct PanelSize {
     static constexpr Size setup{700, 460};
     static constexpr Size audioProgress{720, 318};
     static constexpr Size videoProgress{720, 220};
-    // The panel never shrinks below this, unless the screen is smaller.
-    static constexpr Size minimum{650, 410};
+    // The home screen never shrinks below this; the others keep their whole size.
+    static constexpr Size homeMinimum{650, 410};
+
+    static Size content(TessarelMode mode);
+    static Size minimum(TessarelMode mode);
 };
 
 // Whole seconds as "hh:mm:ss"; hours are not wrapped. A value that is not finite or lies

@@ -1,15 +1,14 @@
 #include "ui/Widgets.h"
 
 #include "controller/TessarelController.h"
-#include "ui/Appearance.h"
 #include "ui/Chrome.h"
 #include "ui/ViewArithmetic.h"
 
+#include <QApplication>
 #include <QBoxLayout>
-#include <QLabel>
+#include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
-#include <QPushButton>
 
 namespace {
 
@@ -32,12 +31,44 @@ protected:
         painter.fillPath(tile, background);
         constexpr int side = 29;
         painter.drawPixmap((width() - side) / 2, (height() - side) / 2,
-                           Appearance::symbol(symbol_, color_, side, this));
+                           Appearance::symbol(symbol_, color_, side, painter));
     }
 
 private:
     QString symbol_;
     QColor color_;
+};
+
+constexpr int symbolSpacing = 8;
+
+// Follows whether the keyboard or the pointer was used last, for the whole application.
+class FocusVisibility : public QObject {
+public:
+    static bool keyboardInUse() {
+        static FocusVisibility* instance = [] {
+            auto* filter = new FocusVisibility(qApp);
+            qApp->installEventFilter(filter);
+            return filter;
+        }();
+        return instance->keyboardInUse_;
+    }
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override {
+        if (event->type() == QEvent::KeyPress) {
+            const int key = static_cast<QKeyEvent*>(event)->key();
+            if (key == Qt::Key_Tab || key == Qt::Key_Backtab) {
+                keyboardInUse_ = true;
+            }
+        } else if (event->type() == QEvent::MouseButtonPress) {
+            keyboardInUse_ = false;
+        }
+        return QObject::eventFilter(watched, event);
+    }
+
+private:
+    using QObject::QObject;
+    bool keyboardInUse_ = false;
 };
 
 } // namespace
@@ -59,6 +90,65 @@ ControllerView::ControllerView(TessarelController& controller_, QWidget* parent)
     });
 }
 
+bool showsFocusRing(const QWidget& widget) {
+    return FocusVisibility::keyboardInUse() && widget.hasFocus();
+}
+
+bool clickOnReturn(QAbstractButton& button, const QKeyEvent& event) {
+    if (event.key() != Qt::Key_Return && event.key() != Qt::Key_Enter) {
+        return false;
+    }
+    if (event.modifiers() != Qt::NoModifier && event.modifiers() != Qt::KeypadModifier) {
+        return false;
+    }
+    button.animateClick();
+    return true;
+}
+
+TextLabel::TextLabel(const QString& text, int pixelSize, QFont::Weight weight, Appearance::Ink ink,
+                     QWidget* parent)
+    : QLabel(text, parent), ink_(ink) {
+    setFont(Appearance::font(pixelSize, weight));
+}
+
+void TextLabel::setElidedInTheMiddle(bool elided) {
+    elided_ = elided;
+    setSizePolicy(elided ? QSizePolicy::Ignored : QSizePolicy::Preferred,
+                  sizePolicy().verticalPolicy());
+    updateGeometry();
+}
+
+QSize TextLabel::minimumSizeHint() const {
+    if (!elided_) {
+        return QLabel::minimumSizeHint();
+    }
+    return {fontMetrics().horizontalAdvance(QStringLiteral("W\u2026W")),
+            QLabel::minimumSizeHint().height()};
+}
+
+QString TextLabel::shownText() const {
+    return elided_ ? fontMetrics().elidedText(text(), Qt::ElideMiddle, contentsRect().width())
+                   : text();
+}
+
+void TextLabel::paintEvent(QPaintEvent*) {
+    QPainter painter(this);
+    painter.setFont(font());
+    painter.setPen(ink_.resolve());
+    painter.drawText(contentsRect(), static_cast<int>(alignment()), shownText());
+}
+
+SymbolView::SymbolView(const QString& symbol, Appearance::Ink ink, int side, QWidget* parent)
+    : QWidget(parent), symbol_(symbol), ink_(ink), side_(side) {
+    setFixedSize(side, side);
+}
+
+void SymbolView::paintEvent(QPaintEvent*) {
+    QPainter painter(this);
+    painter.drawPixmap((width() - side_) / 2, (height() - side_) / 2,
+                       Appearance::symbol(symbol_, ink_.resolve(), side_, painter));
+}
+
 Divider::Divider(Qt::Orientation orientation, QWidget* parent) : QWidget(parent) {
     if (orientation == Qt::Horizontal) {
         setFixedHeight(1);
@@ -74,6 +164,15 @@ void Divider::paintEvent(QPaintEvent*) {
 RoundedBox::RoundedBox(double radius, double strokeOpacity, QWidget* parent)
     : QWidget(parent), radius_(radius), strokeOpacity_(strokeOpacity) {}
 
+void RoundedBox::setRingsFocusWithin() {
+    ringsFocusWithin_ = true;
+    connect(qApp, &QApplication::focusChanged, this, [this](QWidget* old, QWidget* now) {
+        if ((old != nullptr && isAncestorOf(old)) || (now != nullptr && isAncestorOf(now))) {
+            update();
+        }
+    });
+}
+
 void RoundedBox::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
@@ -81,6 +180,11 @@ void RoundedBox::paintEvent(QPaintEvent*) {
     shape.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), radius_, radius_);
     painter.fillPath(shape, Appearance::primary(0.025));
     painter.strokePath(shape, QPen(Appearance::primary(strokeOpacity_), 1));
+    const QWidget* focused = QApplication::focusWidget();
+    if (ringsFocusWithin_ && focused != nullptr && isAncestorOf(focused) &&
+        showsFocusRing(*focused)) {
+        Appearance::paintFocusRing(painter, rect(), radius_);
+    }
 }
 
 Dot::Dot(const QColor& color, int diameter, QWidget* parent) : QWidget(parent), color_(color) {
@@ -95,8 +199,84 @@ void Dot::paintEvent(QPaintEvent*) {
     painter.drawEllipse(rect());
 }
 
+ProminentButton::ProminentButton(const QString& title, const QString& symbol, QColor (*fill)(),
+                                 int pixelSize, int horizontalPadding, int height, QWidget* parent)
+    : QPushButton(title, parent), symbol_(symbol), fill_(fill), pixelSize_(pixelSize),
+      horizontalPadding_(horizontalPadding) {
+    setFont(Appearance::font(pixelSize, QFont::DemiBold));
+    setFixedHeight(height);
+    setCursor(Qt::PointingHandCursor);
+    setFocusPolicy(Qt::TabFocus);
+}
+
+QSize ProminentButton::sizeHint() const {
+    const int textWidth = fontMetrics().horizontalAdvance(text());
+    return {2 * horizontalPadding_ + pixelSize_ + symbolSpacing + textWidth, height()};
+}
+
+void ProminentButton::paintEvent(QPaintEvent*) {
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QColor fill = fill_();
+    if (isDown()) {
+        fill = fill.darker(115);
+    } else if (underMouse()) {
+        fill = fill.lighter(108);
+    }
+    const QRectF shape = QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5);
+    QPainterPath path;
+    path.addRoundedRect(shape, 10, 10);
+    painter.fillPath(path, fill);
+    if (showsFocusRing(*this)) {
+        // Inside the fill, in white, so that it shows on the accent-coloured button too.
+        painter.setPen(QPen(Qt::white, 2));
+        painter.drawRoundedRect(shape.adjusted(3, 3, -3, -3), 7, 7);
+    }
+    const int contentWidth = sizeHint().width() - 2 * horizontalPadding_;
+    const int left = (width() - contentWidth) / 2;
+    painter.drawPixmap(left, (height() - pixelSize_) / 2,
+                       Appearance::symbol(symbol_, Qt::white, pixelSize_, painter));
+    painter.setFont(font());
+    painter.setPen(Qt::white);
+    painter.drawText(QRect(left + pixelSize_ + symbolSpacing, 0, width(), height()),
+                     Qt::AlignLeft | Qt::AlignVCenter, text());
+}
+
+void ProminentButton::keyPressEvent(QKeyEvent* event) {
+    if (!clickOnReturn(*this, *event)) {
+        QPushButton::keyPressEvent(event);
+    }
+}
+
+LinkButton::LinkButton(int pixelSize, QWidget* parent) : QPushButton(parent) {
+    setFont(Appearance::font(pixelSize));
+    setCursor(Qt::PointingHandCursor);
+    setFocusPolicy(Qt::TabFocus);
+}
+
+QSize LinkButton::sizeHint() const {
+    return {fontMetrics().horizontalAdvance(text()) + 12, fontMetrics().height() + 10};
+}
+
+void LinkButton::paintEvent(QPaintEvent*) {
+    QPainter painter(this);
+    painter.setFont(font());
+    painter.setPen(Appearance::accent());
+    painter.drawText(rect(), Qt::AlignCenter, text());
+    if (showsFocusRing(*this)) {
+        Appearance::paintFocusRing(painter, rect(), 6);
+    }
+}
+
+void LinkButton::keyPressEvent(QKeyEvent* event) {
+    if (!clickOnReturn(*this, *event)) {
+        QPushButton::keyPressEvent(event);
+    }
+}
+
 Meter::Meter(double level, QWidget* parent) : QWidget(parent), level_(level) {
     setObjectName(QStringLiteral("meter"));
+    setAccessibleName(QStringLiteral("Audio Level"));
     setFixedSize(sizeHint());
 }
 
@@ -137,7 +317,7 @@ ReadyLabel::ReadyLabel(const QString& text, QWidget* parent) : QWidget(parent) {
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(12);
     layout->addWidget(new Dot(Appearance::color(TessarelColor::green), 16, this));
-    label_ = textLabel(text, 17, QFont::Normal, Appearance::secondaryText(), this);
+    label_ = new TextLabel(text, 17, QFont::Normal, Appearance::Tone::secondary, this);
     label_->setObjectName(QStringLiteral("readyText"));
     layout->addWidget(label_);
 }
@@ -155,41 +335,9 @@ Header::Header(const QString& symbol, const QColor& color, const QString& title,
     layout->setContentsMargins(28, 19, 28, 19);
     layout->setSpacing(18);
     layout->addWidget(new SymbolTile(symbol, color, this));
-    auto* titleLabel = textLabel(title, 25, QFont::DemiBold, Appearance::primaryText(), this);
+    auto* titleLabel = new TextLabel(title, 25, QFont::DemiBold, Appearance::Tone::primary, this);
     titleLabel->setObjectName(QStringLiteral("headerTitle"));
     layout->addWidget(titleLabel);
     layout->addStretch(1);
     layout->addWidget(new CloseButton(std::move(close), this));
-}
-
-QLabel* symbolLabel(const QString& symbol, const QColor& tint, int side, QWidget* parent) {
-    auto* label = new QLabel(parent);
-    label->setPixmap(Appearance::symbol(symbol, tint, side, parent));
-    label->setFixedSize(side, side);
-    return label;
-}
-
-QLabel* textLabel(const QString& text, int pixelSize, QFont::Weight weight, const QColor& color,
-                  QWidget* parent) {
-    auto* label = new QLabel(text, parent);
-    Appearance::styleLabel(*label, pixelSize, weight, color);
-    return label;
-}
-
-QPushButton* prominentButton(const QString& title, const QString& symbol, const QColor& tint,
-                             int pixelSize, int horizontalPadding, int height, QWidget* parent) {
-    auto* button = new QPushButton(title, parent);
-    button->setIcon(Appearance::symbolIcon(symbol, Qt::white, pixelSize));
-    button->setIconSize(QSize(pixelSize, pixelSize));
-    button->setFont(Appearance::font(pixelSize, QFont::DemiBold));
-    button->setFixedHeight(height);
-    button->setCursor(Qt::PointingHandCursor);
-    button->setStyleSheet(QStringLiteral("QPushButton { color: white; background: %1; border: none;"
-                                         " border-radius: 10px; padding: 0 %2px; }"
-                                         "QPushButton:hover { background: %3; }"
-                                         "QPushButton:pressed { background: %4; }")
-                              .arg(tint.name())
-                              .arg(horizontalPadding)
-                              .arg(tint.lighter(108).name(), tint.darker(115).name()));
-    return button;
 }

@@ -1,18 +1,23 @@
 #pragma once
 
 #include "controller/Published.h"
+#include "ui/Appearance.h"
 
+#include <QAbstractButton>
 #include <QColor>
 #include <QFont>
+#include <QLabel>
+#include <QPushButton>
 #include <QWidget>
 
 #include <functional>
 
-class QLabel;
-class QPushButton;
 class TessarelController;
 
-// The small widgets the panel's screens share. GUI thread only.
+// The small widgets the panel's screens share. Each looks its colours up when it paints, and
+// every button takes the keyboard focus with Tab (a click gives none, as on other desktops'
+// panels), shows it with a ring in the accent colour and runs on Return and Enter as on Space.
+// GUI thread only.
 
 // A view that renders again once the controller has announced a change. The announcement
 // comes before the new value is stored, so the render is queued and coalesced. Views keep no
@@ -30,6 +35,49 @@ private:
     bool renderQueued_ = false;
 };
 
+// Whether `widget` shows the focus ring: it has the focus and the keyboard is in use, that is a
+// Tab key came after the last click (the focus a window gives its first control when it opens
+// stays unmarked until then).
+bool showsFocusRing(const QWidget& widget);
+
+// Return and Enter click a focused button, as Space does.
+bool clickOnReturn(QAbstractButton& button, const QKeyEvent& event);
+
+// A text in a tone of the current scheme. Optionally a long text is shortened in the middle to
+// the width it is given, so that both its ends stay readable.
+class TextLabel : public QLabel {
+    Q_OBJECT
+public:
+    TextLabel(const QString& text, int pixelSize, QFont::Weight weight, Appearance::Ink ink,
+              QWidget* parent = nullptr);
+    void setElidedInTheMiddle(bool elided);
+    // The text as it is drawn at the label's present width.
+    QString shownText() const;
+    QSize minimumSizeHint() const override;
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    Appearance::Ink ink_;
+    bool elided_ = false;
+};
+
+// One of our symbols, rendered when painting at the pixel ratio of the screen the widget is on.
+class SymbolView : public QWidget {
+    Q_OBJECT
+public:
+    SymbolView(const QString& symbol, Appearance::Ink ink, int side, QWidget* parent = nullptr);
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    QString symbol_;
+    Appearance::Ink ink_;
+    int side_;
+};
+
 // A hairline between sections.
 class Divider : public QWidget {
     Q_OBJECT
@@ -45,6 +93,8 @@ class RoundedBox : public QWidget {
     Q_OBJECT
 public:
     RoundedBox(double radius, double strokeOpacity, QWidget* parent = nullptr);
+    // The focus ring goes around the box while the control inside it has the focus.
+    void setRingsFocusWithin();
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -52,6 +102,7 @@ protected:
 private:
     double radius_;
     double strokeOpacity_;
+    bool ringsFocusWithin_ = false;
 };
 
 class Dot : public QWidget {
@@ -64,6 +115,37 @@ protected:
 
 private:
     QColor color_;
+};
+
+// A filled button with a white symbol before its white title, the start and stop buttons.
+class ProminentButton : public QPushButton {
+    Q_OBJECT
+public:
+    ProminentButton(const QString& title, const QString& symbol, QColor (*fill)(), int pixelSize,
+                    int horizontalPadding, int height, QWidget* parent = nullptr);
+    QSize sizeHint() const override;
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+
+private:
+    QString symbol_;
+    QColor (*fill_)();
+    int pixelSize_;
+    int horizontalPadding_;
+};
+
+// A text-only button in the accent colour.
+class LinkButton : public QPushButton {
+    Q_OBJECT
+public:
+    explicit LinkButton(int pixelSize, QWidget* parent = nullptr);
+    QSize sizeHint() const override;
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
 };
 
 // The level meter: 22 bars, lit from the left up to `level`.
@@ -100,10 +182,3 @@ public:
     Header(const QString& symbol, const QColor& color, const QString& title,
            std::function<void()> close, QWidget* parent = nullptr);
 };
-
-QLabel* symbolLabel(const QString& symbol, const QColor& tint, int side, QWidget* parent);
-QLabel* textLabel(const QString& text, int pixelSize, QFont::Weight weight, const QColor& color,
-                  QWidget* parent);
-// A filled, tinted push button with a symbol before its title.
-QPushButton* prominentButton(const QString& title, const QString& symbol, const QColor& tint,
-                             int pixelSize, int horizontalPadding, int height, QWidget* parent);

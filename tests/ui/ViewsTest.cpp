@@ -550,8 +550,4 @@ TEST_F(ViewsTest, TheFourPaletteColours) {
     EXPECT_EQ(Appearance::color(TessarelColor::green), QColor::fromRgbF(0.05F, 0.82F, 0.35F));
 }
 
-TEST_F(ViewsTest, ThePanelBackgroundIsTranslucentAndTheTextColoursDiffer) {
-    EXPECT_LT(Appearance::panelBackground().alpha(), 255);
-    EXPECT_GT(Appearance::panelBackground().alpha(), 0);
-    EXPECT_NE(Appearance::primaryText(), Appearance::secondaryText());
-}
+
