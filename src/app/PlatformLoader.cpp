@@ -53,7 +53,17 @@ class ScreenCaptureLayer {
 public:
     ScreenCaptureLayer() {
         const QString session = QGuiApplication::platformName();
-        if (session == QLatin1String("xcb")) {
+        // Qt falls back to XWayland where it has no Wayland support; only a user who asked
+        // for X11 gets XWayland's partial picture.
+        const bool fellBackToXWayland = session == QLatin1String("xcb") &&
+                                        qEnvironmentVariableIsSet("WAYLAND_DISPLAY") &&
+                                        qgetenv("QT_QPA_PLATFORM") != "xcb";
+        if (fellBackToXWayland) {
+            unavailable_.emplace(QStringLiteral(
+                "Tessarel runs through XWayland here, which sees only XWayland's windows. "
+                "Install Qt's Wayland support (qt6-wayland), or start Tessarel with "
+                "QT_QPA_PLATFORM=xcb to capture XWayland's windows alone."));
+        } else if (session == QLatin1String("xcb")) {
             x11_.emplace();
         } else if (session == QLatin1String("wayland")) {
             if (WaylandContentProvider::offersScreenCapture()) {

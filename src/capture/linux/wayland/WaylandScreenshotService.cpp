@@ -32,7 +32,7 @@ Image WaylandScreenshotService::captureImage(const ContentFilter& filter,
         if (!connection_) {
             connection_ = std::make_unique<WaylandConnection>(displayName_);
         } else {
-            connection_->roundtrip(); // outputs may have come or gone since
+            connection_->refreshOutputs();
         }
         return copyOutput(filter, configuration);
     } catch (...) {
