@@ -14,6 +14,10 @@ QColor systemBlue() {
     return {0, 122, 255};
 }
 
+bool onWayland() {
+    return QGuiApplication::platformName() == QLatin1String("wayland");
+}
+
 } // namespace
 
 SelectionOverlay::SelectionOverlay(QScreen& screen,
@@ -90,6 +94,9 @@ void SelectionOverlay::keyPressEvent(QKeyEvent* event) {
     view_.keyDown(event->key() == Qt::Key_Escape ? SelectionKey::escape : SelectionKey::other);
 }
 
+DesktopSelectionOverlayHost::DesktopSelectionOverlayHost(ScreenPicture waylandScreenPicture)
+    : waylandScreenPicture_(std::move(waylandScreenPicture)) {}
+
 std::vector<ScreenDescription> DesktopSelectionOverlayHost::screens() {
     std::vector<ScreenDescription> result;
     for (const QScreen* screen : QGuiApplication::screens()) {
@@ -105,9 +112,20 @@ void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& descripti
             continue;
         }
         // Taken before this overlay is up, so that it shows what lies beneath.
-        QPixmap frozen = DesktopScreens::compositing() ? QPixmap() : screen->grabWindow(0);
+        QPixmap frozen;
+        if (onWayland()) {
+            frozen = waylandScreenPicture_ ? waylandScreenPicture_(*screen) : QPixmap();
+        } else if (!DesktopScreens::compositing()) {
+            frozen = screen->grabWindow(0);
+        }
         auto* overlay = new SelectionOverlay(*screen, std::move(callbacks), std::move(frozen));
-        overlay->show();
+        if (onWayland()) {
+            // A client cannot place its windows there; the compositor puts a full-screen
+            // window exactly over the output it is asked for.
+            overlay->showFullScreen();
+        } else {
+            overlay->show();
+        }
         overlay->raise();
         overlay->activateWindow();
         if (overlays_.empty()) {

@@ -7,6 +7,7 @@
 #include <QPointer>
 #include <QWidget>
 
+#include <functional>
 #include <vector>
 
 class QScreen;
@@ -41,6 +42,13 @@ private:
 // Puts one overlay over every screen Qt knows.
 class DesktopSelectionOverlayHost : public SelectionOverlayHost {
 public:
+    // A picture of what a screen shows now, at its pixel size; null when there is none.
+    using ScreenPicture = std::function<QPixmap(QScreen&)>;
+
+    // On Wayland a full-screen window hides everything beneath it and Qt cannot read the
+    // screen: the overlays show `waylandScreenPicture` of their output instead.
+    explicit DesktopSelectionOverlayHost(ScreenPicture waylandScreenPicture = {});
+
     std::vector<ScreenDescription> screens() override;
     void showOverlay(const ScreenDescription& screen, OverlayCallbacks callbacks) override;
     void closeOverlays() override;
@@ -51,5 +59,6 @@ public:
     std::vector<SelectionOverlay*> overlays() const;
 
 private:
+    ScreenPicture waylandScreenPicture_;
     std::vector<QPointer<SelectionOverlay>> overlays_;
 };
