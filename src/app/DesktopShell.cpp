@@ -177,6 +177,12 @@ void DesktopShell::setPanelContentSize(const Size& size) {
     if (panel_) {
         const QSize content(static_cast<int>(std::lround(size.width)),
                             static_cast<int>(std::lround(size.height)));
+        if (onWayland()) {
+            // Tiling compositors float a window of fixed size rather than tile it over the
+            // whole output; the panel keeps the size of its screen.
+            panel_->setFixedSize(content);
+            return;
+        }
         panel_->setMinimumSize(TessarelRootView::minimumSizeFor(content));
         panel_->resize(content);
     }
