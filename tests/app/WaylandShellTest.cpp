@@ -251,8 +251,20 @@ TEST(WaylandShellTest, ASecondClickOnTheItemOrEscapeClosesThePopup) {
 
     shell.click(*icon);
     ASSERT_TRUE(shell.waitForFloatingView(tessarel, kPopup));
-    shell.key({QStringLiteral("-k"), QStringLiteral("Escape")});
-    EXPECT_TRUE(processEventsUntil([&] { return shell.views(tessarel).empty(); }));
+    // The seat loses its keyboard, and Tessarel its focus, when wtype ends: the popup must
+    // be gone while wtype still holds the keyboard.
+    QProcess typing;
+    typing.setProcessEnvironment(shell.desktop().environment());
+    typing.start(QStringLiteral("wtype"),
+                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-k"),
+                  QStringLiteral("Escape"), QStringLiteral("-s"), QStringLiteral("20000")});
+    ASSERT_TRUE(typing.waitForStarted());
+    EXPECT_TRUE(processEventsUntil(
+        [&] { return shell.views(tessarel).empty() || typing.state() == QProcess::NotRunning; }));
+    EXPECT_EQ(typing.state(), QProcess::Running) << "the popup stayed up after Escape";
+    EXPECT_TRUE(shell.views(tessarel).empty());
+    typing.kill();
+    typing.waitForFinished();
 }
 
 TEST(WaylandShellTest, WithoutATrayThePanelComesUpAtStartAndASecondStartRaisesIt) {
