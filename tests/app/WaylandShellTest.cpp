@@ -321,3 +321,69 @@ TEST(WaylandShellTest, CtrlRVAndSOpenTheirScreensWhileTessarelIsActive) {
         EXPECT_EQ(shown, kind) << "Ctrl+" << letter.toStdString();
     }
 }
+
+TEST(WaylandShellTest, TheAreaOverlayCoversEveryOutputAndEscapeLeavesItWhileDragging) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    shell.key({QStringLiteral("-M"), QStringLiteral("ctrl"), QStringLiteral("v"),
+               QStringLiteral("-m"), QStringLiteral("ctrl")});
+    const std::optional<View> panel = shell.waitForFloatingView(tessarel, kSetup);
+    ASSERT_TRUE(panel);
+    // The start button at the right end of the set-up screen's bottom bar.
+    shell.click(panel->rect.topLeft() + QPoint(560, 417));
+
+    // One full-screen overlay on each output, the scale-2 one included.
+    const WaylandDesktop::Output first = shell.desktop().output(QStringLiteral("HEADLESS-1"));
+    const WaylandDesktop::Output second = shell.desktop().output(QStringLiteral("HEADLESS-2"));
+    for (const QRect& logical : {first.logical, second.logical}) {
+        EXPECT_TRUE(shell.waitForView(
+            tessarel, [&](const View& view) { return view.fullscreen && view.rect == logical; }))
+            << "no overlay over the output at " << logical.x();
+    }
+
+    // A drag on the scale-2 output draws its outline where the pointer went, in the output's
+    // own pixels.
+    WaylandDesktop::Pointer& pointer = shell.desktop().pointer();
+    pointer.move(second.logical.topLeft() + QPoint(100, 100));
+    QThread::msleep(300);
+    pointer.press();
+    pointer.move(second.logical.topLeft() + QPoint(200, 160));
+    pointer.move(second.logical.topLeft() + QPoint(300, 250));
+    const QColor outline(0, 122, 255);
+    const QRect dragged(QPoint(200, 200), QPoint(600, 500)); // pixels, scale 2
+    EXPECT_TRUE(processEventsUntil([&] {
+        const QImage picture = shell.desktop().grim(second.name);
+        const auto onEdge = [&](const QRect& strip) {
+            return pixelsNear(picture, strip, outline).size() >= 20;
+        };
+        return onEdge(QRect(dragged.left() + 20, dragged.top() - 3, 100, 6)) &&
+               onEdge(QRect(dragged.left() - 3, dragged.top() + 20, 6, 100)) &&
+               onEdge(QRect(dragged.left() + 20, dragged.bottom() - 3, 100, 6)) &&
+               onEdge(QRect(dragged.right() - 3, dragged.top() + 20, 6, 100)) &&
+               pixelsNear(picture, dragged.adjusted(8, 8, -8, -8), outline).empty();
+    })) << "no outline around the dragged area";
+
+    // The seat loses its keyboard when wtype ends, which would end the selection too: the
+    // overlays must be gone while wtype still holds the keyboard.
+    QProcess typing;
+    typing.setProcessEnvironment(shell.desktop().environment());
+    typing.start(QStringLiteral("wtype"),
+                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-k"),
+                  QStringLiteral("Escape"), QStringLiteral("-s"), QStringLiteral("20000")});
+    ASSERT_TRUE(typing.waitForStarted());
+    const auto overlaysGone = [&] {
+        const std::vector<View> shown = shell.views(tessarel);
+        return std::none_of(shown.begin(), shown.end(),
+                            [](const View& view) { return view.fullscreen; });
+    };
+    EXPECT_TRUE(processEventsUntil(
+        [&] { return overlaysGone() || typing.state() == QProcess::NotRunning; }));
+    EXPECT_EQ(typing.state(), QProcess::Running) << "the overlays stayed up after Escape";
+    EXPECT_TRUE(overlaysGone());
+    typing.kill();
+    typing.waitForFinished();
+    pointer.release();
+    // The set-up screen stays as it was.
+    EXPECT_TRUE(shell.waitForFloatingView(tessarel, kSetup));
+}
