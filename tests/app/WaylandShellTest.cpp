@@ -345,6 +345,10 @@ TEST(WaylandShellTest, TheAreaOverlayCoversEveryOutputAndEscapeLeavesItWhileDrag
     // A drag on the scale-2 output draws its outline where the pointer went, in the output's
     // own pixels.
     WaylandDesktop::Pointer& pointer = shell.desktop().pointer();
+    // The hand comes to rest before it presses: a first motion can meet the overlay while
+    // sway is still making it full-screen.
+    pointer.move(second.logical.topLeft() + QPoint(120, 120));
+    QThread::msleep(300);
     pointer.move(second.logical.topLeft() + QPoint(100, 100));
     QThread::msleep(300);
     pointer.press();
