@@ -7,6 +7,9 @@
 
 #include <QApplication>
 #include <QCursor>
+#include <QDBusConnection>
+#include <QDBusInterface>
+#include <QDBusServiceWatcher>
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -18,12 +21,19 @@
 
 namespace {
 
-// The frameless popup under the tray icon, holding the compact home list.
+bool onWayland() {
+    return QGuiApplication::platformName() == QLatin1String("wayland");
+}
+
+// The frameless popup under the tray icon, holding the compact home list. A Wayland client
+// cannot put a window under the icon: there the popup is a small window of its own, which
+// the compositor places where the user is looking and which closes as the popup does.
 class Popup : public QWidget {
 public:
     Popup(TessarelController& controller, std::function<void(TessarelMode)> onSelect)
-        : QWidget(nullptr, Qt::Popup | Qt::FramelessWindowHint) {
+        : QWidget(nullptr, (onWayland() ? Qt::Window : Qt::Popup) | Qt::FramelessWindowHint) {
         setObjectName(QStringLiteral("popup"));
+        setWindowTitle(QStringLiteral("Tessarel"));
         // Rounded corners only where something can show through them.
         setAttribute(Qt::WA_TranslucentBackground, DesktopScreens().compositing());
         // A click on the tray icon that closes the popup must not reopen it.
@@ -35,6 +45,15 @@ public:
     }
 
 protected:
+    void keyPressEvent(QKeyEvent* event) override {
+        // A Qt popup closes on Escape by itself; the Wayland window does it here.
+        if (event->key() == Qt::Key_Escape) {
+            hide();
+            return;
+        }
+        QWidget::keyPressEvent(event);
+    }
+
     void paintEvent(QPaintEvent*) override {
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
@@ -85,7 +104,22 @@ private:
     ShellWindowing::KeyHandler handler_;
 };
 
+const QString statusNotifierWatcher = QStringLiteral("org.kde.StatusNotifierWatcher");
+
+// Asks the watcher itself: Qt 6.4 settles once per process, at its first look, whether its
+// tray speaks D-Bus, so asking Qt before a tray exists would keep the item out of every tray
+// started later.
+bool statusNotifierHostPresent() {
+    QDBusInterface watcher(statusNotifierWatcher, QStringLiteral("/StatusNotifierWatcher"),
+                           statusNotifierWatcher, QDBusConnection::sessionBus());
+    return watcher.isValid() && watcher.property("IsStatusNotifierHostRegistered").toBool();
+}
+
 } // namespace
+
+bool DesktopShell::systemTrayAvailable() {
+    return onWayland() ? statusNotifierHostPresent() : QSystemTrayIcon::isSystemTrayAvailable();
+}
 
 DesktopShell::DesktopShell(TessarelController& controller, bool trayAvailable)
     : controller_(controller), trayAvailable_(trayAvailable),
@@ -141,6 +175,12 @@ void DesktopShell::configurePanel() {
 void DesktopShell::setPanelContentSize(const Size& size) {
     if (panel_) {
         const QSize content = Appearance::toQSize(size);
+        if (onWayland()) {
+            // Tiling compositors float a window of fixed size rather than tile it over the
+            // whole output; the panel keeps the size of its screen.
+            panel_->setFixedSize(content);
+            return;
+        }
         const QScreen* screen = panel_->screen();
         panel_->setMinimumSize(TessarelRootView::minimumSizeFor(
             controller_.mode(), screen != nullptr ? screen->availableSize() : content));
@@ -159,11 +199,44 @@ void DesktopShell::showPanel() {
 }
 
 void DesktopShell::configureStatusItem() {
-    if (!trayAvailable_) {
-        return;
+    if (onWayland()) {
+        watchForTray();
     }
-    tray_ = std::make_unique<QSystemTrayIcon>(Appearance::symbolIcon(
-        QStringLiteral("sparkles"), Appearance::color(TessarelColor::amber), 22));
+    if (trayAvailable_) {
+        buildStatusItem();
+    }
+}
+
+void DesktopShell::watchForTray() {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    auto* watcher = new QDBusServiceWatcher(statusNotifierWatcher, bus,
+                                            QDBusServiceWatcher::WatchForRegistration, this);
+    connect(watcher, &QDBusServiceWatcher::serviceRegistered, this, [this] {
+        if (tray_) {
+            // Qt offers its item to the watcher there was when it was shown and to no later
+            // one: showing it again offers it to the new watcher.
+            tray_->hide();
+            tray_->show();
+        } else {
+            trayDidAppear();
+        }
+    });
+    // A watcher counts once a tray host has joined it, which may come after its name.
+    bus.connect(statusNotifierWatcher, QStringLiteral("/StatusNotifierWatcher"),
+                statusNotifierWatcher, QStringLiteral("StatusNotifierHostRegistered"), this,
+                SLOT(trayDidAppear()));
+}
+
+void DesktopShell::trayDidAppear() {
+    if (!tray_ && statusNotifierHostPresent()) {
+        buildStatusItem();
+    }
+}
+
+void DesktopShell::buildStatusItem() {
+    tray_ = std::make_unique<QSystemTrayIcon>(
+        Appearance::symbolIcon(QStringLiteral("sparkles"),
+                               Appearance::color(TessarelColor::amber), 22));
     tray_->setToolTip(QStringLiteral("Tessarel"));
     connect(tray_.get(), &QSystemTrayIcon::activated, this,
             [this](QSystemTrayIcon::ActivationReason reason) {

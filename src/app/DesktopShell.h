@@ -18,9 +18,13 @@ class DesktopShell : public QObject, private ShellWindowing {
 public:
     static constexpr QSize popupSize{480, 402};
 
-    // Without a tray the panel stands in for the popup.
+    // Whether the desktop shows tray items now.
+    static bool systemTrayAvailable();
+
+    // Without a tray the panel stands in for the popup. On Wayland the item joins a tray
+    // that starts later.
     explicit DesktopShell(TessarelController& controller,
-                          bool trayAvailable = QSystemTrayIcon::isSystemTrayAvailable());
+                          bool trayAvailable = systemTrayAvailable());
     ~DesktopShell() override;
 
     void launch();
@@ -34,7 +38,12 @@ public:
     QWidget* popup() const { return popup_.get(); }
     ShellCoordinator& coordinator() { return coordinator_; }
 
+private slots:
+    void trayDidAppear();
+
 private:
+    void watchForTray();
+    void buildStatusItem();
     void configurePanel() override;
     void setPanelContentSize(const Size& size) override;
     void showPanel() override;

@@ -1,5 +1,6 @@
 #include "app/DesktopShell.h"
 #include "app/PlatformLoader.h"
+#include "app/ScreenPicture.h"
 #include "app/SingleInstance.h"
 #include "capture/CaptureEngine.h"
 #include "controller/TessarelController.h"
@@ -29,7 +30,8 @@ int main(int argc, char** argv) {
     const std::unique_ptr<LoadedCapturePlatform> capture = loadCapturePlatform();
     CaptureEngine engine(capture->platform());
     DesktopScreens screens;
-    DesktopSelectionOverlayHost overlays(screens);
+    DesktopSelectionOverlayHost overlays(
+        screens, [&capture](QScreen& screen) { return screenPicture(capture->platform(), screen); });
     RegionSelector selector(overlays);
 
     DesktopScreenCapturePermission permission;

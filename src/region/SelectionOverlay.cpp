@@ -14,6 +14,10 @@ QColor systemBlue() {
     return {0, 122, 255};
 }
 
+bool onWayland() {
+    return QGuiApplication::platformName() == QLatin1String("wayland");
+}
+
 } // namespace
 
 SelectionOverlay::SelectionOverlay(QScreen& screen,
@@ -115,6 +119,10 @@ void SelectionOverlay::stopHoldingKeyboard() {
     holdsKeyboard_ = false;
 }
 
+DesktopSelectionOverlayHost::DesktopSelectionOverlayHost(const ScreenDirectory& screens,
+                                                         ScreenPicture waylandScreenPicture)
+    : screens_(screens), waylandScreenPicture_(std::move(waylandScreenPicture)) {}
+
 std::vector<ScreenDescription> DesktopSelectionOverlayHost::screens() {
     std::vector<ScreenDescription> result;
     for (const QScreen* screen : QGuiApplication::screens()) {
@@ -130,9 +138,20 @@ void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& descripti
             continue;
         }
         // Taken before this overlay is up, so that it shows what lies beneath.
-        QPixmap frozen = screens_.compositing() ? QPixmap() : screen->grabWindow(0);
+        QPixmap frozen;
+        if (onWayland()) {
+            frozen = waylandScreenPicture_ ? waylandScreenPicture_(*screen) : QPixmap();
+        } else if (!screens_.compositing()) {
+            frozen = screen->grabWindow(0);
+        }
         auto* overlay = new SelectionOverlay(*screen, std::move(callbacks), std::move(frozen));
-        overlay->show();
+        if (onWayland()) {
+            // A client cannot place its windows there; the compositor puts a full-screen
+            // window exactly over the output it is asked for.
+            overlay->showFullScreen();
+        } else {
+            overlay->show();
+        }
         overlay->raise();
         overlay->activateWindow();
         if (overlays_.empty()) {

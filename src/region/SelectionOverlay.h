@@ -7,6 +7,7 @@
 #include <QPointer>
 #include <QWidget>
 
+#include <functional>
 #include <vector>
 
 class QScreen;
@@ -49,7 +50,14 @@ private:
 // Puts one overlay over every screen Qt knows.
 class DesktopSelectionOverlayHost : public SelectionOverlayHost {
 public:
-    explicit DesktopSelectionOverlayHost(const ScreenDirectory& screens) : screens_(screens) {}
+    // A picture of what a screen shows now, at its pixel size; null when there is none.
+    using ScreenPicture = std::function<QPixmap(QScreen&)>;
+
+    // On Wayland a full-screen window hides everything beneath it and Qt cannot read the
+    // screen: the overlays show `waylandScreenPicture` of their output instead.
+    explicit DesktopSelectionOverlayHost(const ScreenDirectory& screens,
+                                         ScreenPicture waylandScreenPicture = {});
+
     std::vector<ScreenDescription> screens() override;
     void showOverlay(const ScreenDescription& screen, OverlayCallbacks callbacks) override;
     void closeOverlays() override;
@@ -61,5 +69,6 @@ public:
 
 private:
     const ScreenDirectory& screens_;
+    ScreenPicture waylandScreenPicture_;
     std::vector<QPointer<SelectionOverlay>> overlays_;
 };

@@ -25,3 +25,12 @@ TEST(OutputNumbering, NumberDependsOnTheNameAloneHoweverItWasSpelledOut) {
     EXPECT_NE(displayNumberOfOutput(QStringLiteral("DP-1")),
               displayNumberOfOutput(QStringLiteral("dp-1")));
 }
+
+// Published FNV-1a vectors: the number must be the same in every build and process that
+// derives it, so it is checked against values computed elsewhere.
+TEST(OutputNumbering, FollowsTheFnv1aDigestOfTheUtf8Name) {
+    EXPECT_EQ(displayNumberOfOutput(QStringLiteral("a")), 0xe40c292cU);
+    EXPECT_EQ(displayNumberOfOutput(QStringLiteral("foobar")), 0xbf9cf968U);
+    // U+00E9 is C3 A9 in UTF-8 (0x1e9de8c1); read as Latin-1, one byte E9 (0x6c0b6c44).
+    EXPECT_EQ(displayNumberOfOutput(QString::fromUtf8("\xc3\xa9")), 0x1e9de8c1U);
+}

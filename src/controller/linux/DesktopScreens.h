@@ -7,9 +7,10 @@ class QScreen;
 // Qt's screens as the controller and the region selector see them. GUI thread only.
 class DesktopScreens : public ScreenProvider, public ScreenDirectory {
 public:
-    // The display number is the X atom of the screen's name, the same number the X11 capture
-    // backend derives from the RandR monitor's name; it is missing off X11. The frame is in
-    // global bottom-left points; the scale is the device pixel ratio.
+    // The display number is the one the capture backend derives for the same monitor: on X11
+    // the atom of the RandR monitor's name, on Wayland the number of the output's name; it is
+    // missing elsewhere. The frame is in global bottom-left points; the scale is the device
+    // pixel ratio.
     ScreenDescription describe(const QScreen& screen) const override;
 
     // False on an X display without a compositing manager, where a translucent window shows

@@ -1,0 +1,393 @@
+#include "support/EventLoop.h"
+#include "support/WaylandDesktop.h"
+
+#include <QColor>
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRect>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+#include <vector>
+
+// Tessarel on a headless sway, driven as a person would: the pointer clicks the item in
+// swaybar's tray and the windows sway shows, keys come from wtype.
+
+namespace {
+
+// Sizes of Tessarel's windows in points.
+const QSize kPopup(480, 402);
+const QSize kHome(650, 430);
+const QSize kSetup(700, 460);
+
+// The tray icon's gold, and the colour each set-up screen's header symbol is drawn in.
+const QColor kIconGold(255, 184, 0);
+const QColor kAudio(255, 51, 71);
+const QColor kVideo(26, 133, 255);
+const QColor kSnapshot(128, 51, 235);
+
+// The popup's rows are 92 high and start 88 below its top.
+QPoint popupRow(const QRect& popup, int row) {
+    return {popup.center().x(), popup.top() + 88 + 46 + 92 * row};
+}
+
+struct View {
+    QRect rect; // in the layout's points
+    bool floating = false;
+    bool fullscreen = false;
+    bool focused = false;
+};
+
+bool near(QRgb pixel, const QColor& colour) {
+    constexpr int tolerance = 12;
+    return std::abs(qRed(pixel) - colour.red()) <= tolerance &&
+           std::abs(qGreen(pixel) - colour.green()) <= tolerance &&
+           std::abs(qBlue(pixel) - colour.blue()) <= tolerance;
+}
+
+// The pixels of `area` (in the picture's coordinates) near `colour`.
+std::vector<QPoint> pixelsNear(const QImage& picture, const QRect& area, const QColor& colour) {
+    std::vector<QPoint> found;
+    const QRect inside = area.intersected(picture.rect());
+    for (int y = inside.top(); y <= inside.bottom(); ++y) {
+        for (int x = inside.left(); x <= inside.right(); ++x) {
+            if (near(picture.pixel(x, y), colour)) {
+                found.emplace_back(x, y);
+            }
+        }
+    }
+    return found;
+}
+
+class WaylandShell {
+public:
+    explicit WaylandShell(bool withBar) : desktop_(WaylandDesktop::Options{{1280, 720}, withBar}) {}
+
+    ~WaylandShell() {
+        for (auto& process : tessarel_) {
+            process->terminate();
+            if (!process->waitForFinished(5000)) {
+                process->kill();
+                process->waitForFinished(5000);
+            }
+        }
+    }
+
+    WaylandDesktop& desktop() { return desktop_; }
+
+    // Starts Tessarel as a Wayland client of the desktop, as its session would.
+    QProcess& startTessarel() {
+        auto process = std::make_unique<QProcess>();
+        const QStringList commandLine = desktop_.asDesktopUser(
+            QStringLiteral("env"),
+            {QStringLiteral("XDG_SESSION_TYPE=wayland"), QStringLiteral(TESSAREL_PROGRAM)});
+        process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process->start(commandLine.front(), commandLine.mid(1));
+        EXPECT_TRUE(process->waitForStarted(10000));
+        tessarel_.push_back(std::move(process));
+        return *tessarel_.back();
+    }
+
+    // Tessarel's windows as sway shows them.
+    std::vector<View> views(const QProcess& tessarel) const {
+        std::vector<View> found;
+        const std::function<void(const QJsonObject&, bool)> walk = [&](const QJsonObject& node,
+                                                                       bool floating) {
+            if (node[QStringLiteral("pid")].toInteger() == tessarel.processId()) {
+                const QJsonObject rect = node[QStringLiteral("rect")].toObject();
+                found.push_back(
+                    {QRect(rect[QStringLiteral("x")].toInt(), rect[QStringLiteral("y")].toInt(),
+                           rect[QStringLiteral("width")].toInt(),
+                           rect[QStringLiteral("height")].toInt()),
+                     floating, node[QStringLiteral("fullscreen_mode")].toInt() != 0,
+                     node[QStringLiteral("focused")].toBool()});
+            }
+            for (const auto child : node[QStringLiteral("nodes")].toArray()) {
+                walk(child.toObject(), floating);
+            }
+            for (const auto child : node[QStringLiteral("floating_nodes")].toArray()) {
+                walk(child.toObject(), true);
+            }
+        };
+        walk(QJsonDocument::fromJson(desktop_.swaymsg({QStringLiteral("-r"), QStringLiteral("-t"),
+                                                       QStringLiteral("get_tree")}))
+                 .object(),
+             false);
+        return found;
+    }
+
+    std::optional<View> waitForView(const QProcess& tessarel,
+                                    const std::function<bool(const View&)>& accept) const {
+        std::optional<View> match;
+        processEventsUntil([&] {
+            for (const View& view : views(tessarel)) {
+                if (accept(view)) {
+                    match = view;
+                    return true;
+                }
+            }
+            return false;
+        });
+        return match;
+    }
+
+    std::optional<View> waitForFloatingView(const QProcess& tessarel, const QSize& size) const {
+        return waitForView(
+            tessarel, [&](const View& view) { return view.floating && view.rect.size() == size; });
+    }
+
+    // Where Tessarel's icon shows in the bar on the first output, found by its colour.
+    std::optional<QPoint> waitForTrayIcon() const {
+        std::optional<QPoint> centre;
+        processEventsUntil([&] {
+            const QImage picture = desktop_.grim(QStringLiteral("HEADLESS-1"));
+            const std::vector<QPoint> gold =
+                pixelsNear(picture, QRect(0, 0, picture.width(), 40), kIconGold);
+            if (gold.size() < 10) {
+                return false;
+            }
+            QRect bounds;
+            for (const QPoint& point : gold) {
+                bounds = bounds.united(QRect(point, QSize(1, 1)));
+            }
+            centre = bounds.center();
+            return true;
+        });
+        return centre;
+    }
+
+    void click(const QPoint& at) {
+        WaylandDesktop::Pointer& pointer = desktop_.pointer();
+        pointer.move(at);
+        // A hand rests a moment before it presses: a press arriving in the same instant as
+        // the pointer, on a window that has just appeared, was seen to go missing.
+        QThread::msleep(300);
+        pointer.press();
+        pointer.release();
+    }
+
+    // Keys as wtype types them, after a pause that lets its keyboard reach the seat.
+    void key(const QStringList& arguments) {
+        desktop_.run(QStringLiteral("wtype"),
+                     QStringList{QStringLiteral("-s"), QStringLiteral("800")} + arguments);
+    }
+
+    // Which set-up screen a view of the first output shows, told by its header symbol.
+    std::optional<QColor> setupKind(const View& panel) const {
+        const QImage picture = desktop_.grim(QStringLiteral("HEADLESS-1"));
+        // The symbol's tile at the header's left end; the rest of the screen has blues of
+        // its own.
+        const QRect header(panel.rect.topLeft(), QSize(120, 100));
+        std::optional<QColor> kind;
+        for (const QColor& colour : {kAudio, kVideo, kSnapshot}) {
+            if (pixelsNear(picture, header, colour).size() >= 20) {
+                if (kind) {
+                    return std::nullopt; // two kinds at once is no set-up screen
+                }
+                kind = colour;
+            }
+        }
+        return kind;
+    }
+
+private:
+    WaylandDesktop desktop_;
+    std::vector<std::unique_ptr<QProcess>> tessarel_;
+};
+
+} // namespace
+
+TEST(WaylandShellTest, ClickingTheTrayItemBringsUpTheThreeCapturesAndEachRowOpensItsScreen) {
+    WaylandShell shell(true);
+    QProcess& tessarel = shell.startTessarel();
+    const std::optional<QPoint> icon = shell.waitForTrayIcon();
+    ASSERT_TRUE(icon) << "no item in the bar";
+    // With a tray, nothing shows until the user asks.
+    EXPECT_TRUE(shell.views(tessarel).empty());
+
+    const QColor kinds[] = {kAudio, kVideo, kSnapshot};
+    for (int row = 0; row < 3; ++row) {
+        shell.click(*icon);
+        const std::optional<View> popup = shell.waitForFloatingView(tessarel, kPopup);
+        ASSERT_TRUE(popup) << "no popup after a click on the item";
+        EXPECT_TRUE(popup->focused);
+        // sway puts it in the middle of the output the user works on.
+        EXPECT_TRUE(QRect(0, 0, 1280, 720).contains(popup->rect));
+        shell.click(popupRow(popup->rect, row));
+        const std::optional<View> panel = shell.waitForFloatingView(tessarel, kSetup);
+        ASSERT_TRUE(panel) << "row " << row << " opened no set-up screen";
+        std::optional<QColor> kind;
+        processEventsUntil([&] {
+            kind = shell.setupKind(*panel);
+            return kind == kinds[row];
+        });
+        EXPECT_EQ(kind, kinds[row]) << "row " << row;
+        // The popup went as the screen opened.
+        EXPECT_TRUE(processEventsUntil([&] {
+            const std::vector<View> shown = shell.views(tessarel);
+            return std::none_of(shown.begin(), shown.end(),
+                                [](const View& view) { return view.rect.size() == kPopup; });
+        }));
+    }
+}
+
+TEST(WaylandShellTest, ASecondClickOnTheItemOrEscapeClosesThePopup) {
+    WaylandShell shell(true);
+    QProcess& tessarel = shell.startTessarel();
+    const std::optional<QPoint> icon = shell.waitForTrayIcon();
+    ASSERT_TRUE(icon);
+
+    shell.click(*icon);
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kPopup));
+    shell.click(*icon);
+    EXPECT_TRUE(processEventsUntil([&] { return shell.views(tessarel).empty(); }));
+
+    shell.click(*icon);
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kPopup));
+    // The seat loses its keyboard, and Tessarel its focus, when wtype ends: the popup must
+    // be gone while wtype still holds the keyboard.
+    QProcess typing;
+    typing.setProcessEnvironment(shell.desktop().environment());
+    typing.start(QStringLiteral("wtype"),
+                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-k"),
+                  QStringLiteral("Escape"), QStringLiteral("-s"), QStringLiteral("20000")});
+    ASSERT_TRUE(typing.waitForStarted());
+    EXPECT_TRUE(processEventsUntil(
+        [&] { return shell.views(tessarel).empty() || typing.state() == QProcess::NotRunning; }));
+    EXPECT_EQ(typing.state(), QProcess::Running) << "the popup stayed up after Escape";
+    EXPECT_TRUE(shell.views(tessarel).empty());
+    typing.kill();
+    typing.waitForFinished();
+}
+
+TEST(WaylandShellTest, WithoutATrayThePanelComesUpAtStartAndASecondStartRaisesIt) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    const std::optional<View> panel = shell.waitForFloatingView(tessarel, kHome);
+    ASSERT_TRUE(panel) << "no panel at start";
+    EXPECT_TRUE(panel->focused);
+
+    // The user closes the panel; Tessarel keeps running.
+    shell.desktop().swaymsg(
+        {QStringLiteral("[pid=%1]").arg(tessarel.processId()), QStringLiteral("kill")});
+    ASSERT_TRUE(processEventsUntil([&] { return shell.views(tessarel).empty(); }));
+    EXPECT_EQ(tessarel.state(), QProcess::Running);
+
+    QProcess& second = shell.startTessarel();
+    EXPECT_TRUE(second.waitForFinished(20000));
+    EXPECT_EQ(second.exitCode(), 0);
+    EXPECT_TRUE(shell.waitForFloatingView(tessarel, kHome)) << "the panel did not come back";
+}
+
+TEST(WaylandShellTest, ATrayStartedAfterTessarelGetsItsItem) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+
+    // sway starts a bar, and with it a tray, when one is first named.
+    shell.desktop().swaymsg({QStringLiteral("bar"), QStringLiteral("late"),
+                             QStringLiteral("position"), QStringLiteral("top")});
+    const std::optional<QPoint> icon = shell.waitForTrayIcon();
+    ASSERT_TRUE(icon) << "the later tray shows no item";
+    shell.click(*icon);
+    EXPECT_TRUE(shell.waitForFloatingView(tessarel, kPopup)) << "a click on it does nothing";
+}
+
+TEST(WaylandShellTest, CtrlRVAndSOpenTheirScreensWhileTessarelIsActive) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+
+    const std::pair<QString, QColor> shortcuts[] = {{QStringLiteral("r"), kAudio},
+                                                    {QStringLiteral("v"), kVideo},
+                                                    {QStringLiteral("s"), kSnapshot}};
+    for (const auto& [letter, kind] : shortcuts) {
+        shell.key({QStringLiteral("-M"), QStringLiteral("ctrl"), letter, QStringLiteral("-m"),
+                   QStringLiteral("ctrl")});
+        const std::optional<View> panel = shell.waitForFloatingView(tessarel, kSetup);
+        ASSERT_TRUE(panel) << "Ctrl+" << letter.toStdString() << " opened nothing";
+        std::optional<QColor> shown;
+        processEventsUntil([&] {
+            shown = shell.setupKind(*panel);
+            return shown == kind;
+        });
+        EXPECT_EQ(shown, kind) << "Ctrl+" << letter.toStdString();
+    }
+}
+
+TEST(WaylandShellTest, TheAreaOverlayCoversEveryOutputAndEscapeLeavesItWhileDragging) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    shell.key({QStringLiteral("-M"), QStringLiteral("ctrl"), QStringLiteral("v"),
+               QStringLiteral("-m"), QStringLiteral("ctrl")});
+    const std::optional<View> panel = shell.waitForFloatingView(tessarel, kSetup);
+    ASSERT_TRUE(panel);
+    // The start button at the right end of the set-up screen's bottom bar.
+    shell.click(panel->rect.topLeft() + QPoint(560, 417));
+
+    // One full-screen overlay on each output, the scale-2 one included.
+    const WaylandDesktop::Output first = shell.desktop().output(QStringLiteral("HEADLESS-1"));
+    const WaylandDesktop::Output second = shell.desktop().output(QStringLiteral("HEADLESS-2"));
+    for (const QRect& logical : {first.logical, second.logical}) {
+        EXPECT_TRUE(shell.waitForView(
+            tessarel, [&](const View& view) { return view.fullscreen && view.rect == logical; }))
+            << "no overlay over the output at " << logical.x();
+    }
+
+    // A drag on the scale-2 output draws its outline where the pointer went, in the output's
+    // own pixels.
+    WaylandDesktop::Pointer& pointer = shell.desktop().pointer();
+    // The hand comes to rest before it presses: a first motion can meet the overlay while
+    // sway is still making it full-screen.
+    pointer.move(second.logical.topLeft() + QPoint(120, 120));
+    QThread::msleep(300);
+    pointer.move(second.logical.topLeft() + QPoint(100, 100));
+    QThread::msleep(300);
+    pointer.press();
+    pointer.move(second.logical.topLeft() + QPoint(200, 160));
+    pointer.move(second.logical.topLeft() + QPoint(300, 250));
+    const QColor outline(0, 122, 255);
+    const QRect dragged(QPoint(200, 200), QPoint(600, 500)); // pixels, scale 2
+    EXPECT_TRUE(processEventsUntil([&] {
+        const QImage picture = shell.desktop().grim(second.name);
+        const auto onEdge = [&](const QRect& strip) {
+            return pixelsNear(picture, strip, outline).size() >= 20;
+        };
+        return onEdge(QRect(dragged.left() + 20, dragged.top() - 3, 100, 6)) &&
+               onEdge(QRect(dragged.left() - 3, dragged.top() + 20, 6, 100)) &&
+               onEdge(QRect(dragged.left() + 20, dragged.bottom() - 3, 100, 6)) &&
+               onEdge(QRect(dragged.right() - 3, dragged.top() + 20, 6, 100)) &&
+               pixelsNear(picture, dragged.adjusted(8, 8, -8, -8), outline).empty();
+    })) << "no outline around the dragged area";
+
+    // The seat loses its keyboard when wtype ends, which would end the selection too: the
+    // overlays must be gone while wtype still holds the keyboard.
+    QProcess typing;
+    typing.setProcessEnvironment(shell.desktop().environment());
+    typing.start(QStringLiteral("wtype"),
+                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-k"),
+                  QStringLiteral("Escape"), QStringLiteral("-s"), QStringLiteral("20000")});
+    ASSERT_TRUE(typing.waitForStarted());
+    const auto overlaysGone = [&] {
+        const std::vector<View> shown = shell.views(tessarel);
+        return std::none_of(shown.begin(), shown.end(),
+                            [](const View& view) { return view.fullscreen; });
+    };
+    EXPECT_TRUE(processEventsUntil(
+        [&] { return overlaysGone() || typing.state() == QProcess::NotRunning; }));
+    EXPECT_EQ(typing.state(), QProcess::Running) << "the overlays stayed up after Escape";
+    EXPECT_TRUE(overlaysGone());
+    typing.kill();
+    typing.waitForFinished();
+    pointer.release();
+    // The set-up screen stays as it was.
+    EXPECT_TRUE(shell.waitForFloatingView(tessarel, kSetup));
+}
