@@ -2,6 +2,7 @@
 #include "support/WaylandDesktop.h"
 
 #include <QColor>
+#include <QDir>
 #include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -68,7 +69,8 @@ std::vector<QPoint> pixelsNear(const QImage& picture, const QRect& area, const Q
 
 class WaylandShell {
 public:
-    explicit WaylandShell(bool withBar) : desktop_(WaylandDesktop::Options{{1280, 720}, withBar}) {}
+    explicit WaylandShell(bool withBar, QSize outputSize = {1280, 720})
+        : desktop_(WaylandDesktop::Options{outputSize, withBar}) {}
 
     ~WaylandShell() {
         for (auto& process : tessarel_) {
@@ -390,4 +392,77 @@ TEST(WaylandShellTest, TheAreaOverlayCoversEveryOutputAndEscapeLeavesItWhileDrag
     pointer.release();
     // The set-up screen stays as it was.
     EXPECT_TRUE(shell.waitForFloatingView(tessarel, kSetup));
+}
+
+TEST(WaylandShellTest, ASnapshotOfEachOutputEqualsGrimsPictureWithoutThePanelOverIt) {
+    // Outputs large enough for the set-up screen at scale 2.
+    WaylandShell shell(false, {1920, 1080});
+    WaylandDesktop& desktop = shell.desktop();
+    const auto first =
+        desktop.showWindow(QStringLiteral("HEADLESS-1"), 1, WaylandDesktop::Motion::still);
+    const auto second =
+        desktop.showWindow(QStringLiteral("HEADLESS-2"), 2, WaylandDesktop::Motion::still);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+
+    const QDir home(desktop.homeDirectory());
+    for (const QString& name : {QStringLiteral("HEADLESS-1"), QStringLiteral("HEADLESS-2")}) {
+        SCOPED_TRACE(name.toStdString());
+        const WaylandDesktop::Output output = desktop.output(name);
+        // The panel goes to the output, and as Tessarel's focused window makes it the main
+        // screen.
+        const QString panel = QStringLiteral("[pid=%1]").arg(tessarel.processId());
+        desktop.swaymsg({panel, QStringLiteral("move"), QStringLiteral("container"),
+                         QStringLiteral("to"), QStringLiteral("output"), name});
+        desktop.swaymsg({panel, QStringLiteral("focus")});
+        // The seat has a keyboard, and Tessarel a focused window, only while wtype runs: it
+        // types Ctrl+S and stays until the snapshot is taken.
+        QProcess typing;
+        typing.setProcessEnvironment(desktop.environment());
+        typing.start(QStringLiteral("wtype"),
+                     {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-M"),
+                      QStringLiteral("ctrl"), QStringLiteral("s"), QStringLiteral("-m"),
+                      QStringLiteral("ctrl"), QStringLiteral("-s"), QStringLiteral("60000")});
+        ASSERT_TRUE(typing.waitForStarted());
+        const std::optional<View> setup = shell.waitForView(tessarel, [&](const View& view) {
+            return view.rect.size() == kSetup && output.logical.contains(view.rect.center());
+        });
+        ASSERT_TRUE(setup) << "no snapshot screen on the output";
+
+        const QStringList before = home.entryList({QStringLiteral("*.png")}, QDir::Files);
+        shell.click(setup->rect.topLeft() + QPoint(560, 417));
+        QImage snapshot;
+        ASSERT_TRUE(processEventsUntil([&] {
+            for (const QString& file : home.entryList({QStringLiteral("*.png")}, QDir::Files)) {
+                if (!before.contains(file)) {
+                    snapshot = QImage(home.filePath(file));
+                }
+            }
+            return !snapshot.isNull();
+        })) << "no snapshot saved";
+        typing.kill();
+        typing.waitForFinished();
+
+        // The reference: grim's picture once the panel has gone, the pointer where it was.
+        ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome))
+            << "the panel did not come back after the snapshot";
+        desktop.swaymsg({panel, QStringLiteral("kill")});
+        ASSERT_TRUE(processEventsUntil([&] { return shell.views(tessarel).empty(); }));
+        const QImage reference = desktop.grim(name);
+        ASSERT_EQ(snapshot.size(), output.pixels);
+        ASSERT_EQ(reference.size(), output.pixels);
+        const QImage picture = snapshot.convertToFormat(QImage::Format_RGB32);
+        int differing = 0;
+        for (int y = 0; y < picture.height(); ++y) {
+            for (int x = 0; x < picture.width(); ++x) {
+                differing += (picture.pixel(x, y) & 0xffffff) != (reference.pixel(x, y) & 0xffffff);
+            }
+        }
+        EXPECT_EQ(differing, 0) << "pixels differ from grim's picture";
+
+        // Back for the next output: a second start raises the panel.
+        QProcess& again = shell.startTessarel();
+        again.waitForFinished(20000);
+        ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    }
 }
