@@ -466,3 +466,64 @@ TEST(WaylandShellTest, ASnapshotOfEachOutputEqualsGrimsPictureWithoutThePanelOve
         ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
     }
 }
+
+TEST(WaylandShellTest, APanelOverTheRecordedAreaIsInTheMovie) {
+    WaylandShell shell(false);
+    WaylandDesktop& desktop = shell.desktop();
+    const auto window =
+        desktop.showWindow(QStringLiteral("HEADLESS-1"), 3, WaylandDesktop::Motion::still);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    shell.key({QStringLiteral("-M"), QStringLiteral("ctrl"), QStringLiteral("v"),
+               QStringLiteral("-m"), QStringLiteral("ctrl")});
+    const std::optional<View> setup = shell.waitForFloatingView(tessarel, kSetup);
+    ASSERT_TRUE(setup);
+    shell.click(setup->rect.topLeft() + QPoint(560, 417));
+    ASSERT_TRUE(shell.waitForView(tessarel, [](const View& view) { return view.fullscreen; }));
+
+    // An area in the middle of the first output, where sway puts the panel.
+    const QRect area(QPoint(160, 120), QPoint(1119, 599));
+    WaylandDesktop::Pointer& pointer = desktop.pointer();
+    pointer.move(area.topLeft() + QPoint(20, 20));
+    QThread::msleep(300);
+    pointer.move(area.topLeft());
+    QThread::msleep(300);
+    pointer.press();
+    pointer.move(area.center());
+    pointer.move(area.bottomRight() + QPoint(1, 1));
+    pointer.release();
+    const std::optional<View> recording = shell.waitForFloatingView(tessarel, QSize(720, 220));
+    ASSERT_TRUE(recording) << "the recording did not start";
+    ASSERT_TRUE(area.contains(recording->rect));
+    QThread::sleep(2);
+    // The stop button, at the right of the progress screen.
+    shell.click(recording->rect.topLeft() + QPoint(600, 156));
+
+    const QDir home(desktop.homeDirectory());
+    QString movie;
+    ASSERT_TRUE(processEventsUntil([&] {
+        const QStringList files = home.entryList({QStringLiteral("*.mp4")}, QDir::Files);
+        movie = files.isEmpty() ? QString() : home.filePath(files.first());
+        return !movie.isEmpty() && shell.waitForFloatingView(tessarel, kHome).has_value();
+    })) << "no movie saved";
+    QProcess decode;
+    decode.start(QStringLiteral("ffmpeg"),
+                 {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-ss"),
+                  QStringLiteral("1"), QStringLiteral("-i"), movie, QStringLiteral("-frames:v"),
+                  QStringLiteral("1"), QStringLiteral("-f"), QStringLiteral("image2pipe"),
+                  QStringLiteral("-c:v"), QStringLiteral("ppm"), QStringLiteral("-")});
+    ASSERT_TRUE(decode.waitForFinished(60000));
+    const QImage frame = QImage::fromData(decode.readAllStandardOutput());
+    ASSERT_FALSE(frame.isNull()) << "the movie does not decode";
+
+    // The panel's light background fills its place in the movie; the test window's cells
+    // around it are never that light.
+    const QRect panelInMovie = recording->rect.translated(-area.topLeft());
+    const QColor panelBackground(246, 246, 248);
+    const QRect middle = panelInMovie.adjusted(40, 120, -40, -40);
+    const size_t light = pixelsNear(frame, middle, panelBackground).size();
+    EXPECT_GT(light, static_cast<size_t>(middle.width() * middle.height() / 2))
+        << "the panel is not where it lay over the area";
+    const QRect outside(QPoint(0, 0), QSize(frame.width(), panelInMovie.top() - 8));
+    EXPECT_TRUE(pixelsNear(frame, outside, panelBackground).empty());
+}
