@@ -527,3 +527,33 @@ TEST(WaylandShellTest, APanelOverTheRecordedAreaIsInTheMovie) {
     const QRect outside(QPoint(0, 0), QSize(frame.width(), panelInMovie.top() - 8));
     EXPECT_TRUE(pixelsNear(frame, outside, panelBackground).empty());
 }
+
+TEST(WaylandShellTest, TheFolderChooserOpensOverThePanelAndEscapeCancelsIt) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    // wtype types Ctrl+S and holds the keyboard for the rest of the test.
+    QProcess typing;
+    typing.setProcessEnvironment(shell.desktop().environment());
+    typing.start(QStringLiteral("wtype"),
+                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-M"),
+                  QStringLiteral("ctrl"), QStringLiteral("s"), QStringLiteral("-m"),
+                  QStringLiteral("ctrl"), QStringLiteral("-s"), QStringLiteral("3000"),
+                  QStringLiteral("-k"), QStringLiteral("Escape"), QStringLiteral("-s"),
+                  QStringLiteral("60000")});
+    ASSERT_TRUE(typing.waitForStarted());
+    const std::optional<View> setup = shell.waitForFloatingView(tessarel, kSetup);
+    ASSERT_TRUE(setup);
+    // The "Save To" row of the set-up screen.
+    shell.click(setup->rect.topLeft() + QPoint(410, 192));
+    const std::optional<View> chooser = shell.waitForView(tessarel, [](const View& view) {
+        return view.floating && view.rect.size() != kSetup;
+    });
+    EXPECT_TRUE(chooser) << "no folder chooser floating over the panel";
+    // Escape, typed three seconds after Ctrl+S, closes it; the set-up screen stays.
+    EXPECT_TRUE(processEventsUntil([&] { return shell.views(tessarel).size() == 1; }));
+    EXPECT_TRUE(shell.waitForFloatingView(tessarel, kSetup));
+    EXPECT_EQ(typing.state(), QProcess::Running);
+    typing.kill();
+    typing.waitForFinished();
+}
