@@ -546,9 +546,8 @@ TEST(WaylandShellTest, TheFolderChooserOpensOverThePanelAndEscapeCancelsIt) {
     ASSERT_TRUE(setup);
     // The "Save To" row of the set-up screen.
     shell.click(setup->rect.topLeft() + QPoint(410, 192));
-    const std::optional<View> chooser = shell.waitForView(tessarel, [](const View& view) {
-        return view.floating && view.rect.size() != kSetup;
-    });
+    const std::optional<View> chooser = shell.waitForView(
+        tessarel, [](const View& view) { return view.floating && view.rect.size() != kSetup; });
     EXPECT_TRUE(chooser) << "no folder chooser floating over the panel";
     // Escape, typed three seconds after Ctrl+S, closes it; the set-up screen stays.
     EXPECT_TRUE(processEventsUntil([&] { return shell.views(tessarel).size() == 1; }));
