@@ -17,5 +17,8 @@ public:
     // black instead of what lies beneath.
     static bool compositing();
 
+    // Qt runs as a Wayland client.
+    static bool wayland();
+
     std::optional<ScreenDescription> mainScreen() override;
 };
