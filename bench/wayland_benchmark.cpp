@@ -32,14 +32,11 @@
 #include <QProcess>
 #include <QSaveFile>
 #include <QTemporaryDir>
-#include <QThread>
 #include <QUrl>
 
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>

@@ -19,5 +19,6 @@ int main(int argc, char** argv) {
     } catch (const PlatformError& error) {
         std::printf("unavailable: %s\n", error.what());
     }
+    std::fflush(stdout);
     return 0;
 }

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -119,6 +120,12 @@ WaylandConnection::WaylandConnection(const QByteArray& displayName) {
             describe(*state);
         }
     }
+    roundtrip();
+}
+
+void WaylandConnection::refreshOutputs() {
+    // The first round brings new outputs, the second their descriptions.
+    roundtrip();
     roundtrip();
 }
 

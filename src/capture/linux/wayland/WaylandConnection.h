@@ -55,6 +55,8 @@ public:
                        std::chrono::steady_clock::time_point deadline, int wakeFd = -1);
     // Waits until the compositor has handled every request sent so far.
     void roundtrip();
+    // Takes in outputs that came or went since the last look, with their descriptions.
+    void refreshOutputs();
 
 private:
     struct Listeners;

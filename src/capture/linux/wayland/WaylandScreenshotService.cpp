@@ -34,7 +34,7 @@ Image WaylandScreenshotService::captureImage(const ContentFilter& filter,
         if (!connection_) {
             connection_ = std::make_unique<WaylandConnection>(displayName_);
         } else {
-            connection_->roundtrip(); // outputs may have come or gone since
+            connection_->refreshOutputs();
         }
         // No compositor leaves one client out of a copy: the windows go for its length.
         std::optional<WaylandWindowsHidden> hidden;

@@ -4,12 +4,12 @@
 #include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameConverter.h"
 #include "capture/linux/VideoFrameQueue.h"
+#include "capture/linux/VideoPacing.h"
 #include "capture/linux/wayland/WaylandConnection.h"
 #include "capture/linux/wayland/WaylandScreencopy.h"
 
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,10 +23,6 @@
 
 namespace {
 
-constexpr int64_t kShortestFrameIntervalNs = 1'000'000'000 / 30;
-// An unchanged picture is passed on this often all the same, so the recorder can close a
-// fragment and the file stays playable up to the last second.
-constexpr int64_t kLongestFrameIntervalNs = 1'000'000'000;
 // A compositor that has not made the first copy by then is not going to.
 constexpr std::chrono::seconds kFirstCopyTimeout{10};
 
@@ -92,7 +88,7 @@ public:
             throw PlatformError(QStringLiteral("The stream cannot be started."));
         }
         auto queue = std::make_unique<VideoFrameQueue>(configuration_.queueDepth, width, height);
-        const int64_t intervalNs = frameIntervalNs();
+        const int64_t intervalNs = frameIntervalNs(configuration_.minimumFrameInterval);
         const int64_t startNs = monotonicNowNs();
         if (recorder_) {
             try {
@@ -163,21 +159,9 @@ private:
                          static_cast<int>(std::lround(source.y * perPointY)),
                          static_cast<int>(std::lround(source.width * perPointX)),
                          static_cast<int>(std::lround(source.height * perPointY))};
-        const auto fit = [](int& size, long long output) {
-            if (size - output == 1) {
-                size = static_cast<int>(output);
-            }
-        };
-        fit(wanted.width, configuration_.width);
-        fit(wanted.height, configuration_.height);
+        wanted.width = fittedToMovie(wanted.width, configuration_.width);
+        wanted.height = fittedToMovie(wanted.height, configuration_.height);
         return wanted.intersected({0, 0, buffer.width, buffer.height});
-    }
-
-    int64_t frameIntervalNs() const {
-        const FrameInterval& interval = configuration_.minimumFrameInterval;
-        const int64_t requested =
-            interval.timescale > 0 ? interval.value * 1'000'000'000 / interval.timescale : 0;
-        return std::max(requested, kShortestFrameIntervalNs);
     }
 
     // The capture thread: handles the compositor's events between the ticks of a fixed
@@ -219,12 +203,7 @@ private:
     }
 
     // The capture thread, as it ends.
-    void noteCpuTime() {
-        timespec cpu{};
-        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
-        captureCpuSeconds_ =
-            static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
-    }
+    void noteCpuTime() { captureCpuSeconds_ = threadCpuSeconds(); }
 
     VideoGrab grabOf(size_t slot) {
         const WaylandShmBuffer& copy = *copies_[slot];

@@ -4,6 +4,7 @@
 #include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameConverter.h"
 #include "capture/linux/VideoFrameQueue.h"
+#include "capture/linux/VideoPacing.h"
 #include "capture/linux/x11/X11AreaGrabber.h"
 #include "capture/linux/x11/X11Connection.h"
 #include "capture/linux/x11/X11ShmImage.h"
@@ -11,7 +12,6 @@
 #include <xcb/xfixes.h>
 
 #include <pthread.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
@@ -23,11 +23,6 @@
 #include <thread>
 
 namespace {
-
-constexpr int64_t kShortestFrameIntervalNs = 1'000'000'000 / 30;
-// An unchanged picture is passed on this often all the same, so the recorder can close a
-// fragment and the file stays playable up to the last second.
-constexpr int64_t kLongestFrameIntervalNs = 1'000'000'000;
 
 class X11VideoStream final : public VideoCaptureStream {
 public:
@@ -85,7 +80,7 @@ public:
             }
         }
         auto queue = std::make_unique<VideoFrameQueue>(configuration_.queueDepth, width, height);
-        const int64_t intervalNs = frameIntervalNs();
+        const int64_t intervalNs = frameIntervalNs(configuration_.minimumFrameInterval);
         const int64_t startNs = monotonicNowNs();
         if (recorder_) {
             recorder_->start(*queue, width, height, startNs, intervalNs);
@@ -154,21 +149,9 @@ private:
                          display.y + static_cast<int>(std::lround(source.y * scale)),
                          static_cast<int>(std::lround(source.width * scale)),
                          static_cast<int>(std::lround(source.height * scale))};
-        const auto fit = [](int& size, long long output) {
-            if (size - output == 1) {
-                size = static_cast<int>(output);
-            }
-        };
-        fit(wanted.width, configuration_.width);
-        fit(wanted.height, configuration_.height);
+        wanted.width = fittedToMovie(wanted.width, configuration_.width);
+        wanted.height = fittedToMovie(wanted.height, configuration_.height);
         return wanted.intersected(display).intersected(root);
-    }
-
-    int64_t frameIntervalNs() const {
-        const FrameInterval& interval = configuration_.minimumFrameInterval;
-        const int64_t requested =
-            interval.timescale > 0 ? interval.value * 1'000'000'000 / interval.timescale : 0;
-        return std::max(requested, kShortestFrameIntervalNs);
     }
 
     // The capture thread: at most one grab per tick of a fixed grid. A grab that ran into
@@ -196,12 +179,7 @@ private:
     }
 
     // The capture thread, as it ends.
-    void noteCpuTime() {
-        timespec cpu{};
-        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
-        captureCpuSeconds_ =
-            static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
-    }
+    void noteCpuTime() { captureCpuSeconds_ = threadCpuSeconds(); }
 
     // Where the pointer is and which image it shows, while that image touches the area.
     struct PointerState {

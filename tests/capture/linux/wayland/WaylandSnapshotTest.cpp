@@ -94,3 +94,23 @@ TEST_F(WaylandSnapshot, OutputThatIsGoneIsAnError) {
     const DisplayInfo gone{displayNumberOfOutput(QStringLiteral("HEADLESS-9")), Rect{0, 0, 8, 8}};
     EXPECT_THROW(screenshots.captureImage({gone, {}}, {8, 8, false}), PlatformError);
 }
+
+TEST(WaylandSnapshotService, OutputConnectedAfterTheLastSnapshotIsTakenToo) {
+    WaylandDesktop desktop;
+    WaylandScreenshotService screenshots(desktop.displayName());
+    WaylandContentProvider provider(desktop.displayName());
+    const auto first =
+        displayOf(provider.shareableContent(false, true), QStringLiteral("HEADLESS-1"));
+    ASSERT_TRUE(first);
+    screenshots.captureImage({*first, {}}, {1280, 720, false});
+
+    desktop.swaymsg({QStringLiteral("create_output")});
+    const auto window = desktop.showWindow(QStringLiteral("HEADLESS-3"), 23);
+    const WaylandDesktop::Output output = desktop.output(QStringLiteral("HEADLESS-3"));
+    const auto added = displayOf(provider.shareableContent(false, true), output.name);
+    ASSERT_TRUE(added);
+    const Image image = screenshots.captureImage(
+        {*added, {}}, {output.pixels.width(), output.pixels.height(), false});
+
+    EXPECT_TRUE(toQImage(image) == desktop.grim(output.name));
+}
