@@ -556,3 +556,21 @@ TEST(WaylandShellTest, TheFolderChooserOpensOverThePanelAndEscapeCancelsIt) {
     typing.kill();
     typing.waitForFinished();
 }
+
+TEST(WaylandShellTest, TheAboutBoxOpensFromTheOptionsMenuOverThePanel) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    const std::optional<View> panel = shell.waitForFloatingView(tessarel, kHome);
+    ASSERT_TRUE(panel);
+    // The gear at the header's right end, then the menu's first item, "About…".
+    shell.click(panel->rect.topLeft() + QPoint(601, 40));
+    shell.click(panel->rect.topLeft() + QPoint(560, 75));
+    const std::optional<View> about = shell.waitForView(tessarel, [&](const View& view) {
+        return view.floating && view.rect.size() != kHome && panel->rect.contains(view.rect);
+    });
+    ASSERT_TRUE(about) << "no About box over the panel";
+    // Its OK button, bottom right.
+    shell.click(about->rect.bottomRight() - QPoint(52, 25));
+    EXPECT_TRUE(processEventsUntil([&] { return shell.views(tessarel).size() == 1; }))
+        << "OK did not close the About box";
+}
