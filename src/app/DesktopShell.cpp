@@ -21,17 +21,14 @@
 
 namespace {
 
-bool onWayland() {
-    return QGuiApplication::platformName() == QLatin1String("wayland");
-}
-
 // The frameless popup under the tray icon, holding the compact home list. A Wayland client
 // cannot put a window under the icon: there the popup is a small window of its own, which
 // the compositor places where the user is looking and which closes as the popup does.
 class Popup : public QWidget {
 public:
     Popup(TessarelController& controller, std::function<void(TessarelMode)> onSelect)
-        : QWidget(nullptr, (onWayland() ? Qt::Window : Qt::Popup) | Qt::FramelessWindowHint) {
+        : QWidget(nullptr,
+                  (DesktopScreens::wayland() ? Qt::Window : Qt::Popup) | Qt::FramelessWindowHint) {
         setObjectName(QStringLiteral("popup"));
         setWindowTitle(QStringLiteral("Tessarel"));
         // Rounded corners only where something can show through them.
@@ -118,7 +115,8 @@ bool statusNotifierHostPresent() {
 } // namespace
 
 bool DesktopShell::systemTrayAvailable() {
-    return onWayland() ? statusNotifierHostPresent() : QSystemTrayIcon::isSystemTrayAvailable();
+    return DesktopScreens::wayland() ? statusNotifierHostPresent()
+                                     : QSystemTrayIcon::isSystemTrayAvailable();
 }
 
 DesktopShell::DesktopShell(TessarelController& controller, bool trayAvailable)
@@ -175,7 +173,7 @@ void DesktopShell::configurePanel() {
 void DesktopShell::setPanelContentSize(const Size& size) {
     if (panel_) {
         const QSize content = Appearance::toQSize(size);
-        if (onWayland()) {
+        if (DesktopScreens::wayland()) {
             // Tiling compositors float a window of fixed size rather than tile it over the
             // whole output; the panel keeps the size of its screen.
             panel_->setFixedSize(content);
@@ -199,7 +197,7 @@ void DesktopShell::showPanel() {
 }
 
 void DesktopShell::configureStatusItem() {
-    if (onWayland()) {
+    if (DesktopScreens::wayland()) {
         watchForTray();
     }
     if (trayAvailable_) {

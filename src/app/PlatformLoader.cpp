@@ -6,11 +6,18 @@
 #include "capture/linux/wayland/WaylandContentProvider.h"
 #include "capture/linux/wayland/WaylandScreenshotService.h"
 #include "capture/linux/wayland/WaylandVideoCaptureService.h"
+#include "capture/linux/wayland/WaylandWindowsHidden.h"
 #include "capture/linux/x11/X11ContentProvider.h"
 #include "capture/linux/x11/X11ScreenshotService.h"
 #include "capture/linux/x11/X11VideoCaptureService.h"
 
-#include <QGuiApplication>
+#include <QApplication>
+#include <QPointer>
+#include <QThread>
+#include <QWidget>
+
+#include <functional>
+#include <vector>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -47,6 +54,53 @@ private:
     const QString reason_;
 };
 
+// Tessarel's windows as the Wayland snapshot hides them: every window that shows, hidden and
+// shown again on the GUI thread.
+class DesktopApplicationWindows final : public ApplicationWindows {
+public:
+    QString appID() const override { return appID_; }
+
+    void hide() override {
+        onGuiThread(
+            [this] {
+                hidden_.clear();
+                for (QWidget* widget : QApplication::topLevelWidgets()) {
+                    if (widget->isVisible()) {
+                        hidden_.emplace_back(widget);
+                        widget->hide();
+                    }
+                }
+            },
+            Qt::BlockingQueuedConnection);
+    }
+
+    void restore() override {
+        // Nothing waits for the windows to come back.
+        onGuiThread(
+            [this] {
+                for (const QPointer<QWidget>& widget : hidden_) {
+                    if (widget) {
+                        widget->show();
+                    }
+                }
+                hidden_.clear();
+            },
+            Qt::QueuedConnection);
+    }
+
+private:
+    static void onGuiThread(const std::function<void()>& work, Qt::ConnectionType from) {
+        if (QThread::currentThread() == qApp->thread()) {
+            work();
+        } else {
+            QMetaObject::invokeMethod(qApp, work, from);
+        }
+    }
+
+    const QString appID_ = QGuiApplication::desktopFileName();
+    std::vector<QPointer<QWidget>> hidden_; // GUI thread only
+};
+
 // The screen capture layer for the session Qt runs on: on a Wayland desktop the Wayland
 // layer, never X11 through XWayland, which sees only XWayland's own windows.
 class ScreenCaptureLayer {
@@ -68,6 +122,7 @@ public:
         } else if (session == QLatin1String("wayland")) {
             if (WaylandContentProvider::offersScreenCapture()) {
                 wayland_.emplace();
+                wayland_->screenshots.hideForSnapshots(&applicationWindows_);
             } else {
                 unavailable_.emplace(QStringLiteral(
                     "This Wayland desktop does not let applications copy the screen."));
@@ -102,6 +157,7 @@ private:
         Video video;
     };
 
+    DesktopApplicationWindows applicationWindows_;
     std::optional<Layer<X11ContentProvider, X11ScreenshotService, X11VideoCaptureService>> x11_;
     std::optional<
         Layer<WaylandContentProvider, WaylandScreenshotService, WaylandVideoCaptureService>>

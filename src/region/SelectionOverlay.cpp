@@ -14,10 +14,6 @@ QColor systemBlue() {
     return {0, 122, 255};
 }
 
-bool onWayland() {
-    return QGuiApplication::platformName() == QLatin1String("wayland");
-}
-
 } // namespace
 
 SelectionOverlay::SelectionOverlay(QScreen& screen,
@@ -139,13 +135,13 @@ void DesktopSelectionOverlayHost::showOverlay(const ScreenDescription& descripti
         }
         // Taken before this overlay is up, so that it shows what lies beneath.
         QPixmap frozen;
-        if (onWayland()) {
+        if (screens_.windowsPlacedByCompositor()) {
             frozen = waylandScreenPicture_ ? waylandScreenPicture_(*screen) : QPixmap();
         } else if (!screens_.compositing()) {
             frozen = screen->grabWindow(0);
         }
         auto* overlay = new SelectionOverlay(*screen, std::move(callbacks), std::move(frozen));
-        if (onWayland()) {
+        if (screens_.windowsPlacedByCompositor()) {
             // A client cannot place its windows there; the compositor puts a full-screen
             // window exactly over the output it is asked for.
             overlay->showFullScreen();

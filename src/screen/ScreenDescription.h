@@ -26,4 +26,8 @@ public:
     virtual ScreenDescription describe(const QScreen& screen) const = 0;
     // False where a translucent window shows black instead of what lies beneath.
     virtual bool compositing() const = 0;
+    // True where only the compositor places windows and no client can read the screen
+    // (Wayland): an overlay then asks to be full-screen on its output and shows a picture the
+    // capture services took.
+    virtual bool windowsPlacedByCompositor() const = 0;
 };

@@ -2,6 +2,7 @@
 #include "support/WaylandDesktop.h"
 
 #include <QColor>
+#include <QDir>
 #include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -68,7 +69,8 @@ std::vector<QPoint> pixelsNear(const QImage& picture, const QRect& area, const Q
 
 class WaylandShell {
 public:
-    explicit WaylandShell(bool withBar) : desktop_(WaylandDesktop::Options{{1280, 720}, withBar}) {}
+    explicit WaylandShell(bool withBar, QSize outputSize = {1280, 720})
+        : desktop_(WaylandDesktop::Options{outputSize, withBar}) {}
 
     ~WaylandShell() {
         for (auto& process : tessarel_) {
@@ -85,9 +87,16 @@ public:
     // Starts Tessarel as a Wayland client of the desktop, as its session would.
     QProcess& startTessarel() {
         auto process = std::make_unique<QProcess>();
+        QStringList arguments{QStringLiteral("XDG_SESSION_TYPE=wayland")};
+        // The sanitizers' settings of the test run hold for Tessarel too.
+        for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS"}) {
+            if (qEnvironmentVariableIsSet(name)) {
+                arguments << QString::fromLatin1(name) + QLatin1Char('=') +
+                                 qEnvironmentVariable(name);
+            }
+        }
         const QStringList commandLine = desktop_.asDesktopUser(
-            QStringLiteral("env"),
-            {QStringLiteral("XDG_SESSION_TYPE=wayland"), QStringLiteral(TESSAREL_PROGRAM)});
+            QStringLiteral("env"), arguments << QStringLiteral(TESSAREL_PROGRAM));
         process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
         process->start(commandLine.front(), commandLine.mid(1));
         EXPECT_TRUE(process->waitForStarted(10000));
@@ -390,4 +399,185 @@ TEST(WaylandShellTest, TheAreaOverlayCoversEveryOutputAndEscapeLeavesItWhileDrag
     pointer.release();
     // The set-up screen stays as it was.
     EXPECT_TRUE(shell.waitForFloatingView(tessarel, kSetup));
+}
+
+TEST(WaylandShellTest, ASnapshotOfEachOutputEqualsGrimsPictureWithoutThePanelOverIt) {
+    // Outputs large enough for the set-up screen at scale 2.
+    WaylandShell shell(false, {1920, 1080});
+    WaylandDesktop& desktop = shell.desktop();
+    const auto first =
+        desktop.showWindow(QStringLiteral("HEADLESS-1"), 1, WaylandDesktop::Motion::still);
+    const auto second =
+        desktop.showWindow(QStringLiteral("HEADLESS-2"), 2, WaylandDesktop::Motion::still);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+
+    const QDir home(desktop.homeDirectory());
+    for (const QString& name : {QStringLiteral("HEADLESS-1"), QStringLiteral("HEADLESS-2")}) {
+        SCOPED_TRACE(name.toStdString());
+        const WaylandDesktop::Output output = desktop.output(name);
+        // The panel goes to the output, and as Tessarel's focused window makes it the main
+        // screen.
+        const QString panel = QStringLiteral("[pid=%1]").arg(tessarel.processId());
+        desktop.swaymsg({panel, QStringLiteral("move"), QStringLiteral("container"),
+                         QStringLiteral("to"), QStringLiteral("output"), name});
+        desktop.swaymsg({panel, QStringLiteral("focus")});
+        // The seat has a keyboard, and Tessarel a focused window, only while wtype runs: it
+        // types Ctrl+S and stays until the snapshot is taken.
+        QProcess typing;
+        typing.setProcessEnvironment(desktop.environment());
+        typing.start(QStringLiteral("wtype"),
+                     {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-M"),
+                      QStringLiteral("ctrl"), QStringLiteral("s"), QStringLiteral("-m"),
+                      QStringLiteral("ctrl"), QStringLiteral("-s"), QStringLiteral("60000")});
+        ASSERT_TRUE(typing.waitForStarted());
+        const std::optional<View> setup = shell.waitForView(tessarel, [&](const View& view) {
+            return view.rect.size() == kSetup && output.logical.contains(view.rect.center());
+        });
+        ASSERT_TRUE(setup) << "no snapshot screen on the output";
+
+        const QStringList before = home.entryList({QStringLiteral("*.png")}, QDir::Files);
+        shell.click(setup->rect.topLeft() + QPoint(560, 417));
+        QImage snapshot;
+        ASSERT_TRUE(processEventsUntil([&] {
+            for (const QString& file : home.entryList({QStringLiteral("*.png")}, QDir::Files)) {
+                if (!before.contains(file)) {
+                    snapshot = QImage(home.filePath(file));
+                }
+            }
+            return !snapshot.isNull();
+        })) << "no snapshot saved";
+        typing.kill();
+        typing.waitForFinished();
+
+        // The reference: grim's picture once the panel has gone, the pointer where it was.
+        ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome))
+            << "the panel did not come back after the snapshot";
+        desktop.swaymsg({panel, QStringLiteral("kill")});
+        ASSERT_TRUE(processEventsUntil([&] { return shell.views(tessarel).empty(); }));
+        const QImage reference = desktop.grim(name);
+        ASSERT_EQ(snapshot.size(), output.pixels);
+        ASSERT_EQ(reference.size(), output.pixels);
+        const QImage picture = snapshot.convertToFormat(QImage::Format_RGB32);
+        int differing = 0;
+        for (int y = 0; y < picture.height(); ++y) {
+            for (int x = 0; x < picture.width(); ++x) {
+                differing += (picture.pixel(x, y) & 0xffffff) != (reference.pixel(x, y) & 0xffffff);
+            }
+        }
+        EXPECT_EQ(differing, 0) << "pixels differ from grim's picture";
+
+        // Back for the next output: a second start raises the panel.
+        QProcess& again = shell.startTessarel();
+        again.waitForFinished(20000);
+        ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    }
+}
+
+TEST(WaylandShellTest, APanelOverTheRecordedAreaIsInTheMovie) {
+    WaylandShell shell(false);
+    WaylandDesktop& desktop = shell.desktop();
+    const auto window =
+        desktop.showWindow(QStringLiteral("HEADLESS-1"), 3, WaylandDesktop::Motion::still);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    shell.key({QStringLiteral("-M"), QStringLiteral("ctrl"), QStringLiteral("v"),
+               QStringLiteral("-m"), QStringLiteral("ctrl")});
+    const std::optional<View> setup = shell.waitForFloatingView(tessarel, kSetup);
+    ASSERT_TRUE(setup);
+    shell.click(setup->rect.topLeft() + QPoint(560, 417));
+    ASSERT_TRUE(shell.waitForView(tessarel, [](const View& view) { return view.fullscreen; }));
+
+    // An area in the middle of the first output, where sway puts the panel.
+    const QRect area(QPoint(160, 120), QPoint(1119, 599));
+    WaylandDesktop::Pointer& pointer = desktop.pointer();
+    pointer.move(area.topLeft() + QPoint(20, 20));
+    QThread::msleep(300);
+    pointer.move(area.topLeft());
+    QThread::msleep(300);
+    pointer.press();
+    pointer.move(area.center());
+    pointer.move(area.bottomRight() + QPoint(1, 1));
+    pointer.release();
+    const std::optional<View> recording = shell.waitForFloatingView(tessarel, QSize(720, 220));
+    ASSERT_TRUE(recording) << "the recording did not start";
+    ASSERT_TRUE(area.contains(recording->rect));
+    QThread::sleep(2);
+    // The stop button, at the right of the progress screen.
+    shell.click(recording->rect.topLeft() + QPoint(600, 156));
+
+    const QDir home(desktop.homeDirectory());
+    QString movie;
+    ASSERT_TRUE(processEventsUntil([&] {
+        const QStringList files = home.entryList({QStringLiteral("*.mp4")}, QDir::Files);
+        movie = files.isEmpty() ? QString() : home.filePath(files.first());
+        return !movie.isEmpty() && shell.waitForFloatingView(tessarel, kHome).has_value();
+    })) << "no movie saved";
+    QProcess decode;
+    decode.start(QStringLiteral("ffmpeg"),
+                 {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-ss"),
+                  QStringLiteral("1"), QStringLiteral("-i"), movie, QStringLiteral("-frames:v"),
+                  QStringLiteral("1"), QStringLiteral("-f"), QStringLiteral("image2pipe"),
+                  QStringLiteral("-c:v"), QStringLiteral("ppm"), QStringLiteral("-")});
+    ASSERT_TRUE(decode.waitForFinished(60000));
+    const QImage frame = QImage::fromData(decode.readAllStandardOutput());
+    ASSERT_FALSE(frame.isNull()) << "the movie does not decode";
+
+    // The panel's light background fills its place in the movie; the test window's cells
+    // around it are never that light.
+    const QRect panelInMovie = recording->rect.translated(-area.topLeft());
+    const QColor panelBackground(246, 246, 248);
+    const QRect middle = panelInMovie.adjusted(40, 120, -40, -40);
+    const size_t light = pixelsNear(frame, middle, panelBackground).size();
+    EXPECT_GT(light, static_cast<size_t>(middle.width() * middle.height() / 2))
+        << "the panel is not where it lay over the area";
+    const QRect outside(QPoint(0, 0), QSize(frame.width(), panelInMovie.top() - 8));
+    EXPECT_TRUE(pixelsNear(frame, outside, panelBackground).empty());
+}
+
+TEST(WaylandShellTest, TheFolderChooserOpensOverThePanelAndEscapeCancelsIt) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    // wtype types Ctrl+S and holds the keyboard for the rest of the test.
+    QProcess typing;
+    typing.setProcessEnvironment(shell.desktop().environment());
+    typing.start(QStringLiteral("wtype"),
+                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-M"),
+                  QStringLiteral("ctrl"), QStringLiteral("s"), QStringLiteral("-m"),
+                  QStringLiteral("ctrl"), QStringLiteral("-s"), QStringLiteral("3000"),
+                  QStringLiteral("-k"), QStringLiteral("Escape"), QStringLiteral("-s"),
+                  QStringLiteral("60000")});
+    ASSERT_TRUE(typing.waitForStarted());
+    const std::optional<View> setup = shell.waitForFloatingView(tessarel, kSetup);
+    ASSERT_TRUE(setup);
+    // The "Save To" row of the set-up screen.
+    shell.click(setup->rect.topLeft() + QPoint(410, 192));
+    const std::optional<View> chooser = shell.waitForView(
+        tessarel, [](const View& view) { return view.floating && view.rect.size() != kSetup; });
+    EXPECT_TRUE(chooser) << "no folder chooser floating over the panel";
+    // Escape, typed three seconds after Ctrl+S, closes it; the set-up screen stays.
+    EXPECT_TRUE(processEventsUntil([&] { return shell.views(tessarel).size() == 1; }));
+    EXPECT_TRUE(shell.waitForFloatingView(tessarel, kSetup));
+    EXPECT_EQ(typing.state(), QProcess::Running);
+    typing.kill();
+    typing.waitForFinished();
+}
+
+TEST(WaylandShellTest, TheAboutBoxOpensFromTheOptionsMenuOverThePanel) {
+    WaylandShell shell(false);
+    QProcess& tessarel = shell.startTessarel();
+    const std::optional<View> panel = shell.waitForFloatingView(tessarel, kHome);
+    ASSERT_TRUE(panel);
+    // The gear at the header's right end, then the menu's first item, "About…".
+    shell.click(panel->rect.topLeft() + QPoint(601, 40));
+    shell.click(panel->rect.topLeft() + QPoint(560, 75));
+    const std::optional<View> about = shell.waitForView(tessarel, [&](const View& view) {
+        return view.floating && view.rect.size() != kHome && panel->rect.contains(view.rect);
+    });
+    ASSERT_TRUE(about) << "no About box over the panel";
+    // Its OK button, bottom right.
+    shell.click(about->rect.bottomRight() - QPoint(52, 25));
+    EXPECT_TRUE(processEventsUntil([&] { return shell.views(tessarel).size() == 1; }))
+        << "OK did not close the About box";
 }

@@ -84,6 +84,8 @@ public:
     // What a client needs to reach this desktop: WAYLAND_DISPLAY is the socket's full path.
     QByteArray displayName() const { return socket_; }
     QString runtimeDirectory() const;
+    // The desktop user's home, where its programs save.
+    QString homeDirectory() const { return home_; }
     QString busAddress() const { return busAddress_; }
     // The system environment with this desktop's display, runtime directory and bus.
     QProcessEnvironment environment() const;

@@ -35,7 +35,7 @@ std::optional<xcb_atom_t> internAtom(xcb_connection_t* connection, const QByteAr
 
 QVariant displayNumber(const QScreen& screen) {
     // On Wayland the screen's name is its output's name.
-    if (QGuiApplication::platformName() == QLatin1String("wayland")) {
+    if (DesktopScreens::wayland()) {
         return QVariant::fromValue(displayNumberOfOutput(screen.name()));
     }
     xcb_connection_t* connection = x11Connection();
@@ -54,6 +54,10 @@ ScreenDescription DesktopScreens::describe(const QScreen& screen) const {
     return {displayNumber(screen),
             ScreenCoordinates::globalFrame(screen.geometry(), primaryGeometry),
             screen.devicePixelRatio()};
+}
+
+bool DesktopScreens::wayland() {
+    return QGuiApplication::platformName() == QLatin1String("wayland");
 }
 
 bool DesktopScreens::compositing() const {

@@ -16,6 +16,10 @@ public:
     // False on an X display without a compositing manager, where a translucent window shows
     // black instead of what lies beneath.
     bool compositing() const override;
+    bool windowsPlacedByCompositor() const override { return wayland(); }
+
+    // Qt runs as a Wayland client.
+    static bool wayland();
 
     std::optional<ScreenDescription> mainScreen() override;
 };

@@ -13,7 +13,9 @@
 #include <cmath>
 
 std::optional<QUrl> DesktopFolderChooser::runModal(const FolderChooserOptions& options) {
-    QFileDialog dialog;
+    // Over the window it was opened from: a tiling Wayland compositor floats a dialog only
+    // when it belongs to a window, and would tile it behind the floating panel.
+    QFileDialog dialog(QApplication::activeWindow());
     dialog.setWindowTitle(options.title);
     if (options.canChooseDirectories && !options.canChooseFiles) {
         dialog.setFileMode(QFileDialog::Directory);
@@ -37,7 +39,7 @@ std::optional<QUrl> DesktopFolderChooser::runModal(const FolderChooserOptions& o
 }
 
 void DesktopAlertPresenter::runAbout(const AboutAlert& alert) {
-    QMessageBox box;
+    QMessageBox box(QApplication::activeWindow());
     box.setWindowTitle(alert.messageText);
     box.setText(alert.messageText);
     box.setInformativeText(alert.informativeText);

@@ -2,11 +2,13 @@
 
 #include "capture/linux/wayland/WaylandConnection.h"
 #include "capture/linux/wayland/WaylandScreencopy.h"
+#include "capture/linux/wayland/WaylandWindowsHidden.h"
 
 #include <libyuv.h>
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -33,6 +35,12 @@ Image WaylandScreenshotService::captureImage(const ContentFilter& filter,
             connection_ = std::make_unique<WaylandConnection>(displayName_);
         } else {
             connection_->refreshOutputs();
+        }
+        // No compositor leaves one client out of a copy: the windows go for its length.
+        std::optional<WaylandWindowsHidden> hidden;
+        if (windows_ != nullptr && !filter.excludedApplications.empty()) {
+            hidden.emplace(*connection_, *windows_,
+                           std::chrono::steady_clock::now() + kCopyTimeout);
         }
         return copyOutput(filter, configuration);
     } catch (...) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 
+class ApplicationWindows;
 class WaylandConnection;
 
 // Snapshots of a Wayland output by wlr-screencopy, at the output's full pixel resolution
@@ -18,6 +19,10 @@ public:
     explicit WaylandScreenshotService(QByteArray displayName = {});
     ~WaylandScreenshotService() override;
 
+    // A snapshot that leaves the application out hides `windows` around its copy. Set once,
+    // before the first snapshot.
+    void hideForSnapshots(ApplicationWindows* windows) { windows_ = windows; }
+
     Image captureImage(const ContentFilter& filter,
                        const ScreenshotConfiguration& configuration) override;
 
@@ -25,6 +30,7 @@ private:
     Image copyOutput(const ContentFilter& filter, const ScreenshotConfiguration& configuration);
 
     const QByteArray displayName_;
+    ApplicationWindows* windows_ = nullptr;
     std::mutex mutex_; // guards what follows
     std::unique_ptr<WaylandConnection> connection_;
 };
