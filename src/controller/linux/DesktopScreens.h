@@ -3,6 +3,7 @@
 #include "controller/ControllerPlatform.h"
 
 class QScreen;
+class QWindow;
 
 // Qt's screens as the controller and the region selector see them. GUI thread only.
 class DesktopScreens : public ScreenProvider, public ScreenDirectory {
@@ -15,6 +16,13 @@ public:
     // False on an X display without a compositing manager, where a translucent window shows
     // black instead of what lies beneath.
     bool compositing() const override;
+
+    // Whether the compositor blurs what lies behind a window that asks for it. Only KWin does:
+    // on X11 it announces _KDE_NET_WM_BLUR_BEHIND_REGION on the root window. Elsewhere, and
+    // on Wayland where asking takes KWin's own protocol, the answer is no.
+    bool blursBehindWindows() const;
+    // Asks for the blur behind the whole of `window`.
+    void blurBehind(QWindow& window) const;
 
     std::optional<ScreenDescription> mainScreen() override;
 };
