@@ -2,10 +2,13 @@
 
 #include "app/DesktopShell.h"
 #include "support/TestDesktop.h"
+#include "ui/RootView.h"
 
 #include <QBuffer>
 #include <QDeadlineTimer>
 #include <QImage>
+#include <QLabel>
+#include <QMessageBox>
 #include <QWindow>
 
 #include <gtest/gtest.h>
@@ -66,11 +69,10 @@ protected:
         TestDesktop::start(TestDesktop::Program::windowManager);
         TestDesktop::start(TestDesktop::Program::taskPanel);
     }
+    // The window manager and the panel stay for the next test.
     ~PanelOnADesktopTest() override {
         shell.reset();
         TestDesktop::stop(TestDesktop::Program::compositor);
-        TestDesktop::stop(TestDesktop::Program::taskPanel);
-        TestDesktop::stop(TestDesktop::Program::windowManager);
     }
 
     void openPanel() {
@@ -129,4 +131,48 @@ TEST_F(PanelOnADesktopTest, APatternMovedBehindThePanelChangesNoneOfItsPixels) {
     shell->panel()->update();
     letTheDesktopCatchUp();
     EXPECT_LE(largestChannelDifference(after, panelPixels(screenshot())), 2);
+}
+
+TEST_F(PanelOnADesktopTest, TheWindowManagersTitleBarIsThePanelsOnlyTitle) {
+    openPanel();
+    // openbox framed the panel: a title bar of its own above it.
+    const QByteArray extents = TestDesktop::run(
+        QStringLiteral("xprop"),
+        {QStringLiteral("-id"), QString::number(shell->panel()->windowHandle()->winId()),
+         QStringLiteral("_NET_FRAME_EXTENTS")});
+    const QList<QByteArray> sides = extents.split('=').value(1).split(',');
+    ASSERT_EQ(sides.size(), 4) << extents.toStdString();
+    EXPECT_GT(sides[2].trimmed().toInt(), 10);
+    EXPECT_EQ(TestDesktop::run(QStringLiteral("xdotool"),
+                               {QStringLiteral("getwindowname"),
+                                QString::number(shell->panel()->windowHandle()->winId())})
+                  .trimmed(),
+              "Tessarel");
+    for (const QLabel* label : shell->panel()->findChildren<QLabel*>()) {
+        EXPECT_FALSE(label->isVisible() && label->text() == "Tessarel");
+    }
+}
+
+TEST_F(PanelOnADesktopTest, AlertsShowTheirWholeTitleAndTheirTextCanBeSelected) {
+    openPanel();
+    controller->errorMessage.set(QStringLiteral("The folder “Downloads” is read-only."));
+    QMessageBox* alert = nullptr;
+    ASSERT_TRUE(processEventsUntil([&] {
+        alert = shell->rootView()->errorAlert();
+        return alert != nullptr && alert->windowHandle() != nullptr &&
+               alert->windowHandle()->isExposed();
+    }));
+    letTheDesktopCatchUp();
+    // Room for the title twice over leaves it whole beside the window manager's buttons.
+    QFont titleFont = alert->font();
+    titleFont.setBold(true);
+    EXPECT_GE(alert->width(), 2 * QFontMetrics(titleFont).horizontalAdvance(alert->windowTitle()));
+    int selectable = 0;
+    for (const QLabel* text : alert->findChildren<QLabel*>()) {
+        if (text->text().contains("read-only") || text->text() == alert->windowTitle()) {
+            EXPECT_TRUE(text->textInteractionFlags().testFlag(Qt::TextSelectableByMouse));
+            ++selectable;
+        }
+    }
+    EXPECT_EQ(selectable, 2);
 }
