@@ -224,8 +224,8 @@ TEST_F(LooksTest, TheFormatMenuIsKeyboardNavigableAndEscapeClosesIt) {
 }
 
 TEST_F(LooksTest, ALongFolderNameIsShortenedAndLeavesTheChevronInsideTheBox) {
-    const QString name = QStringLiteral("start") + QString(190, QLatin1Char('n')) +
-                         QStringLiteral("close");
+    const QString name =
+        QStringLiteral("start") + QString(190, QLatin1Char('n')) + QStringLiteral("close");
     const QString path = folder.filePath(name);
     controller->saveFolder.set(QUrl::fromLocalFile(path));
     CaptureSetupView setup(*controller, CaptureKind::audio);

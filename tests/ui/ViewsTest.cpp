@@ -549,5 +549,3 @@ TEST_F(ViewsTest, TheFourPaletteColours) {
     EXPECT_EQ(Appearance::color(TessarelColor::snapshot), QColor::fromRgbF(0.5F, 0.2F, 0.92F));
     EXPECT_EQ(Appearance::color(TessarelColor::green), QColor::fromRgbF(0.05F, 0.82F, 0.35F));
 }
-
-
