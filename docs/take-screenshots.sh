@@ -34,7 +34,7 @@ pactl set-default-sink speakers
 
 tour() {
     local scheme=$1
-    export HOME=$work/home-$scheme SHOTS=$shots SCHEME=$scheme BUILD=$build
+    export HOME=$work/home-$scheme SHOTS=$shots SCHEME=$scheme BUILD=$build height
     mkdir -p "$HOME/Downloads" "$HOME/.config"
     echo 'XDG_DOWNLOAD_DIR="$HOME/Downloads"' >"$HOME/.config/user-dirs.dirs"
     dbus-run-session -- bash -s 2> >(grep -v "fd limit" >&2) <<'DRIVE'
@@ -44,6 +44,16 @@ keys() { for key in "$@"; do xdotool key "$key"; sleep 0.15; done; }
 "$BUILD/bin/tessarel" 2>/dev/null &
 app=$!
 sleep 2
+# Its tray icon: the small window of the process docked in tint2's tray.
+for window in $(xdotool search --pid "$app" 2>/dev/null); do
+    eval "$(xdotool getwindowgeometry --shell "$window")"
+    if [ "$WIDTH" -le 48 ] && [ "$HEIGHT" -le 48 ] && [ "$Y" -gt $((height / 2)) ]; then
+        xdotool mousemove $((X + WIDTH / 2)) $((Y + HEIGHT / 2)) click 1
+        shot popup
+        xdotool key Escape
+        break
+    fi
+done
 # Starting it again brings the panel forward at home.
 "$BUILD/bin/tessarel"
 sleep 1
