@@ -176,3 +176,19 @@ TEST_F(PanelOnADesktopTest, AlertsShowTheirWholeTitleAndTheirTextCanBeSelected) 
     }
     EXPECT_EQ(selectable, 2);
 }
+
+TEST_F(PanelOnADesktopTest, WhereTheDesktopBlursBehindWindowsThePanelAsksForTheBlur) {
+    // What KWin announces on the root window while its blur is on.
+    const QString blur = QStringLiteral("_KDE_NET_WM_BLUR_BEHIND_REGION");
+    TestDesktop::run(QStringLiteral("xprop"),
+                     {QStringLiteral("-root"), QStringLiteral("-f"), blur, QStringLiteral("32c"),
+                      QStringLiteral("-set"), blur, QStringLiteral("0")});
+    openPanel();
+    const QByteArray asked = TestDesktop::run(
+        QStringLiteral("xprop"),
+        {QStringLiteral("-id"), QString::number(shell->panel()->windowHandle()->winId()), blur});
+    TestDesktop::run(QStringLiteral("xprop"),
+                     {QStringLiteral("-root"), QStringLiteral("-remove"), blur});
+    EXPECT_TRUE(asked.startsWith(blur.toLatin1() + "(CARDINAL)")) << asked.toStdString();
+    EXPECT_TRUE(shell->panel()->testAttribute(Qt::WA_TranslucentBackground));
+}
