@@ -156,11 +156,19 @@ void DesktopShell::configurePanel() {
     panel_ = std::make_unique<QWidget>();
     panel_->setObjectName(QStringLiteral("panel"));
     panel_->setWindowTitle(QStringLiteral("Tessarel"));
-    panel_->setAttribute(Qt::WA_TranslucentBackground);
     auto* layout = new QVBoxLayout(panel_.get());
     layout->setContentsMargins(0, 0, 0, 0);
     rootView_ = new TessarelRootView(controller_, panel_.get());
     layout->addWidget(rootView_);
+    // The translucent material only where the desktop blurs what shows through it; elsewhere
+    // the windows behind would be read through the panel's own text.
+    const DesktopScreens screens;
+    if (screens.blursBehindWindows()) {
+        panel_->setAttribute(Qt::WA_TranslucentBackground);
+        rootView_->setMaterial(Appearance::Material::blurred);
+        panel_->winId();
+        screens.blurBehind(*panel_->windowHandle());
+    }
     const QSize initial = Appearance::toQSize(ShellCoordinator::initialPanelSize);
     panel_->resize(initial);
     if (const QScreen* screen = QGuiApplication::primaryScreen()) {

@@ -31,10 +31,11 @@ enum class Tone {
 };
 
 // A colour to look up when painting: a tone of the current scheme, or a fixed brand colour.
+// Converts implicitly from either, so that a widget takes a tone or a brand colour alike.
 class Ink {
 public:
-    Ink(Tone tone) : tone_(tone) {}             // NOLINT(google-explicit-constructor)
-    Ink(const QColor& fixed) : fixed_(fixed) {} // NOLINT(google-explicit-constructor)
+    Ink(Tone tone) : tone_(tone) {}
+    Ink(const QColor& fixed) : fixed_(fixed) {}
     QColor resolve() const;
 
 private:

@@ -118,10 +118,14 @@ HomeView::HomeView(TessarelController& controller_, bool compact,
     titleBar->setFixedHeight(compact ? 88 : 82);
     auto* titleLayout = new QHBoxLayout(titleBar);
     titleLayout->setContentsMargins(28, 0, 28, 0);
-    titleLayout->addWidget(new SymbolView(QStringLiteral("sparkles"),
-                                          Appearance::color(TessarelColor::amber), 25, titleBar));
-    titleLayout->addWidget(new TextLabel(QStringLiteral("Tessarel"), 22, QFont::Bold,
-                                         Appearance::Tone::primary, titleBar));
+    if (compact) {
+        // In the panel the window manager's title bar names Tessarel; only the frameless popup
+        // names it itself.
+        titleLayout->addWidget(new SymbolView(
+            QStringLiteral("sparkles"), Appearance::color(TessarelColor::amber), 25, titleBar));
+        titleLayout->addWidget(new TextLabel(QStringLiteral("Tessarel"), 22, QFont::Bold,
+                                             Appearance::Tone::primary, titleBar));
+    }
     titleLayout->addStretch(1);
     auto* gear = new GearMenuButton([this] { controller.showAbout(); },
                                     [] { QApplication::quit(); }, titleBar);

@@ -23,7 +23,9 @@ protected:
 };
 
 // The start screen: title bar with the options button, the card of capture kinds and, unless
-// compact, a footer with the last saved file.
+// compact, a footer with the last saved file. The compact home is the tray's frameless popup,
+// the only place where the title bar names Tessarel: the panel is a window whose title bar, the
+// window manager's, does that already.
 class HomeView : public ControllerView {
     Q_OBJECT
 public:

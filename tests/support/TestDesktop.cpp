@@ -72,6 +72,9 @@ QByteArray TestDesktop::run(const QString& program, const QStringList& arguments
 }
 
 void TestDesktop::start(Program program) {
+    if (programs().count(program) != 0) {
+        return;
+    }
     QString executable;
     QStringList arguments;
     std::function<bool()> ready;

@@ -14,7 +14,8 @@ public:
     enum class Program { windowManager, compositor, taskPanel };
 
     static VirtualDisplay& display();
-    // Starts the program and returns once it has taken over its part of the display.
+    // Starts the program, unless it runs already, and returns once it has taken over its part
+    // of the display.
     static void start(Program program);
     static void stop(Program program);
     // Runs an X client against the display and returns what it printed.

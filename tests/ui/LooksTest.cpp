@@ -1,4 +1,4 @@
-#include "GuiFixture.h"
+#include "ViewTestSupport.h"
 
 #include "ui/Appearance.h"
 #include "ui/Chrome.h"
@@ -89,16 +89,6 @@ QPalette schemePalette(bool dark) {
         palette.setColor(QPalette::ButtonText, QColor(240, 240, 240));
     }
     return palette;
-}
-
-QMenu* openMenu(const QString& name) {
-    for (QWidget* widget : QApplication::topLevelWidgets()) {
-        if (auto* menu = qobject_cast<QMenu*>(widget);
-            menu && menu->objectName() == name && menu->isVisible()) {
-            return menu;
-        }
-    }
-    return nullptr;
 }
 
 class LooksTest : public GuiTest {
@@ -224,8 +214,8 @@ TEST_F(LooksTest, TheFormatMenuIsKeyboardNavigableAndEscapeClosesIt) {
 }
 
 TEST_F(LooksTest, ALongFolderNameIsShortenedAndLeavesTheChevronInsideTheBox) {
-    const QString name = QStringLiteral("start") + QString(190, QLatin1Char('n')) +
-                         QStringLiteral("close");
+    const QString name =
+        QStringLiteral("start") + QString(190, QLatin1Char('n')) + QStringLiteral("close");
     const QString path = folder.filePath(name);
     controller->saveFolder.set(QUrl::fromLocalFile(path));
     CaptureSetupView setup(*controller, CaptureKind::audio);
