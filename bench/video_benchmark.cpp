@@ -21,6 +21,8 @@
 #include "capture/linux/x11/X11VideoCaptureService.h"
 #include "support/VirtualDisplay.h"
 
+#include "DesktopScenes.h"
+
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QProcess>
@@ -73,30 +75,6 @@ pid_t spawn(const std::vector<std::string>& arguments) {
 }
 
 // ---- Scenes (run in the child) ---------------------------------------------------------
-
-// Flat panels, rows of dark "text" strokes and a photo-like area with fine noise.
-QImage desktopPicture(int width, int height) {
-    QImage picture(QSize(width, height), QImage::Format_RGB32);
-    std::mt19937 random(7);
-    for (int y = 0; y < height; ++y) {
-        auto* row = reinterpret_cast<QRgb*>(picture.scanLine(y));
-        for (int x = 0; x < width; ++x) {
-            QRgb colour = qRgb(236, 236, 240);
-            if (x < 300) {
-                colour = qRgb(48, 52, 64); // side bar
-            } else if (x > 1200 && y > 200 && y < 900) {
-                const int noise = static_cast<int>(random() % 24);
-                colour = qRgb(std::clamp(int(120 + 80 * std::sin(x / 60.0) + noise), 0, 255),
-                              std::clamp(int(110 + 70 * std::cos(y / 45.0) + noise), 0, 255),
-                              std::clamp(int(90 + 60 * std::sin((x + y) / 80.0) + noise), 0, 255));
-            } else if (y % 24 < 12 && x % 9 < 6 && (x / 9 * 7 + y / 24 * 13) % 11 > 2) {
-                colour = qRgb(30, 30, 30); // text
-            }
-            row[x] = colour;
-        }
-    }
-    return picture;
-}
 
 // The connection a scene draws on, and its windows; they live as long as the process and
 // the X server paints them.

@@ -3,6 +3,9 @@
 #include "capture/linux/ApplicationResourceDirectories.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
+#include "capture/linux/wayland/WaylandContentProvider.h"
+#include "capture/linux/wayland/WaylandScreenshotService.h"
+#include "capture/linux/wayland/WaylandVideoCaptureService.h"
 #include "capture/linux/x11/X11ContentProvider.h"
 #include "capture/linux/x11/X11ScreenshotService.h"
 #include "capture/linux/x11/X11VideoCaptureService.h"
@@ -15,12 +18,14 @@ extern "C" {
 
 namespace {
 
-// Where the windowing system is not X11 there is nothing to list or grab: every screen
-// capture fails with one clear sentence.
+// Where no layer can capture the session's screen there is nothing to list or grab: every
+// screen capture fails with one clear sentence saying why.
 class UnavailableScreenCapture final : public ShareableContentProvider,
                                        public ScreenshotService,
                                        public VideoCaptureService {
 public:
+    explicit UnavailableScreenCapture(QString reason) : reason_(std::move(reason)) {}
+
     ShareableContent shareableContent(bool, bool) override { unavailable(); }
     uint32_t mainDisplayID() override { return 0; }
     Image captureImage(const ContentFilter&, const ScreenshotConfiguration&) override {
@@ -37,33 +42,82 @@ public:
     }
 
 private:
-    [[noreturn]] static void unavailable() {
-        throw PlatformError(QStringLiteral("Tessarel captures the screen of X11 sessions only."));
+    [[noreturn]] void unavailable() const { throw PlatformError(reason_); }
+
+    const QString reason_;
+};
+
+// The screen capture layer for the session Qt runs on: on a Wayland desktop the Wayland
+// layer, never X11 through XWayland, which sees only XWayland's own windows.
+class ScreenCaptureLayer {
+public:
+    ScreenCaptureLayer() {
+        const QString session = QGuiApplication::platformName();
+        // Qt falls back to XWayland where it has no Wayland support; only a user who asked
+        // for X11 gets XWayland's partial picture.
+        const bool fellBackToXWayland = session == QLatin1String("xcb") &&
+                                        qEnvironmentVariableIsSet("WAYLAND_DISPLAY") &&
+                                        qgetenv("QT_QPA_PLATFORM") != "xcb";
+        if (fellBackToXWayland) {
+            unavailable_.emplace(QStringLiteral(
+                "Tessarel runs through XWayland here, which sees only XWayland's windows. "
+                "Install Qt's Wayland support (qt6-wayland), or start Tessarel with "
+                "QT_QPA_PLATFORM=xcb to capture XWayland's windows alone."));
+        } else if (session == QLatin1String("xcb")) {
+            x11_.emplace();
+        } else if (session == QLatin1String("wayland")) {
+            if (WaylandContentProvider::offersScreenCapture()) {
+                wayland_.emplace();
+            } else {
+                unavailable_.emplace(QStringLiteral(
+                    "This Wayland desktop does not let applications copy the screen."));
+            }
+        } else {
+            unavailable_.emplace(QStringLiteral(
+                "Tessarel captures the screen of X11 sessions and of Wayland desktops that let "
+                "applications copy the screen."));
+        }
     }
+
+    ShareableContentProvider& content() {
+        return x11_       ? static_cast<ShareableContentProvider&>(x11_->content)
+               : wayland_ ? static_cast<ShareableContentProvider&>(wayland_->content)
+                          : *unavailable_;
+    }
+    ScreenshotService& screenshots() {
+        return x11_       ? static_cast<ScreenshotService&>(x11_->screenshots)
+               : wayland_ ? static_cast<ScreenshotService&>(wayland_->screenshots)
+                          : *unavailable_;
+    }
+    VideoCaptureService& video() {
+        return x11_       ? static_cast<VideoCaptureService&>(x11_->video)
+               : wayland_ ? static_cast<VideoCaptureService&>(wayland_->video)
+                          : *unavailable_;
+    }
+
+private:
+    template <typename Content, typename Screenshots, typename Video> struct Layer {
+        Content content;
+        Screenshots screenshots;
+        Video video;
+    };
+
+    std::optional<Layer<X11ContentProvider, X11ScreenshotService, X11VideoCaptureService>> x11_;
+    std::optional<
+        Layer<WaylandContentProvider, WaylandScreenshotService, WaylandVideoCaptureService>>
+        wayland_;
+    std::optional<UnavailableScreenCapture> unavailable_;
 };
 
 class LinuxCapturePlatform final : public LoadedCapturePlatform {
 public:
-    LinuxCapturePlatform() {
-        if (QGuiApplication::platformName() == QLatin1String("xcb")) {
-            x11Content_.emplace();
-            x11Screenshots_.emplace();
-            x11Video_.emplace();
-        }
-    }
-
     CapturePlatform platform() override {
-        if (x11Content_) {
-            return {*x11Content_, audio_, audioWriters_, *x11Screenshots_, *x11Video_, resources_};
-        }
-        return {unavailable_, audio_, audioWriters_, unavailable_, unavailable_, resources_};
+        return {screen_.content(),     audio_,          audioWriters_,
+                screen_.screenshots(), screen_.video(), resources_};
     }
 
 private:
-    std::optional<X11ContentProvider> x11Content_;
-    std::optional<X11ScreenshotService> x11Screenshots_;
-    std::optional<X11VideoCaptureService> x11Video_;
-    UnavailableScreenCapture unavailable_;
+    ScreenCaptureLayer screen_;
     PulseAudioCaptureService audio_;
     FfmpegAudioWriterFactory audioWriters_;
     ApplicationResourceDirectories resources_;

@@ -11,6 +11,8 @@ public:
     virtual CapturePlatform platform() = 0;
 };
 
-// Chooses the capture backends: PulseAudio and FFmpeg for sound; X11 for the screen in an
-// X11 session, elsewhere a stand-in whose every screen capture fails with a clear message.
+// Chooses the capture backends: PulseAudio and FFmpeg for sound; for the screen, by the
+// session Qt runs on, X11 or a Wayland compositor's screen copy; elsewhere (and through
+// XWayland the user did not ask for) a stand-in whose every screen capture fails with a clear
+// message.
 std::unique_ptr<LoadedCapturePlatform> loadCapturePlatform();

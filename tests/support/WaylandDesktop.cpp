@@ -234,6 +234,12 @@ void WaylandDesktop::stop() {
     daemons_.clear();
 }
 
+void WaylandDesktop::killCompositor() {
+    QProcess& sway = *daemons_.back();
+    sway.kill();
+    sway.waitForFinished(kStartTimeoutMs);
+}
+
 QProcessEnvironment WaylandDesktop::environment() const {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDirectory_);
@@ -319,8 +325,11 @@ WaylandDesktop::Output WaylandDesktop::output(const QString& name) const {
     return {};
 }
 
-QImage WaylandDesktop::grim(const QString& output) const {
+QImage WaylandDesktop::grim(const QString& output, bool withPointer) const {
     QStringList arguments{QStringLiteral("-t"), QStringLiteral("ppm")};
+    if (withPointer) {
+        arguments << QStringLiteral("-c");
+    }
     if (!output.isEmpty()) {
         arguments << QStringLiteral("-o") << output;
     }
@@ -332,14 +341,16 @@ QImage WaylandDesktop::grim(const QString& output) const {
     return picture.convertToFormat(QImage::Format_RGB32);
 }
 
-std::unique_ptr<WaylandDesktop::Window> WaylandDesktop::showWindow(const QString& output, int seed,
-                                                                   bool moving) {
+std::unique_ptr<WaylandDesktop::Window>
+WaylandDesktop::showWindow(const QString& output, int seed, Motion motion, const QString& picture) {
+    static const char* const kMotionNames[] = {"still", "band", "glow", "slide"};
     // New windows open on the focused output.
     swaymsg({QStringLiteral("focus"), QStringLiteral("output"), output});
     std::unique_ptr<Window> window(new Window);
     startProgram(window->process_,
-                 {QStringLiteral(WAYLAND_TEST_WINDOW), QString::number(seed),
-                  QString::number(moving ? 1 : 0)},
+                 QStringList{QStringLiteral(WAYLAND_TEST_WINDOW), QString::number(seed),
+                             QString::fromLatin1(kMotionNames[static_cast<int>(motion)])} +
+                     (picture.isEmpty() ? QStringList() : QStringList{picture}),
                  environment());
     if (readLine(window->process_, "the test window") != "shown") {
         throw std::runtime_error("the test window did not show");

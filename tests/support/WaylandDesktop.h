@@ -34,9 +34,17 @@ public:
         QSize pixels;
     };
 
+    // How a window of the test tree's client moves, at every frame the compositor asks for.
+    enum class Motion {
+        still,
+        band,  // a band 48 points high, centred at three quarters of the height, scrolls
+        glow,  // a 320 × 240 glow at (500, 300) circles
+        slide, // the picture, 600 points wider than the window, slides back and forth
+    };
+
     // A window of the test tree's client, tiled alone on an output so it covers it (but the
-    // bar): a pattern of flat 16 × 16 cells from `seed`, and, when `moving`, a block that
-    // slides through its lower quarter every frame. Closed with the object.
+    // bar), showing a pattern of flat 16 × 16 cells from `seed`, or the picture in the file
+    // `picture` from its top left corner. Closed with the object.
     class Window {
     public:
         ~Window();
@@ -88,10 +96,15 @@ public:
     QByteArray swaymsg(const QStringList& arguments) const;
     std::vector<Output> outputs() const;
     Output output(const QString& name) const;
-    // grim's picture: of `output` when named, else of the whole layout.
-    QImage grim(const QString& output = {}) const;
+    // grim's picture: of `output` when named, else of the whole layout; with the pointer
+    // drawn in when asked for.
+    QImage grim(const QString& output = {}, bool withPointer = false) const;
 
-    std::unique_ptr<Window> showWindow(const QString& output, int seed, bool moving);
+    // Kills sway as a crash would, leaving its clients without a compositor.
+    void killCompositor();
+
+    std::unique_ptr<Window> showWindow(const QString& output, int seed,
+                                       Motion motion = Motion::still, const QString& picture = {});
     // The pointer, started at the first call.
     Pointer& pointer();
 

@@ -1,5 +1,6 @@
 #include "controller/linux/DesktopScreens.h"
 
+#include "capture/OutputNumbering.h"
 #include "region/ScreenCoordinates.h"
 
 #include <QGuiApplication>
@@ -33,6 +34,10 @@ std::optional<xcb_atom_t> internAtom(xcb_connection_t* connection, const QByteAr
 }
 
 QVariant displayNumber(const QScreen& screen) {
+    // On Wayland the screen's name is its output's name.
+    if (QGuiApplication::platformName() == QLatin1String("wayland")) {
+        return QVariant::fromValue(displayNumberOfOutput(screen.name()));
+    }
     xcb_connection_t* connection = x11Connection();
     if (connection == nullptr) {
         return {};

@@ -7,30 +7,6 @@
 #include <algorithm>
 #include <cstring>
 
-PixelRect PixelRect::intersected(const PixelRect& other) const {
-    const int left = std::max(x, other.x);
-    const int top = std::max(y, other.y);
-    const int right = std::min(x + width, other.x + other.width);
-    const int bottom = std::min(y + height, other.y + other.height);
-    if (right <= left || bottom <= top) {
-        return {};
-    }
-    return {left, top, right - left, bottom - top};
-}
-
-PixelRect PixelRect::united(const PixelRect& other) const {
-    if (isEmpty()) {
-        return other;
-    }
-    if (other.isEmpty()) {
-        return *this;
-    }
-    const int left = std::min(x, other.x);
-    const int top = std::min(y, other.y);
-    return {left, top, std::max(x + width, other.x + other.width) - left,
-            std::max(y + height, other.y + other.height) - top};
-}
-
 X11Connection::X11Connection(const QByteArray& displayName) {
     int screenNumber = 0;
     connection_ =

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/Geometry.h"
+#include "capture/linux/PixelRect.h"
 
 #include <QByteArray>
 
@@ -17,20 +18,6 @@ struct XcbFree {
     void operator()(void* pointer) const { std::free(pointer); }
 };
 template <typename T> using XcbReply = std::unique_ptr<T, XcbFree>;
-
-// A rectangle of whole pixels in root-window coordinates (top-left origin).
-struct PixelRect {
-    int x = 0;
-    int y = 0;
-    int width = 0;
-    int height = 0;
-
-    bool isEmpty() const { return width <= 0 || height <= 0; }
-    PixelRect intersected(const PixelRect& other) const;
-    // The smallest rectangle holding both.
-    PixelRect united(const PixelRect& other) const;
-    friend bool operator==(const PixelRect&, const PixelRect&) = default;
-};
 
 // One RandR monitor. `name` is the monitor's name atom, which is also its display number.
 struct X11Monitor {

@@ -4,10 +4,9 @@
 #include "capture/linux/x11/X11VideoCaptureService.h"
 #include "support/VirtualDisplay.h"
 
+#include "MovieInspection.h"
+
 #include <QDir>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -19,160 +18,13 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <optional>
 #include <thread>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// The recorder's reports, waited for with a deadline against hangs only.
-class RecorderEvents final : public RecordingOutputDelegate, public StreamDelegate {
-public:
-    void recordingOutputDidStartRecording() override {}
-    void recordingOutputDidFinishRecording() override { settle({}); }
-    void recordingOutputDidFail(std::exception_ptr error) override { settle(error); }
-    void streamDidStop(std::exception_ptr error) override { streamError = error; }
-
-    // True once finished; false when failed or nothing came.
-    bool finished() {
-        std::unique_lock guard(mutex_);
-        done_.wait_for(guard, std::chrono::seconds(60), [this] { return settled_; });
-        return settled_ && !error_;
-    }
-
-    std::exception_ptr streamError;
-
-private:
-    void settle(std::exception_ptr error) {
-        {
-            std::lock_guard guard(mutex_);
-            settled_ = true;
-            error_ = error;
-        }
-        done_.notify_all();
-    }
-
-    std::mutex mutex_;
-    std::condition_variable done_;
-    bool settled_ = false;
-    std::exception_ptr error_;
-};
-
-struct Probe {
-    QString codec;
-    QString format;
-    int width = 0;
-    int height = 0;
-    double averageFrameRate = 0;
-    long long frames = 0;
-    double duration = 0;
-    double lastFrameEnd = 0; // time stamp of the last decoded frame plus one frame
-    long long keyframes = 0;
-};
-
-double rate(const QString& fraction) {
-    const auto parts = fraction.split(QLatin1Char('/'));
-    return parts.size() == 2 && parts[1].toDouble() != 0 ? parts[0].toDouble() / parts[1].toDouble()
-                                                         : 0;
-}
-
-QByteArray runTool(const QString& program, const QStringList& arguments) {
-    QProcess process;
-    process.start(program, arguments);
-    process.waitForFinished(120000);
-    EXPECT_EQ(process.exitCode(), 0)
-        << program.toStdString() << ": " << process.readAllStandardError().toStdString();
-    return process.readAllStandardOutput();
-}
-
-Probe probe(const QString& path) {
-    const auto json = QJsonDocument::fromJson(runTool(
-        QStringLiteral("ffprobe"),
-        {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-count_frames"),
-         QStringLiteral("-show_entries"),
-         QStringLiteral("stream=codec_name,width,height,avg_frame_rate,nb_read_frames:format="
-                        "format_name,duration:frame=best_effort_timestamp_time,key_frame"),
-         QStringLiteral("-of"), QStringLiteral("json"), path}));
-    Probe result;
-    const auto stream = json[QStringLiteral("streams")][0].toObject();
-    result.codec = stream[QStringLiteral("codec_name")].toString();
-    result.width = stream[QStringLiteral("width")].toInt();
-    result.height = stream[QStringLiteral("height")].toInt();
-    result.averageFrameRate = rate(stream[QStringLiteral("avg_frame_rate")].toString());
-    result.frames = stream[QStringLiteral("nb_read_frames")].toString().toLongLong();
-    result.format = json[QStringLiteral("format")][QStringLiteral("format_name")].toString();
-    result.duration =
-        json[QStringLiteral("format")][QStringLiteral("duration")].toString().toDouble();
-    for (const auto frame : json[QStringLiteral("frames")].toArray()) {
-        result.lastFrameEnd = std::max(
-            result.lastFrameEnd,
-            frame[QStringLiteral("best_effort_timestamp_time")].toString().toDouble() + 1.0 / 30);
-        result.keyframes += frame[QStringLiteral("key_frame")].toInt();
-    }
-    return result;
-}
-
-// Every frame of the movie as B, G, R, A pixels.
-std::vector<QByteArray> decode(const QString& path, int width, int height) {
-    const QByteArray all =
-        runTool(QStringLiteral("ffmpeg"),
-                {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path,
-                 QStringLiteral("-fps_mode"), QStringLiteral("passthrough"), QStringLiteral("-f"),
-                 QStringLiteral("rawvideo"), QStringLiteral("-pix_fmt"), QStringLiteral("bgra"),
-                 QStringLiteral("-")});
-    const qsizetype size = static_cast<qsizetype>(width) * height * 4;
-    std::vector<QByteArray> frames;
-    for (qsizetype offset = 0; offset + size <= all.size(); offset += size) {
-        frames.push_back(all.mid(offset, size));
-    }
-    return frames;
-}
-
-// Mean absolute difference per channel between `frame` and `expected`'s `area`, over the
-// pixels `counts` accepts (frame-local coordinates) that lie inside a cell of the test
-// pattern: the encoder may blur the cells' sharp edges.
-template <typename Filter>
-double meanDifference(const QByteArray& frame, const QImage& expected, const QRect& area,
-                      Filter counts) {
-    double sum = 0;
-    long long pixels = 0;
-    const auto* data = reinterpret_cast<const unsigned char*>(frame.constData());
-    for (int y = 0; y < area.height(); ++y) {
-        for (int x = 0; x < area.width(); ++x) {
-            const int cellX = (area.x() + x) % 16;
-            const int cellY = (area.y() + y) % 16;
-            if (cellX < 3 || cellX > 12 || cellY < 3 || cellY > 12 || !counts(x, y)) {
-                continue;
-            }
-            const QRgb want = expected.pixel(area.x() + x, area.y() + y);
-            const unsigned char* got = data + (static_cast<qsizetype>(y) * area.width() + x) * 4;
-            sum += std::abs(got[0] - qBlue(want)) + std::abs(got[1] - qGreen(want)) +
-                   std::abs(got[2] - qRed(want));
-            ++pixels;
-        }
-    }
-    return pixels ? sum / (3.0 * static_cast<double>(pixels)) : 0;
-}
-
-// Pixels far darker or brighter than any colour of the test pattern (the pointer's).
-int extremePixels(const QByteArray& frame, int frameWidth, const QRect& box) {
-    int count = 0;
-    const auto* data = reinterpret_cast<const unsigned char*>(frame.constData());
-    for (int y = box.top(); y <= box.bottom(); ++y) {
-        for (int x = box.left(); x <= box.right(); ++x) {
-            const unsigned char* p = data + (static_cast<qsizetype>(y) * frameWidth + x) * 4;
-            const int brightness = (p[0] + p[1] + p[2]) / 3;
-            if (brightness < 30 || brightness > 225) {
-                ++count;
-            }
-        }
-    }
-    return count;
-}
 
 DisplayInfo mainDisplay(const QByteArray& name) {
     X11ContentProvider provider(name);
