@@ -3,6 +3,8 @@
 #include "capture/linux/ApplicationResourceDirectories.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
+#include "capture/linux/portal/DesktopPortal.h"
+#include "capture/linux/portal/PortalCaptureServices.h"
 #include "capture/linux/wayland/WaylandContentProvider.h"
 #include "capture/linux/wayland/WaylandScreenshotService.h"
 #include "capture/linux/wayland/WaylandVideoCaptureService.h"
@@ -47,8 +49,22 @@ private:
     const QString reason_;
 };
 
+// The desktop portal's layer: the outputs as the Wayland connection lists them, their
+// pictures through the portal, which asks the user.
+struct PortalLayer {
+    PortalLayer()
+        : portal({}, DesktopPortal::defaultGrantsDirectory()), screenshots(portal, content),
+          video(portal) {}
+    WaylandContentProvider content;
+    DesktopPortal portal;
+    PortalScreenshotService screenshots;
+    PortalVideoCaptureService video;
+};
+
 // The screen capture layer for the session Qt runs on: on a Wayland desktop the Wayland
-// layer, never X11 through XWayland, which sees only XWayland's own windows.
+// layer where the compositor lets applications copy the screen (wlroots), else the desktop
+// portal (GNOME, KDE Plasma); never X11 through XWayland, which sees only XWayland's own
+// windows.
 class ScreenCaptureLayer {
 public:
     ScreenCaptureLayer() {
@@ -68,9 +84,11 @@ public:
         } else if (session == QLatin1String("wayland")) {
             if (WaylandContentProvider::offersScreenCapture()) {
                 wayland_.emplace();
-            } else {
+            } else if (!portal_.emplace().portal.isReachable()) {
+                portal_.reset();
                 unavailable_.emplace(QStringLiteral(
-                    "This Wayland desktop does not let applications copy the screen."));
+                    "This Wayland desktop does not let applications copy the screen, and no "
+                    "desktop portal answers to ask it for the screen."));
             }
         } else {
             unavailable_.emplace(QStringLiteral(
@@ -82,16 +100,19 @@ public:
     ShareableContentProvider& content() {
         return x11_       ? static_cast<ShareableContentProvider&>(x11_->content)
                : wayland_ ? static_cast<ShareableContentProvider&>(wayland_->content)
+               : portal_  ? static_cast<ShareableContentProvider&>(portal_->content)
                           : *unavailable_;
     }
     ScreenshotService& screenshots() {
         return x11_       ? static_cast<ScreenshotService&>(x11_->screenshots)
                : wayland_ ? static_cast<ScreenshotService&>(wayland_->screenshots)
+               : portal_  ? static_cast<ScreenshotService&>(portal_->screenshots)
                           : *unavailable_;
     }
     VideoCaptureService& video() {
         return x11_       ? static_cast<VideoCaptureService&>(x11_->video)
                : wayland_ ? static_cast<VideoCaptureService&>(wayland_->video)
+               : portal_  ? static_cast<VideoCaptureService&>(portal_->video)
                           : *unavailable_;
     }
 
@@ -106,6 +127,7 @@ private:
     std::optional<
         Layer<WaylandContentProvider, WaylandScreenshotService, WaylandVideoCaptureService>>
         wayland_;
+    std::optional<PortalLayer> portal_;
     std::optional<UnavailableScreenCapture> unavailable_;
 };
 
