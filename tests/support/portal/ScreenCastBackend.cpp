@@ -128,11 +128,8 @@ public:
         events_.param_changed = [](void* data, uint32_t id, const spa_pod* param) {
             static_cast<PatternSource*>(data)->paramChanged(id, param);
         };
-        events_.state_changed = [](void* data, pw_stream_state, pw_stream_state state,
-                                   const char*) {
-            auto* self = static_cast<PatternSource*>(data);
-            self->streaming_ = state == PW_STREAM_STATE_STREAMING;
-            pw_thread_loop_signal(self->loop_, false);
+        events_.state_changed = [](void* data, pw_stream_state, pw_stream_state, const char*) {
+            pw_thread_loop_signal(static_cast<PatternSource*>(data)->loop_, false);
         };
         pw_thread_loop_lock(loop_);
         stream_ = pw_stream_new(core, "tessarel-test-monitor",
@@ -210,9 +207,6 @@ private:
 
     // Writes the next picture into a free buffer and sends it.
     void frame() {
-        if (!streaming_) {
-            return;
-        }
         pw_buffer* buffer = pw_stream_dequeue_buffer(stream_);
         if (buffer == nullptr) {
             return;
@@ -322,7 +316,6 @@ private:
     spa_source* timer_ = nullptr;
     uint32_t node_ = 0;
     int count_ = 0;
-    bool streaming_ = false;
 };
 
 #pragma GCC diagnostic pop

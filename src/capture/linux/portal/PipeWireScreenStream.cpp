@@ -98,7 +98,13 @@ std::vector<const spa_pod*> bufferParams(spa_pod_builder& builder) {
     meta(SPA_META_Header, sizeof(spa_meta_header));
     meta(SPA_META_VideoCrop, sizeof(spa_meta_region));
     meta(SPA_META_VideoTransform, sizeof(spa_meta_videotransform));
-    meta(SPA_META_VideoDamage, sizeof(spa_meta_region) * kDamageRegions);
+    // Damage comes as an array of regions of the producer's length.
+    params.push_back(static_cast<const spa_pod*>(spa_pod_builder_add_object(
+        &builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
+        SPA_POD_Id(SPA_META_VideoDamage), SPA_PARAM_META_size,
+        SPA_POD_CHOICE_RANGE_Int(static_cast<int>(sizeof(spa_meta_region)) * kDamageRegions,
+                                 static_cast<int>(sizeof(spa_meta_region)),
+                                 static_cast<int>(sizeof(spa_meta_region)) * kDamageRegions))));
     // The pointer's picture may be of any size up to the largest this stream draws.
     const auto cursorSize = [](int side) {
         return static_cast<int>(sizeof(spa_meta_cursor) + sizeof(spa_meta_bitmap)) +
