@@ -14,6 +14,9 @@
 
 #include <unistd.h>
 
+#include <utility>
+#include <vector>
+
 namespace {
 
 const QString kService = QStringLiteral("org.freedesktop.portal.Desktop");
@@ -320,25 +323,29 @@ std::unique_ptr<DesktopPortal::ScreenCast> DesktopPortal::shareMonitor(const QSt
             keepRestoreToken(grantKey,
                              started.results.value(QStringLiteral("restore_token")).toString());
         }
+        // One monitor was asked for; the first stream is it.
         const auto streams =
             started.results.value(QStringLiteral("streams")).value<QDBusArgument>();
+        std::vector<std::pair<uint32_t, QVariantMap>> shared;
         streams.beginArray();
-        if (!streams.atEnd()) {
-            uint32_t node = 0;
-            QVariantMap properties;
+        while (!streams.atEnd()) {
+            auto& [node, properties] = shared.emplace_back();
             streams.beginStructure();
             streams >> node >> properties;
             streams.endStructure();
-            cast->nodeId_ = node;
-            if (properties.contains(QStringLiteral("position"))) {
-                cast->position_ = pointOf(properties.value(QStringLiteral("position")));
-            }
-            if (properties.contains(QStringLiteral("size"))) {
-                const QPoint size = pointOf(properties.value(QStringLiteral("size")));
-                cast->size_ = QSize(size.x(), size.y());
-            }
-        } else {
+        }
+        streams.endArray();
+        if (shared.empty()) {
             throw PlatformError(QStringLiteral("The desktop portal shared no screen."));
+        }
+        const auto& [node, properties] = shared.front();
+        cast->nodeId_ = node;
+        if (properties.contains(QStringLiteral("position"))) {
+            cast->position_ = pointOf(properties.value(QStringLiteral("position")));
+        }
+        if (properties.contains(QStringLiteral("size"))) {
+            const QPoint size = pointOf(properties.value(QStringLiteral("size")));
+            cast->size_ = QSize(size.x(), size.y());
         }
         cast->pointerEmbedded_ = cursorMode != kCursorMetadata;
 
