@@ -176,9 +176,21 @@ void PortalDesktop::stop() {
     daemons_.clear();
 }
 
+int PortalDesktop::linesOf(const QString& file, const QByteArray& line) const {
+    QFile lines(control_.filePath(file));
+    if (!lines.open(QIODevice::ReadOnly)) {
+        return 0;
+    }
+    return static_cast<int>(lines.readAll().split('\n').count(line));
+}
+
 int PortalDesktop::grantsGiven() const {
-    QFile grants(control_.filePath(QStringLiteral("grants")));
-    return grants.open(QIODevice::ReadOnly) ? static_cast<int>(grants.readAll().count('\n')) : 0;
+    return linesOf(QStringLiteral("grants"), "granted");
+}
+
+int PortalDesktop::openSessions() const {
+    return linesOf(QStringLiteral("sessions"), "opened") -
+           linesOf(QStringLiteral("sessions"), "closed");
 }
 
 void PortalDesktop::declineGrants(bool decline) {

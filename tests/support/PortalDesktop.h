@@ -33,12 +33,15 @@ public:
     // The ScreenCast backend's dialog: how often it granted, whether it declines, and which
     // output the user picks in it.
     int grantsGiven() const;
+    // Sessions the backend opened and has not had closed.
+    int openSessions() const;
     void declineGrants(bool decline);
     void chooseOutput(const QString& name);
     // SIGKILL for the ScreenCast backend, as if it crashed.
     void killScreenCastBackend();
 
 private:
+    int linesOf(const QString& file, const QByteArray& line) const;
     QProcess& startDaemon(const QString& program, const QStringList& arguments,
                           const QProcessEnvironment& environment);
     void awaitBusName(const QString& name);

@@ -1,16 +1,17 @@
 // A desktop portal backend for tests: the backend side of ScreenCast and of Access (the
-// frontend's permission dialogs), whose "dialog" grants
-// at once (or declines, while the file `decline` exists in its control folder) and counts
-// each grant it gives as a line in `grants`. A restored session is granted without asking.
-// Each shared monitor is a real PipeWire video node in shared memory: the test pattern of
-// its seed, a block sliding through its lower quarter, a crop that leaves out a strip of
-// other pixels at the right, damage for the rows that changed and, when asked for, the
-// pointer as metadata (a 16 × 16 magenta square at (40, 40)); now and then a corrupted and
-// an empty buffer, which a consumer must pass over.
+// frontend's permission dialogs). Its "dialog" grants at once, or declines while the file
+// `decline` exists in its control folder, and picks the output named in `choose` there (else
+// the first); a restored session is granted without asking. In that folder it counts each
+// grant it gives as a line in `grants`, and each session opened and closed as a line in
+// `sessions`. Each shared monitor is a real PipeWire video node in shared memory: the test
+// pattern of its seed, a block sliding through its lower quarter, a crop that leaves out a
+// strip of other pixels at the right, damage for the rows that changed and, when asked for,
+// the pointer as metadata (a 16 × 16 magenta square at (40, 40)); now and then a corrupted
+// and an empty buffer, which a consumer must pass over.
 //
-//   portal_screencast_backend <control folder> <name>:<x>:<y>:<width>:<height>:<pixel width>:<pixel
-//   height>:<seed> ...
+//   portal_screencast_backend <control folder> <monitor> ...
 //
+// where each monitor is <name>:<x>:<y>:<width>:<height>:<pixel width>:<pixel height>:<seed>.
 // Prints "ready" once it owns its bus name.
 
 #include "support/VirtualDisplay.h"
@@ -357,7 +358,9 @@ public:
             return true;
         }
         if (member == QLatin1String("Close")) { // a request or a session
-            sessions_.erase(message.path());
+            if (sessions_.erase(message.path()) > 0) {
+                note("sessions", "closed");
+            }
             connection.send(message.createReply());
             return true;
         }
@@ -366,6 +369,7 @@ public:
         uint32_t response = 0;
         if (member == QLatin1String("CreateSession")) {
             sessions_[sessionPath] = {};
+            note("sessions", "opened");
             results.insert(QStringLiteral("session_id"), sessionPath);
         } else if (member == QLatin1String("SelectSources")) {
             Session& session = sessions_[sessionPath];
@@ -399,6 +403,13 @@ private:
         std::shared_ptr<PatternSource> source;
     };
 
+    // A line in the control folder's file `name`, for the test to count.
+    void note(const char* name, const QByteArray& line) const {
+        QFile file(control_.filePath(QString::fromLatin1(name)));
+        file.open(QIODevice::Append);
+        file.write(line + '\n');
+    }
+
     uint32_t start(Session& session, QVariantMap& results) {
         const Monitor* chosen = nullptr;
         for (const Monitor& monitor : monitors_) {
@@ -410,9 +421,7 @@ private:
             if (control_.exists(QStringLiteral("decline"))) {
                 return 1;
             }
-            QFile grants(control_.filePath(QStringLiteral("grants")));
-            grants.open(QIODevice::Append);
-            grants.write("granted\n");
+            note("grants", "granted");
             QFile choice(control_.filePath(QStringLiteral("choose")));
             const QString wanted = choice.open(QIODevice::ReadOnly)
                                        ? QString::fromUtf8(choice.readAll()).trimmed()

@@ -189,6 +189,8 @@ TEST_F(Portal, SnapshotOfEachOutputIsItsStreamsFullPixelPicture) {
         // Above the sliding block the pattern exactly, without a pointer.
         EXPECT_EQ(mismatches(snapshot, pattern, 0, blockBandTop()), 0);
     }
+    // Each snapshot's screen cast ends with it.
+    EXPECT_EQ(portal_.openSessions(), 0);
 }
 
 TEST_F(Portal, AreaMovieOfEachOutputIsH264AtTheWallClocksPaceWithThePointerDrawnIn) {
@@ -210,6 +212,7 @@ TEST_F(Portal, AreaMovieOfEachOutputIsH264AtTheWallClocksPaceWithThePointerDrawn
         const auto stopping = WallClock::now();
         recorder.stream->stopCapture();
         ASSERT_TRUE(recorder.events.finished());
+        EXPECT_EQ(portal_.openSessions(), 0); // one stream per movie, closed at stop
         const double wallClock = std::chrono::duration<double>(stopping - started).count();
 
         const Probe probed = probe(path);
