@@ -89,7 +89,7 @@ PortalDesktop::PortalDesktop(const WaylandDesktop& desktop, Options options) : d
         QStringList arguments{control_.path()};
         int seed = 1;
         for (const WaylandDesktop::Output& output : desktop.outputs()) {
-            arguments << QStringLiteral("%1:%2:%3:%4:%5:%6:%7:%8")
+            arguments << QStringLiteral("%1:%2:%3:%4:%5:%6:%7:%8:%9")
                              .arg(output.name)
                              .arg(output.logical.x())
                              .arg(output.logical.y())
@@ -97,7 +97,9 @@ PortalDesktop::PortalDesktop(const WaylandDesktop& desktop, Options options) : d
                              .arg(output.logical.height())
                              .arg(output.pixels.width())
                              .arg(output.pixels.height())
-                             .arg(seed++);
+                             .arg(seed)
+                             .arg(seed == 2 ? 180 : 0);
+            ++seed;
         }
         screenCastBackend_ =
             &startDaemon(QStringLiteral(PORTAL_SCREENCAST_BACKEND), arguments, environment);

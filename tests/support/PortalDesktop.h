@@ -14,7 +14,8 @@
 // test's user: PipeWire with WirePlumber, the real xdg-desktop-portal frontend reading a private
 // portal folder for a desktop of its own name, xdg-desktop-portal-wlr serving Screenshot and, when
 // asked for, the test tree's ScreenCast backend sharing the desktop's outputs as PipeWire
-// video nodes. Stopped by the destructor.
+// video nodes (the second output's buffers upside down, with a transform saying so). Stopped by the
+// destructor.
 class PortalDesktop {
 public:
     struct Options {

@@ -11,7 +11,8 @@
 //
 //   portal_screencast_backend <control folder> <monitor> ...
 //
-// where each monitor is <name>:<x>:<y>:<width>:<height>:<pixel width>:<pixel height>:<seed>.
+// where each monitor is <name>:<x>:<y>:<width>:<height>:<pixel width>:<pixel height>:<seed>:<turn>
+// and <turn> 180 sends its buffers upside down with a transform saying so (0: upright).
 // Prints "ready" once it owns its bus name.
 
 #include "support/VirtualDisplay.h"
@@ -58,6 +59,7 @@ struct Monitor {
     QRect logical;
     QSize pixels;
     int seed = 0;
+    bool upsideDown = false; // buffers come turned by 180°, with a transform saying so
 };
 
 struct Stream {
@@ -193,17 +195,33 @@ private:
                 SPA_POD_CHOICE_FLAGS_Int(1 << SPA_DATA_MemFd))),
             metaParam(builder, SPA_META_Header, sizeof(spa_meta_header)),
             metaParam(builder, SPA_META_VideoCrop, sizeof(spa_meta_region)),
+            metaParam(builder, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)),
             metaParam(builder, SPA_META_VideoDamage, sizeof(spa_meta_region) * 4),
             metaParam(builder, SPA_META_Cursor,
                       sizeof(spa_meta_cursor) + sizeof(spa_meta_bitmap) +
                           kPointerSide * kPointerSide * 4)};
-        pw_stream_update_params(stream_, params, 5);
+        pw_stream_update_params(stream_, params, 6);
     }
 
     static const spa_pod* metaParam(spa_pod_builder& builder, uint32_t type, size_t size) {
         return static_cast<const spa_pod*>(spa_pod_builder_add_object(
             &builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
             SPA_POD_Id(type), SPA_PARAM_META_size, SPA_POD_Int(static_cast<int>(size))));
+    }
+
+    // Turns the picture's `width` × `height` pixels by 180° in place.
+    static void turnAround(uint8_t* pixels, int width, int height, int stride) {
+        for (int y = 0; y < (height + 1) / 2; ++y) {
+            const int otherY = height - 1 - y;
+            for (int x = 0; x < (y == otherY ? width / 2 : width); ++x) {
+                auto* here =
+                    reinterpret_cast<uint32_t*>(pixels + static_cast<ptrdiff_t>(y) * stride) + x;
+                auto* there =
+                    reinterpret_cast<uint32_t*>(pixels + static_cast<ptrdiff_t>(otherY) * stride) +
+                    (width - 1 - x);
+                std::swap(*here, *there);
+            }
+        }
     }
 
     // Writes the next picture into a free buffer and sends it.
@@ -261,6 +279,14 @@ private:
                 row[x * 4 + 2] = 40;
             }
         }
+        if (monitor_.upsideDown && pixels && !corrupted) {
+            turnAround(pixels, width, height, stride);
+        }
+        if (auto* turn = static_cast<spa_meta_videotransform*>(spa_buffer_find_meta_data(
+                spa, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)))) {
+            turn->transform =
+                monitor_.upsideDown ? SPA_META_TRANSFORMATION_180 : SPA_META_TRANSFORMATION_None;
+        }
         if (auto* crop = static_cast<spa_meta_region*>(
                 spa_buffer_find_meta_data(spa, SPA_META_VideoCrop, sizeof(spa_meta_region)))) {
             crop->region =
@@ -269,10 +295,11 @@ private:
         if (spa_meta* damage = spa_buffer_find_meta(spa, SPA_META_VideoDamage)) {
             auto* regions = static_cast<spa_meta_region*>(damage->data);
             const bool whole = count_ == 1;
-            regions[0].region = whole ? SPA_REGION(0, 0, static_cast<uint32_t>(width),
-                                                   static_cast<uint32_t>(height))
-                                      : SPA_REGION(0, blockY, static_cast<uint32_t>(width),
-                                                   static_cast<uint32_t>(kBlockSide));
+            regions[0].region =
+                whole
+                    ? SPA_REGION(0, 0, static_cast<uint32_t>(width), static_cast<uint32_t>(height))
+                    : SPA_REGION(0, monitor_.upsideDown ? height - blockY - kBlockSide : blockY,
+                                 static_cast<uint32_t>(width), static_cast<uint32_t>(kBlockSide));
             regions[1].region = SPA_REGION(0, 0, 0, 0);
         }
         if (auto* cursor = static_cast<spa_meta_cursor*>(
@@ -478,14 +505,14 @@ int main(int argc, char** argv) {
     std::vector<Monitor> monitors;
     for (const QString& spec : arguments.mid(2)) {
         const QStringList parts = spec.split(QLatin1Char(':'));
-        if (parts.size() != 8) {
+        if (parts.size() != 9) {
             std::fprintf(stderr, "bad monitor %s\n", qPrintable(spec));
             return 2;
         }
         monitors.push_back(
             {parts[0],
              QRect(parts[1].toInt(), parts[2].toInt(), parts[3].toInt(), parts[4].toInt()),
-             QSize(parts[5].toInt(), parts[6].toInt()), parts[7].toInt()});
+             QSize(parts[5].toInt(), parts[6].toInt()), parts[7].toInt(), parts[8] == "180"});
     }
     Backend backend(QDir(arguments[1]), std::move(monitors));
     QDBusConnection bus = QDBusConnection::sessionBus();
