@@ -9,6 +9,9 @@
 #include <QFileInfo>
 #include <QThread>
 
+#include <sys/prctl.h>
+
+#include <csignal>
 #include <stdexcept>
 
 namespace {
@@ -121,6 +124,8 @@ QProcess& PortalDesktop::startDaemon(const QString& program, const QStringList& 
                                      const QProcessEnvironment& environment) {
     auto& daemon = *daemons_.emplace_back(std::make_unique<QProcess>());
     daemon.setProcessEnvironment(environment);
+    // A test that is killed takes its portal with it.
+    daemon.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
     const QString name = QFileInfo(program).fileName();
     daemon.setStandardOutputFile(directory_.filePath(name + QStringLiteral(".log")));
     daemon.setStandardErrorFile(directory_.filePath(name + QStringLiteral(".err")));
