@@ -3,6 +3,8 @@
 #include "capture/linux/ApplicationResourceDirectories.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
+#include "capture/linux/portal/DesktopPortal.h"
+#include "capture/linux/portal/PortalCaptureServices.h"
 #include "capture/linux/wayland/WaylandContentProvider.h"
 #include "capture/linux/wayland/WaylandScreenshotService.h"
 #include "capture/linux/wayland/WaylandVideoCaptureService.h"
@@ -101,8 +103,22 @@ private:
     std::vector<QPointer<QWidget>> hidden_; // GUI thread only
 };
 
+// The desktop portal's layer: the outputs as the Wayland connection lists them, their
+// pictures through the portal, which asks the user.
+struct PortalLayer {
+    PortalLayer()
+        : portal({}, DesktopPortal::defaultGrantsDirectory()), screenshots(portal, content),
+          video(portal) {}
+    WaylandContentProvider content;
+    DesktopPortal portal;
+    PortalScreenshotService screenshots;
+    PortalVideoCaptureService video;
+};
+
 // The screen capture layer for the session Qt runs on: on a Wayland desktop the Wayland
-// layer, never X11 through XWayland, which sees only XWayland's own windows.
+// layer where the compositor lets applications copy the screen (wlroots), else the desktop
+// portal (GNOME, KDE Plasma); never X11 through XWayland, which sees only XWayland's own
+// windows.
 class ScreenCaptureLayer {
 public:
     ScreenCaptureLayer() {
@@ -123,9 +139,11 @@ public:
             if (WaylandContentProvider::offersScreenCapture()) {
                 wayland_.emplace();
                 wayland_->screenshots.hideForSnapshots(&applicationWindows_);
-            } else {
+            } else if (!portal_.emplace().portal.isReachable()) {
+                portal_.reset();
                 unavailable_.emplace(QStringLiteral(
-                    "This Wayland desktop does not let applications copy the screen."));
+                    "This Wayland desktop does not let applications copy the screen, and no "
+                    "desktop portal answers to ask it for the screen."));
             }
         } else {
             unavailable_.emplace(QStringLiteral(
@@ -137,16 +155,19 @@ public:
     ShareableContentProvider& content() {
         return x11_       ? static_cast<ShareableContentProvider&>(x11_->content)
                : wayland_ ? static_cast<ShareableContentProvider&>(wayland_->content)
+               : portal_  ? static_cast<ShareableContentProvider&>(portal_->content)
                           : *unavailable_;
     }
     ScreenshotService& screenshots() {
         return x11_       ? static_cast<ScreenshotService&>(x11_->screenshots)
                : wayland_ ? static_cast<ScreenshotService&>(wayland_->screenshots)
+               : portal_  ? static_cast<ScreenshotService&>(portal_->screenshots)
                           : *unavailable_;
     }
     VideoCaptureService& video() {
         return x11_       ? static_cast<VideoCaptureService&>(x11_->video)
                : wayland_ ? static_cast<VideoCaptureService&>(wayland_->video)
+               : portal_  ? static_cast<VideoCaptureService&>(portal_->video)
                           : *unavailable_;
     }
 
@@ -162,6 +183,7 @@ private:
     std::optional<
         Layer<WaylandContentProvider, WaylandScreenshotService, WaylandVideoCaptureService>>
         wayland_;
+    std::optional<PortalLayer> portal_;
     std::optional<UnavailableScreenCapture> unavailable_;
 };
 

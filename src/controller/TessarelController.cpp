@@ -183,6 +183,10 @@ void TessarelController::openScreenRecordingSettings() {
     }
 }
 
+bool TessarelController::offersScreenRecordingSettings() {
+    return platform_.permission.screenRecordingSettingsURL().has_value();
+}
+
 void TessarelController::revealRunningApplication() {
     screenCapturePermissionRequired.set(false);
     platform_.workspace.activateFileViewerSelecting({platform_.workspace.applicationBundleURL()});

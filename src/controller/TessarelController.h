@@ -55,6 +55,8 @@ public:
     void revealLastCapture();
 
     void openScreenRecordingSettings();
+    // Whether the system has screen-recording privacy settings to open.
+    bool offersScreenRecordingSettings();
     void revealRunningApplication();
     void showAbout();
 

@@ -167,23 +167,27 @@ void TessarelRootView::renderPermissionAlert() {
     permissionAlert_->setWindowTitle(QStringLiteral("Screen Recording Permission Required"));
     permissionAlert_->setText(QStringLiteral("Screen Recording Permission Required"));
     permissionAlert_->setInformativeText(
-        QStringLiteral("In Screen & System Audio Recording, click “+” and select this copy of "
-                       "Tessarel. Use Show Tessarel in Finder if you need to locate it, then quit "
-                       "and reopen the app."));
-    // One role for all three keeps them in this order on every desktop's button layout.
-    QPushButton* settings = permissionAlert_->addButton(QStringLiteral("Open System Settings"),
-                                                        QMessageBox::ActionRole);
-    QPushButton* reveal = permissionAlert_->addButton(QStringLiteral("Show Tessarel in Finder"),
-                                                      QMessageBox::ActionRole);
+        QStringLiteral("Allow Tessarel in the desktop's screen sharing dialog, which asks again "
+                       "at the next capture, or in your desktop's privacy settings. Use Show "
+                       "Tessarel in File Manager if you need to locate it."));
+    // One role for all three keeps them in this order on every desktop's button layout. The
+    // settings are offered only where the system has a page for them.
+    QPushButton* settings =
+        controller.offersScreenRecordingSettings()
+            ? permissionAlert_->addButton(QStringLiteral("Open System Settings"),
+                                          QMessageBox::ActionRole)
+            : nullptr;
+    QPushButton* reveal = permissionAlert_->addButton(
+        QStringLiteral("Show Tessarel in File Manager"), QMessageBox::ActionRole);
     QPushButton* cancel =
         permissionAlert_->addButton(QStringLiteral("Cancel"), QMessageBox::ActionRole);
     permissionAlert_->setEscapeButton(cancel);
-    permissionAlert_->setDefaultButton(settings);
+    permissionAlert_->setDefaultButton(settings ? settings : reveal);
     permissionAlert_->setWindowModality(Qt::WindowModal);
     makeReadable(*permissionAlert_);
     connect(permissionAlert_, &QMessageBox::buttonClicked, this,
             [this, settings, reveal](QAbstractButton* clicked) {
-                if (clicked == settings) {
+                if (settings && clicked == settings) {
                     controller.openScreenRecordingSettings();
                 } else if (clicked == reveal) {
                     controller.revealRunningApplication();

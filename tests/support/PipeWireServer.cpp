@@ -34,7 +34,7 @@ PipeWireServer::PipeWireServer() {
 void PipeWireServer::start() {
     QProcessEnvironment environment = daemonEnvironment();
     startSessionBus(environment);
-    writeSessionManagerConfig();
+    writeSessionManagerConfig(QDir(runtimeDir_.path()).filePath(QStringLiteral("config")));
 
     startDaemon(QStringLiteral("pipewire"), {}, environment);
     const QString graphSocket = QDir(runtimeDir_.path()).filePath(QStringLiteral("pipewire-0"));
@@ -139,8 +139,8 @@ void PipeWireServer::startSessionBus(QProcessEnvironment& environment) {
 }
 
 // No sound cards, cameras or Bluetooth: the null sink is the only device.
-void PipeWireServer::writeSessionManagerConfig() const {
-    const QDir config(QDir(runtimeDir_.path()).filePath(QStringLiteral("config/wireplumber")));
+void PipeWireServer::writeSessionManagerConfig(const QString& configHome) {
+    const QDir config(QDir(configHome).filePath(QStringLiteral("wireplumber")));
     const QString fileName = QStringLiteral("51-no-hardware.lua");
     for (const auto& [folder, text] :
          {std::pair{QStringLiteral("main.lua.d"),

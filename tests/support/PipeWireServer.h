@@ -36,6 +36,10 @@ public:
     QString monitorSourceName() const { return sinkName() + QStringLiteral(".monitor"); }
     QProcessEnvironment clientEnvironment() const;
 
+    // Configures WirePlumber under `configHome` (its XDG_CONFIG_HOME) to look for no
+    // hardware. Throws when the files cannot be written.
+    static void writeSessionManagerConfig(const QString& configHome);
+
     // `pactl` run against the server; its standard output. Throws when it fails.
     QString pactl(const QStringList& arguments) const;
 
@@ -49,7 +53,6 @@ private:
     void startDaemon(const QString& program, const QStringList& arguments,
                      const QProcessEnvironment& environment);
     void startSessionBus(QProcessEnvironment& environment);
-    void writeSessionManagerConfig() const;
     // Throws when `ready` is still false after a generous deadline or a daemon has ended.
     void waitFor(const QString& what, const std::function<bool()>& ready);
     // Stops everything and throws `why` with the daemons' logs.

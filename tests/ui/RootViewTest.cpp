@@ -40,11 +40,11 @@ TEST_F(ViewsTest, ThePermissionAlertHasItsTitleMessageAndThreeButtonsInOrder) {
     ASSERT_NE(alert, nullptr);
     EXPECT_EQ(alert->text(), "Screen Recording Permission Required");
     EXPECT_EQ(alert->informativeText(),
-              QStringLiteral("In Screen & System Audio Recording, click \u201c+\u201d and select "
-                             "this copy of Tessarel. Use Show Tessarel in Finder if you need to "
-                             "locate it, then quit and reopen the app."));
+              QStringLiteral("Allow Tessarel in the desktop's screen sharing dialog, which asks "
+                             "again at the next capture, or in your desktop's privacy settings. "
+                             "Use Show Tessarel in File Manager if you need to locate it."));
     EXPECT_EQ(buttonTexts(*alert),
-              (QStringList{"Open System Settings", "Show Tessarel in Finder", "Cancel"}));
+              (QStringList{"Open System Settings", "Show Tessarel in File Manager", "Cancel"}));
     QList<QAbstractButton*> shown = alert->buttons();
     std::sort(shown.begin(), shown.end(),
               [](const QAbstractButton* a, const QAbstractButton* b) { return a->x() < b->x(); });
@@ -64,11 +64,23 @@ TEST_F(ViewsTest, OpenSystemSettingsClearsTheFlagAndOpensTheSettings) {
     EXPECT_EQ(view->permissionAlert(), nullptr);
 }
 
-TEST_F(ViewsTest, ShowTessarelInFinderRevealsTheApplication) {
+TEST_F(ViewsTest, WithoutPrivacySettingsThePermissionAlertOffersNone) {
+    fakes.permission.settingsURL.reset();
     auto view = root();
     controller->screenCapturePermissionRequired.set(true);
     settle();
-    QTest::mouseClick(button(*view->permissionAlert(), "Show Tessarel in Finder"), Qt::LeftButton);
+    QMessageBox* alert = view->permissionAlert();
+    ASSERT_NE(alert, nullptr);
+    EXPECT_EQ(buttonTexts(*alert), (QStringList{"Show Tessarel in File Manager", "Cancel"}));
+    EXPECT_EQ(alert->defaultButton()->text(), "Show Tessarel in File Manager");
+}
+
+TEST_F(ViewsTest, ShowTessarelInFileManagerRevealsTheApplication) {
+    auto view = root();
+    controller->screenCapturePermissionRequired.set(true);
+    settle();
+    QTest::mouseClick(button(*view->permissionAlert(), "Show Tessarel in File Manager"),
+                      Qt::LeftButton);
     settle();
     EXPECT_FALSE(controller->screenCapturePermissionRequired());
     ASSERT_EQ(fakes.workspace.revealed.size(), 1u);
