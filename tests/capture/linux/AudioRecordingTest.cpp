@@ -189,6 +189,7 @@ TEST_F(AudioRecording, StopBeforeAnySoundArrivesLeavesNoFileAndNoError) {
         EXPECT_FALSE(QFile::exists(destination(format))) << format.rawValue().toStdString();
     }
     EXPECT_TRUE(QDir(saveFolder).isEmpty());
+    EXPECT_TRUE(temporaryWaves(tempDir.path()).isEmpty());
 }
 
 TEST_F(AudioRecording, SecondStartAfterAFinishedRecordingWorks) {
