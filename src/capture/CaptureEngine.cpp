@@ -239,6 +239,11 @@ void CaptureEngine::didOutputSampleBuffer(SampleBuffer buffer) {
             // Never wait for the writer: a buffer it cannot take now is dropped.
             if (writer->isReadyForMoreMediaData()) {
                 writer->append(std::move(buffer));
+            } else if (writer->status() == AudioWriterStatus::failed) {
+                // The file stopped taking sound (the disk is full, the folder is gone): what
+                // it holds stays; the recording ends now rather than at Stop.
+                failure = std::make_exception_ptr(CaptureEngineError::cannotEncode(
+                    writer->error().value_or(QStringLiteral("Unknown encoding error"))));
             }
         }
     }

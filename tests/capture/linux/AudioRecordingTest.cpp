@@ -6,6 +6,7 @@
 #include "capture/linux/PulseAudioCaptureService.h"
 #include "support/FakeCapturePlatform.h"
 #include "support/ReadOnlyFolder.h"
+#include "support/SmallFolder.h"
 #include "support/SoundServer.h"
 
 #include <QDeadlineTimer>
@@ -317,4 +318,43 @@ TEST_F(AudioRecording, ReadOnlySaveFolderEndsTheRecordingAtTheFirstSoundWithTheR
     EXPECT_NO_THROW(engine.stop());
     EXPECT_TRUE(readOnly.isEmpty());
     EXPECT_EQ(server.recordingStreamCount(), 0);
+}
+
+namespace {
+
+// The disk fills up mid-recording: the recording ends then with the system's reason, and the
+// file keeps what was written, playable.
+void recordUntilTheDiskIsFull(CaptureEngine& engine, SoundServer& server, AudioExportFormat format,
+                              int kilobytes) {
+    const SmallFolder small(kilobytes);
+    ASSERT_TRUE(small.isSmall());
+    std::promise<std::exception_ptr> reported;
+    std::future<std::exception_ptr> failure = reported.get_future();
+    engine.setFailureHandler([&reported](std::exception_ptr error) { reported.set_value(error); });
+    server.playTone(1000, 60);
+    const QString path = audioDestination(small.path(), format);
+    engine.startAudio(QUrl::fromLocalFile(path), format);
+
+    ASSERT_EQ(failure.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    const QString message = localizedDescription(failure.get());
+    EXPECT_TRUE(message.contains(QStringLiteral("No space left on device")))
+        << message.toStdString();
+    try {
+        engine.stop();
+    } catch (const std::exception&) { // the same failure, already shown
+    }
+    const std::optional<AudioFileFacts> facts = probeAudioFile(path);
+    ASSERT_TRUE(facts);
+    EXPECT_GT(facts->durationSeconds, 0.5);
+    expectTone(path);
+}
+
+} // namespace
+
+TEST_F(AudioRecording, DiskFullDuringAWavEndsTheRecordingAndKeepsWhatWasWritten) {
+    recordUntilTheDiskIsFull(engine, server, AudioExportFormat::wav, 256);
+}
+
+TEST_F(AudioRecording, DiskFullDuringAnM4AEndsTheRecordingAndKeepsWhatWasWritten) {
+    recordUntilTheDiskIsFull(engine, server, AudioExportFormat::m4a, 64);
 }
