@@ -67,14 +67,22 @@ protected:
     }
 
     // The stream stops on its own; the user's stop then ends the file with what was captured.
+    // The stream reports the loss at once, so that the recording ends with a message rather
+    // than counting on while nothing is recorded; the stop then keeps what was captured.
     void recordUntilTheServerIsKilled(AudioExportFormat format) {
+        std::promise<std::exception_ptr> reported;
+        std::future<std::exception_ptr> failure = reported.get_future();
+        engine.setFailureHandler(
+            [&reported](std::exception_ptr error) { reported.set_value(error); });
         playTone();
         engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
         const Clock::time_point started = Clock::now();
         QThread::msleep(1500);
         const Clock::time_point killed = Clock::now();
         server.kill();
-        QThread::msleep(500);
+        ASSERT_EQ(failure.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_TRUE(localizedDescription(failure.get())
+                        .startsWith(QStringLiteral("The sound server stopped the recording: ")));
         EXPECT_NO_THROW(engine.stop());
         const std::optional<AudioFileFacts> facts = probeAudioFile(destination(format));
         ASSERT_TRUE(facts);
@@ -250,11 +258,11 @@ TEST_F(AudioRecording, NoSoundServerFailsTheStartWithAClearErrorAndLeavesNoFile)
     EXPECT_TRUE(QDir(saveFolder).isEmpty());
 }
 
-TEST_F(AudioRecording, SoundServerKilledMidRecordingThenStopKeepsTheM4AUpToTheFailure) {
+TEST_F(AudioRecording, SoundServerKilledMidRecordingEndsItAndKeepsTheM4AUpToTheFailure) {
     recordUntilTheServerIsKilled(AudioExportFormat::m4a);
 }
 
-TEST_F(AudioRecording, SoundServerKilledMidRecordingThenStopKeepsTheWavUpToTheFailure) {
+TEST_F(AudioRecording, SoundServerKilledMidRecordingEndsItAndKeepsTheWavUpToTheFailure) {
     recordUntilTheServerIsKilled(AudioExportFormat::wav);
 }
 
