@@ -439,7 +439,10 @@ void CaptureEngine::recordingOutputDidFinishRecording() {
 }
 
 void CaptureEngine::recordingOutputDidFail(std::exception_ptr error) {
-    completeNativeRecording(RecordingResult{std::move(error)});
+    completeNativeRecording(RecordingResult{error});
+    // Unasked, the movie has ended (its file cannot be written): the controller stops the
+    // capture and shows why. During a stop, the stop itself throws the failure.
+    reportFailure(std::move(error));
 }
 
 void CaptureEngine::completeNativeRecording(RecordingResult result) {

@@ -3,8 +3,10 @@
 #include "capture/linux/x11/X11ScreenshotService.h"
 #include "capture/linux/x11/X11VideoCaptureService.h"
 #include "support/FakeCapturePlatform.h"
+#include "support/SmallFolder.h"
 #include "support/VirtualDisplay.h"
 
+#include <QDir>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -206,4 +208,43 @@ TEST(X11Engine, MonitorRemovedMidMovieNeverHangsAndLeavesAFinishedFile) {
     });
     ASSERT_EQ(stopping.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_GT(movieSeconds(path), 1.0);
+}
+
+// The disk fills up mid-movie: the movie ends then with the system's reason, and what was
+// written plays.
+TEST(X11Engine, DiskFullMidMovieEndsItWithTheReasonAndAPlayableFile) {
+    const SmallFolder small(512);
+    ASSERT_TRUE(small.isSmall());
+    VirtualDisplay display(640, 480);
+    const auto background =
+        display.showWindow(QRect(0, 0, 640, 480), VirtualDisplay::testPattern(QSize(640, 480), 7));
+    const auto mover =
+        display.showWindow(QRect(0, 0, 200, 200), VirtualDisplay::testPattern(QSize(200, 200), 8));
+    X11Engine engine(display);
+    std::promise<std::exception_ptr> reported;
+    std::future<std::exception_ptr> failure = reported.get_future();
+    engine->setFailureHandler([&reported](std::exception_ptr error) { reported.set_value(error); });
+    const QString path = QDir(small.path()).filePath(QStringLiteral("Tessarel Video.mp4"));
+    engine->startVideo(QUrl::fromLocalFile(path), Rect{0, 0, 640, 480}, engine.mainDisplayID(),
+                       Rect{0, 0, 640, 480}, 1.0);
+    // Changing pictures until the folder is full.
+    for (int step = 0;
+         failure.wait_for(std::chrono::milliseconds(30)) != std::future_status::ready &&
+         step < 2000;
+         ++step) {
+        mover->move((step * 37) % 440, (step * 53) % 280);
+    }
+
+    ASSERT_EQ(failure.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    const QString message = localizedDescription(failure.get());
+    EXPECT_TRUE(message.contains(QStringLiteral("No space left on device")))
+        << message.toStdString();
+    auto stopping = std::async(std::launch::async, [&] {
+        try {
+            engine->stop();
+        } catch (const std::exception&) { // the failure already reported
+        }
+    });
+    ASSERT_EQ(stopping.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_GT(movieSeconds(path), 0.0);
 }
