@@ -7,7 +7,11 @@
 #include <QProcess>
 #include <QUuid>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -145,6 +149,16 @@ void CaptureEngine::startAudio(const QUrl& to, AudioExportFormat format) {
             throw CaptureEngineError::cannotCreateWriter(
                 QStringLiteral("The file “%1” already exists.").arg(to.fileName()));
         }
+        // The encoder writes the file only after the stop: a folder that refuses it is found
+        // out now, while the recording can still not start, not once the sound is taken.
+        const QByteArray probe = QFile::encodeName(to.toLocalFile());
+        const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0) {
+            throw CaptureEngineError::cannotCreateWriter(
+                QString::fromUtf8(fileSystemError(to.toLocalFile(), errno).what()));
+        }
+        ::close(fd);
+        ::unlink(probe.constData());
         const QString name = QStringLiteral("Tessarel-") +
                              QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() +
                              QStringLiteral(".wav");

@@ -366,3 +366,23 @@ TEST_F(AudioRecording, DiskFullDuringAWavEndsTheRecordingAndKeepsWhatWasWritten)
 TEST_F(AudioRecording, DiskFullDuringAnM4AEndsTheRecordingAndKeepsWhatWasWritten) {
     recordUntilTheDiskIsFull(engine, server, AudioExportFormat::m4a, 64);
 }
+
+// An MP3 is encoded only after the stop: a folder that refuses it is found out at the start.
+TEST_F(AudioRecording, ReadOnlySaveFolderRefusesAnMP3RecordingAtTheStart) {
+    const ReadOnlyFolder readOnly;
+    ASSERT_TRUE(readOnly.isReadOnly());
+    playTone();
+    const QString path = audioDestination(readOnly.path(), AudioExportFormat::mp3);
+    try {
+        engine.startAudio(QUrl::fromLocalFile(path), AudioExportFormat::mp3);
+        FAIL() << "the start should have failed";
+    } catch (const CaptureEngineError& error) {
+        EXPECT_EQ(QString::fromUtf8(error.what()),
+                  QStringLiteral("The recording could not start: Tessarel could not save “%1” in "
+                                 "the folder “%2”: %3")
+                      .arg(QFileInfo(path).fileName(), readOnly.path(), readOnly.refusal()));
+    }
+    EXPECT_NO_THROW(engine.stop());
+    EXPECT_TRUE(readOnly.isEmpty());
+    EXPECT_TRUE(temporaryWaves(tempDir.path()).isEmpty());
+}
