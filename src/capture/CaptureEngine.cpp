@@ -7,7 +7,11 @@
 #include <QProcess>
 #include <QUuid>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -145,6 +149,16 @@ void CaptureEngine::startAudio(const QUrl& to, AudioExportFormat format) {
             throw CaptureEngineError::cannotCreateWriter(
                 QStringLiteral("The file “%1” already exists.").arg(to.fileName()));
         }
+        // The encoder writes the file only after the stop: a folder that refuses it is found
+        // out now, while the recording can still not start, not once the sound is taken.
+        const QByteArray probe = QFile::encodeName(to.toLocalFile());
+        const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0) {
+            throw CaptureEngineError::cannotCreateWriter(
+                QString::fromUtf8(fileSystemError(to.toLocalFile(), errno).what()));
+        }
+        ::close(fd);
+        ::unlink(probe.constData());
         const QString name = QStringLiteral("Tessarel-") +
                              QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() +
                              QStringLiteral(".wav");
@@ -239,6 +253,11 @@ void CaptureEngine::didOutputSampleBuffer(SampleBuffer buffer) {
             // Never wait for the writer: a buffer it cannot take now is dropped.
             if (writer->isReadyForMoreMediaData()) {
                 writer->append(std::move(buffer));
+            } else if (writer->status() == AudioWriterStatus::failed) {
+                // The file stopped taking sound (the disk is full, the folder is gone): what
+                // it holds stays; the recording ends now rather than at Stop.
+                failure = std::make_exception_ptr(CaptureEngineError::cannotEncode(
+                    writer->error().value_or(QStringLiteral("Unknown encoding error"))));
             }
         }
     }
@@ -434,7 +453,10 @@ void CaptureEngine::recordingOutputDidFinishRecording() {
 }
 
 void CaptureEngine::recordingOutputDidFail(std::exception_ptr error) {
-    completeNativeRecording(RecordingResult{std::move(error)});
+    completeNativeRecording(RecordingResult{error});
+    // Unasked, the movie has ended (its file cannot be written): the controller stops the
+    // capture and shows why. During a stop, the stop itself throws the failure.
+    reportFailure(std::move(error));
 }
 
 void CaptureEngine::completeNativeRecording(RecordingResult result) {

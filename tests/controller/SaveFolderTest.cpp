@@ -3,7 +3,6 @@
 using SaveFolder = ControllerTest;
 
 TEST_F(SaveFolder, NameFollowsTheDatePatternInLocalTime) {
-    fakes.locations.downloads = {QUrl::fromLocalFile(QStringLiteral("/Users/a/Downloads"))};
     TessarelController named(engine, selector, fakes.platform());
     named.audioFormat.set(AudioExportFormat::mp3);
     fakes.clock.time = QDateTime(QDate(2026, 3, 9), QTime(7, 3, 4));
@@ -13,7 +12,7 @@ TEST_F(SaveFolder, NameFollowsTheDatePatternInLocalTime) {
 
     ASSERT_TRUE(named.lastSavedURL());
     EXPECT_EQ(named.lastSavedURL()->toLocalFile(),
-              QStringLiteral("/Users/a/Downloads/Tessarel Audio 2026-03-09 at 07.03.04.mp3"));
+              folder.path() + QStringLiteral("/Tessarel Audio 2026-03-09 at 07.03.04.mp3"));
 }
 
 TEST_F(SaveFolder, HoursHaveTwoDigitsOnTheTwentyFourHourClock) {

@@ -3,6 +3,8 @@
 #include <QDeadlineTimer>
 #include <QThread>
 
+#include <signal.h>
+
 #include <stdexcept>
 
 SoundServer::SoundServer() {
@@ -85,6 +87,13 @@ int SoundServer::recordingStreamCount() const {
         throw std::runtime_error("pactl could not list the recording streams");
     }
     return static_cast<int>(pactl.readAllStandardOutput().count('\n'));
+}
+
+void SoundServer::stall(int milliseconds) {
+    const auto pid = static_cast<pid_t>(daemon_.processId());
+    ::kill(pid, SIGSTOP);
+    QThread::msleep(static_cast<unsigned long>(milliseconds));
+    ::kill(pid, SIGCONT);
 }
 
 void SoundServer::kill() {

@@ -31,10 +31,17 @@ public:
 
     // See TonePlayer::play() and TonePlayer::stop().
     void playTone(double frequencyHz, double seconds) { tone_.play(frequencyHz, seconds); }
+    void playSweep(double fromHz, double toHz, double seconds, int latencyMs) {
+        tone_.playSweep(fromHz, toHz, seconds, latencyMs);
+    }
     void stopPlaying() { tone_.stop(); }
 
     // Recording streams the server has now (`pactl list short source-outputs`).
     int recordingStreamCount() const;
+
+    // Stops the server for `milliseconds`, as a loaded machine may: it then catches up, and
+    // its clients get that time's sound late, in one go.
+    void stall(int milliseconds);
 
     // Kills the server outright, as a crash would.
     void kill();

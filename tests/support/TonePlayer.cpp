@@ -25,6 +25,14 @@ TonePlayer::~TonePlayer() {
 }
 
 void TonePlayer::play(double frequencyHz, double seconds) {
+    start(QString::number(frequencyHz), seconds, 100);
+}
+
+void TonePlayer::playSweep(double fromHz, double toHz, double seconds, int latencyMs) {
+    start(QString::number(fromHz) + QLatin1Char('-') + QString::number(toHz), seconds, latencyMs);
+}
+
+void TonePlayer::start(const QString& sine, double seconds, int latencyMs) {
     stop();
     // sox makes the samples, pacat plays them as they come, with enough buffered not to run
     // dry on a busy machine.
@@ -40,12 +48,13 @@ void TonePlayer::play(double frequencyHz, double seconds) {
                       channels, QStringLiteral("-e"), QStringLiteral("floating-point"),
                       QStringLiteral("-b"), QStringLiteral("32"), QStringLiteral("-t"),
                       QStringLiteral("raw"), QStringLiteral("-"), QStringLiteral("synth"),
-                      QString::number(seconds), QStringLiteral("sine"),
-                      QString::number(frequencyHz), QStringLiteral("vol"), QStringLiteral("0.5")});
+                      QString::number(seconds), QStringLiteral("sine"), sine, QStringLiteral("vol"),
+                      QStringLiteral("0.5")});
     player_.start(QStringLiteral("pacat"),
                   {QStringLiteral("--playback"), QStringLiteral("--device=") + sinkName_,
                    QStringLiteral("--format=float32le"), QStringLiteral("--rate=") + rate,
-                   QStringLiteral("--channels=") + channels, QStringLiteral("--latency-msec=100")});
+                   QStringLiteral("--channels=") + channels,
+                   QStringLiteral("--latency-msec=") + QString::number(latencyMs)});
     if (!generator_.waitForStarted(kDeadlineMs) || !player_.waitForStarted(kDeadlineMs)) {
         throw std::runtime_error("the tone could not be played");
     }

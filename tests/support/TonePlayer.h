@@ -20,9 +20,13 @@ public:
     // time. Returns once the tone can be heard on the sink's monitor, so that a recording
     // started then begins with it. A tone still playing is stopped first.
     void play(double frequencyHz, double seconds);
+    // The same for a sine sweeping linearly from `fromHz` to `toHz`, played by a client that
+    // keeps `latencyMs` of sound buffered.
+    void playSweep(double fromHz, double toHz, double seconds, int latencyMs);
     void stop();
 
 private:
+    void start(const QString& sine, double seconds, int latencyMs);
     void waitUntilAudible();
 
     QProcessEnvironment environment_;

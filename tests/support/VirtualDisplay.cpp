@@ -85,7 +85,7 @@ VirtualDisplay::VirtualDisplay(int width, int height, const QStringList& withhel
         name_ = QByteArray(":") + QByteArray::fromStdString(readDisplayNumber(pipeFds[0]));
     } catch (...) {
         close(pipeFds[0]);
-        kill(server_, SIGTERM);
+        ::kill(server_, SIGTERM);
         waitpid(server_, nullptr, 0);
         throw;
     }
@@ -95,8 +95,16 @@ VirtualDisplay::VirtualDisplay(int width, int height, const QStringList& withhel
 
 VirtualDisplay::~VirtualDisplay() {
     xcb_disconnect(connection_);
-    kill(server_, SIGTERM);
+    if (server_ > 0) {
+        ::kill(server_, SIGTERM);
+        waitpid(server_, nullptr, 0);
+    }
+}
+
+void VirtualDisplay::kill() {
+    ::kill(server_, SIGKILL);
     waitpid(server_, nullptr, 0);
+    server_ = -1;
 }
 
 QByteArray VirtualDisplay::run(const QString& program, const QStringList& arguments) const {

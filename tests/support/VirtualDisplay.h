@@ -74,6 +74,8 @@ public:
 
     // Blocks until the server has handled every request of this display's connection.
     void sync();
+    // Kills the X server outright, as a crash would.
+    void kill();
 
 private:
     QByteArray name_;

@@ -6,7 +6,10 @@
 #include <pulse/pulseaudio.h>
 
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -45,9 +48,6 @@ private:
 
 // Small fragments keep the delivered times close to the clock.
 constexpr pa_usec_t kFragmentUs = 20'000;
-// Sound that reaches us this much later than the frames counted so far suggest was lost by
-// the server (an overflow); the missing time is filled with silence.
-constexpr int64_t kLostSoundThresholdNs = 50'000'000;
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 
 class PulseAudioCaptureStream final : public AudioCaptureStream {
@@ -101,6 +101,7 @@ private:
     void connect() {
         stopReported_ = false;
         anchorNs_.reset();
+        suspendedAtNs_.reset();
         framesDelivered_ = 0;
         mainloop_.reset(pa_threaded_mainloop_new());
         if (!mainloop_) {
@@ -188,6 +189,7 @@ private:
         }
         pa_stream_set_state_callback(stream_.get(), streamStateChanged, this);
         pa_stream_set_read_callback(stream_.get(), streamReadable, this);
+        pa_stream_set_suspended_callback(stream_.get(), streamSuspended, this);
         pa_buffer_attr attributes{};
         attributes.maxlength = static_cast<uint32_t>(-1);
         attributes.tlength = static_cast<uint32_t>(-1);
@@ -236,6 +238,7 @@ private:
         if (stream_) {
             pa_stream_set_state_callback(stream_.get(), nullptr, nullptr);
             pa_stream_set_read_callback(stream_.get(), nullptr, nullptr);
+            pa_stream_set_suspended_callback(stream_.get(), nullptr, nullptr);
         }
         if (context_) {
             pa_context_set_state_callback(context_.get(), nullptr, nullptr);
@@ -267,6 +270,22 @@ private:
         static_cast<PulseAudioCaptureStream*>(userdata)->readAvailable();
     }
 
+    // While its source is suspended the server records nothing, and says so: that time
+    // becomes silence when the source resumes.
+    static void streamSuspended(pa_stream* stream, void* userdata) {
+        auto* self = static_cast<PulseAudioCaptureStream*>(userdata);
+        if (pa_stream_is_suspended(stream) == 1) {
+            self->suspendedAtNs_ = monotonicNowNs();
+        } else if (self->suspendedAtNs_ && self->anchorNs_) {
+            const int64_t silentNs = monotonicNowNs() - *std::exchange(self->suspendedAtNs_, {});
+            std::vector<float> silence(
+                static_cast<size_t>(silentNs * self->spec_.rate / kNsPerSecond) *
+                    self->spec_.channels,
+                0.0f);
+            self->handOver(std::move(silence));
+        }
+    }
+
     // Reported once; everything else stays as it is until stopCapture.
     void stoppedOnItsOwn() {
         if (!running_ || stopReported_) {
@@ -279,18 +298,32 @@ private:
         }
     }
 
+    // Everything readable now goes over in one buffer: one hand-over per wake-up, not per
+    // fragment. The file gets exactly what the server delivered, in order; silence only where
+    // the server itself reports a hole in the stream's timeline, never because sound arrived
+    // later than a clock expected.
     void readAvailable() {
-        const size_t frameBytes = pa_frame_size(&spec_);
+        std::vector<float> samples;
         while (pa_stream_readable_size(stream_.get()) > 0) {
             const void* data = nullptr;
             size_t byteCount = 0;
             if (pa_stream_peek(stream_.get(), &data, &byteCount) < 0 || byteCount == 0) {
-                return;
+                break;
             }
-            const auto frames = static_cast<int64_t>(byteCount / frameBytes);
-            // A hole (no data) becomes silence of its length.
-            deliver(static_cast<const float*>(data), frames, captureTimeNs());
+            if (!anchorNs_) {
+                anchorNs_ = captureTimeNs();
+            }
+            const size_t count = byteCount / sizeof(float);
+            if (data) {
+                const auto* first = static_cast<const float*>(data);
+                samples.insert(samples.end(), first, first + count);
+            } else {
+                samples.insert(samples.end(), count, 0.0f);
+            }
             pa_stream_drop(stream_.get());
+        }
+        if (!samples.empty()) {
+            handOver(std::move(samples));
         }
     }
 
@@ -313,29 +346,14 @@ private:
 
     int64_t framesToNs(int64_t frames) const { return frames * kNsPerSecond / spec_.rate; }
 
-    void deliver(const float* samples, int64_t frames, int64_t clockTimeNs) {
-        if (!anchorNs_) {
-            anchorNs_ = clockTimeNs;
-        }
-        const int64_t lostNs = clockTimeNs - (*anchorNs_ + framesToNs(framesDelivered_));
-        if (lostNs > kLostSoundThresholdNs) {
-            handOver(nullptr, lostNs * spec_.rate / kNsPerSecond);
-        }
-        handOver(samples, frames);
-    }
-
-    void handOver(const float* samples, int64_t frames) {
+    // Stamped where the frames before it end: the timeline is the frames themselves.
+    void handOver(std::vector<float> samples) {
         SampleBuffer buffer;
         buffer.presentationTimeNs = *anchorNs_ + framesToNs(framesDelivered_);
         buffer.sampleRate = static_cast<int>(spec_.rate);
         buffer.channelCount = spec_.channels;
-        const auto count = static_cast<size_t>(frames) * spec_.channels;
-        if (samples) {
-            buffer.samples.assign(samples, samples + count);
-        } else {
-            buffer.samples.assign(count, 0.0f);
-        }
-        framesDelivered_ += frames;
+        buffer.samples = std::move(samples);
+        framesDelivered_ += static_cast<int64_t>(buffer.samples.size() / spec_.channels);
         if (handler_ && queue_) {
             queue_->dispatch([handler = handler_, buffer = std::move(buffer)]() mutable {
                 handler->didOutputSampleBuffer(std::move(buffer));
@@ -356,6 +374,7 @@ private:
     bool stopReported_ = false;
     std::optional<int64_t> anchorNs_;
     int64_t framesDelivered_ = 0;
+    std::optional<int64_t> suspendedAtNs_;
 };
 
 } // namespace

@@ -59,3 +59,8 @@ tessarel_add_test(AudioPipeWireTest
     LABELS integration)
 target_compile_definitions(AudioPipeWireTest PRIVATE
     TESSAREL_BUILD_RESOURCE_DIR="${CMAKE_BINARY_DIR}/${TESSAREL_RESOURCE_DIR_NAME}")
+
+tessarel_add_test(AudioTimelineTest
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/AudioTimelineTest.cpp
+    LIBS ${_audio_libs} tessarel_fake_capture
+    LABELS integration)

@@ -6,6 +6,7 @@
 #include "capture/linux/PulseAudioCaptureService.h"
 #include "support/FakeCapturePlatform.h"
 #include "support/ReadOnlyFolder.h"
+#include "support/SmallFolder.h"
 #include "support/SoundServer.h"
 
 #include <QDeadlineTimer>
@@ -66,14 +67,22 @@ protected:
     }
 
     // The stream stops on its own; the user's stop then ends the file with what was captured.
+    // The stream reports the loss at once, so that the recording ends with a message rather
+    // than counting on while nothing is recorded; the stop then keeps what was captured.
     void recordUntilTheServerIsKilled(AudioExportFormat format) {
+        std::promise<std::exception_ptr> reported;
+        std::future<std::exception_ptr> failure = reported.get_future();
+        engine.setFailureHandler(
+            [&reported](std::exception_ptr error) { reported.set_value(error); });
         playTone();
         engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
         const Clock::time_point started = Clock::now();
         QThread::msleep(1500);
         const Clock::time_point killed = Clock::now();
         server.kill();
-        QThread::msleep(500);
+        ASSERT_EQ(failure.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_TRUE(localizedDescription(failure.get())
+                        .startsWith(QStringLiteral("The sound server stopped the recording: ")));
         EXPECT_NO_THROW(engine.stop());
         const std::optional<AudioFileFacts> facts = probeAudioFile(destination(format));
         ASSERT_TRUE(facts);
@@ -189,6 +198,7 @@ TEST_F(AudioRecording, StopBeforeAnySoundArrivesLeavesNoFileAndNoError) {
         EXPECT_FALSE(QFile::exists(destination(format))) << format.rawValue().toStdString();
     }
     EXPECT_TRUE(QDir(saveFolder).isEmpty());
+    EXPECT_TRUE(temporaryWaves(tempDir.path()).isEmpty());
 }
 
 TEST_F(AudioRecording, SecondStartAfterAFinishedRecordingWorks) {
@@ -248,11 +258,11 @@ TEST_F(AudioRecording, NoSoundServerFailsTheStartWithAClearErrorAndLeavesNoFile)
     EXPECT_TRUE(QDir(saveFolder).isEmpty());
 }
 
-TEST_F(AudioRecording, SoundServerKilledMidRecordingThenStopKeepsTheM4AUpToTheFailure) {
+TEST_F(AudioRecording, SoundServerKilledMidRecordingEndsItAndKeepsTheM4AUpToTheFailure) {
     recordUntilTheServerIsKilled(AudioExportFormat::m4a);
 }
 
-TEST_F(AudioRecording, SoundServerKilledMidRecordingThenStopKeepsTheWavUpToTheFailure) {
+TEST_F(AudioRecording, SoundServerKilledMidRecordingEndsItAndKeepsTheWavUpToTheFailure) {
     recordUntilTheServerIsKilled(AudioExportFormat::wav);
 }
 
@@ -316,4 +326,63 @@ TEST_F(AudioRecording, ReadOnlySaveFolderEndsTheRecordingAtTheFirstSoundWithTheR
     EXPECT_NO_THROW(engine.stop());
     EXPECT_TRUE(readOnly.isEmpty());
     EXPECT_EQ(server.recordingStreamCount(), 0);
+}
+
+namespace {
+
+// The disk fills up mid-recording: the recording ends then with the system's reason, and the
+// file keeps what was written, playable.
+void recordUntilTheDiskIsFull(CaptureEngine& engine, SoundServer& server, AudioExportFormat format,
+                              int kilobytes) {
+    const SmallFolder small(kilobytes);
+    ASSERT_TRUE(small.isSmall());
+    std::promise<std::exception_ptr> reported;
+    std::future<std::exception_ptr> failure = reported.get_future();
+    engine.setFailureHandler([&reported](std::exception_ptr error) { reported.set_value(error); });
+    server.playTone(1000, 60);
+    const QString path = audioDestination(small.path(), format);
+    engine.startAudio(QUrl::fromLocalFile(path), format);
+
+    ASSERT_EQ(failure.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    const QString message = localizedDescription(failure.get());
+    EXPECT_TRUE(message.contains(QStringLiteral("No space left on device")))
+        << message.toStdString();
+    try {
+        engine.stop();
+    } catch (const std::exception&) { // the same failure, already shown
+    }
+    const std::optional<AudioFileFacts> facts = probeAudioFile(path);
+    ASSERT_TRUE(facts);
+    EXPECT_GT(facts->durationSeconds, 0.5);
+    expectTone(path);
+}
+
+} // namespace
+
+TEST_F(AudioRecording, DiskFullDuringAWavEndsTheRecordingAndKeepsWhatWasWritten) {
+    recordUntilTheDiskIsFull(engine, server, AudioExportFormat::wav, 256);
+}
+
+TEST_F(AudioRecording, DiskFullDuringAnM4AEndsTheRecordingAndKeepsWhatWasWritten) {
+    recordUntilTheDiskIsFull(engine, server, AudioExportFormat::m4a, 64);
+}
+
+// An MP3 is encoded only after the stop: a folder that refuses it is found out at the start.
+TEST_F(AudioRecording, ReadOnlySaveFolderRefusesAnMP3RecordingAtTheStart) {
+    const ReadOnlyFolder readOnly;
+    ASSERT_TRUE(readOnly.isReadOnly());
+    playTone();
+    const QString path = audioDestination(readOnly.path(), AudioExportFormat::mp3);
+    try {
+        engine.startAudio(QUrl::fromLocalFile(path), AudioExportFormat::mp3);
+        FAIL() << "the start should have failed";
+    } catch (const CaptureEngineError& error) {
+        EXPECT_EQ(QString::fromUtf8(error.what()),
+                  QStringLiteral("The recording could not start: Tessarel could not save “%1” in "
+                                 "the folder “%2”: %3")
+                      .arg(QFileInfo(path).fileName(), readOnly.path(), readOnly.refusal()));
+    }
+    EXPECT_NO_THROW(engine.stop());
+    EXPECT_TRUE(readOnly.isEmpty());
+    EXPECT_TRUE(temporaryWaves(tempDir.path()).isEmpty());
 }

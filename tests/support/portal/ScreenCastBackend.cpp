@@ -503,10 +503,10 @@ int main(int argc, char** argv) {
         return 2;
     }
     std::vector<Monitor> monitors;
-    for (const QString& spec : arguments.mid(2)) {
-        const QStringList parts = spec.split(QLatin1Char(':'));
+    for (const QString& monitor : arguments.mid(2)) {
+        const QStringList parts = monitor.split(QLatin1Char(':'));
         if (parts.size() != 9) {
-            std::fprintf(stderr, "bad monitor %s\n", qPrintable(spec));
+            std::fprintf(stderr, "bad monitor %s\n", qPrintable(monitor));
             return 2;
         }
         monitors.push_back(

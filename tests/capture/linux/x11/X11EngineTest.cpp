@@ -3,8 +3,10 @@
 #include "capture/linux/x11/X11ScreenshotService.h"
 #include "capture/linux/x11/X11VideoCaptureService.h"
 #include "support/FakeCapturePlatform.h"
+#include "support/SmallFolder.h"
 #include "support/VirtualDisplay.h"
 
+#include <QDir>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -12,7 +14,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <future>
 #include <thread>
 
 namespace {
@@ -125,4 +129,122 @@ TEST(X11Engine, MovieWhoseDestinationExistsLeavesThatFileAlone) {
     ASSERT_TRUE(existing.open(QIODevice::ReadOnly));
     EXPECT_EQ(existing.readAll(), "an earlier movie");
     EXPECT_NO_THROW(engine->stop());
+}
+
+namespace {
+
+// The movie at `path` plays: ffprobe finds its video stream and a duration.
+double movieSeconds(const QString& path) {
+    QProcess ffprobe;
+    ffprobe.start(QStringLiteral("ffprobe"),
+                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
+                   QStringLiteral("format=duration"), QStringLiteral("-of"),
+                   QStringLiteral("csv=p=0"), path});
+    EXPECT_TRUE(ffprobe.waitForFinished(60000));
+    return ffprobe.readAllStandardOutput().trimmed().toDouble();
+}
+
+} // namespace
+
+// The X server gone mid-recording: the engine says so at once, stop does not hang, and the
+// movie holds what was recorded.
+TEST(X11Engine, XServerKilledMidMovieEndsItWithAFinishedFile) {
+    VirtualDisplay display(640, 480);
+    const auto background =
+        display.showWindow(QRect(0, 0, 640, 480), VirtualDisplay::testPattern(QSize(640, 480), 4));
+    X11Engine engine(display);
+    std::promise<std::exception_ptr> reported;
+    std::future<std::exception_ptr> failure = reported.get_future();
+    engine->setFailureHandler([&reported](std::exception_ptr error) { reported.set_value(error); });
+    QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("Tessarel Video.mp4"));
+    engine->startVideo(QUrl::fromLocalFile(path), Rect{0, 0, 320, 240}, engine.mainDisplayID(),
+                       Rect{0, 0, 640, 480}, 1.0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+
+    display.kill();
+
+    ASSERT_EQ(failure.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_FALSE(localizedDescription(failure.get()).isEmpty());
+    auto stopping = std::async(std::launch::async, [&] {
+        try {
+            engine->stop();
+        } catch (const std::exception&) { // the failure already reported
+        }
+    });
+    ASSERT_EQ(stopping.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_GT(movieSeconds(path), 1.0);
+}
+
+// A monitor removed mid-recording: the movie goes on or ends with a message, never hangs,
+// and its file plays.
+TEST(X11Engine, MonitorRemovedMidMovieNeverHangsAndLeavesAFinishedFile) {
+    VirtualDisplay display(1280, 480);
+    display.setMonitor(QStringLiteral("Left"), QRect(0, 0, 640, 480), QStringLiteral("screen"));
+    display.setMonitor(QStringLiteral("Right"), QRect(640, 0, 640, 480));
+    const auto background = display.showWindow(QRect(0, 0, 1280, 480),
+                                               VirtualDisplay::testPattern(QSize(1280, 480), 6));
+    X11Engine engine(display);
+    X11ContentProvider content(display.name());
+    const ShareableContent listed = content.shareableContent(false, true);
+    const auto right = std::find_if(listed.displays.begin(), listed.displays.end(),
+                                    [](const DisplayInfo& d) { return d.frame.x == 640; });
+    ASSERT_NE(right, listed.displays.end());
+    QTemporaryDir directory;
+    const QString path = directory.filePath(QStringLiteral("Tessarel Video.mp4"));
+    engine->startVideo(QUrl::fromLocalFile(path), Rect{640, 0, 320, 240}, right->displayID,
+                       right->frame, 1.0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+
+    display.run(QStringLiteral("xrandr"),
+                {QStringLiteral("--delmonitor"), QStringLiteral("Right")});
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+
+    auto stopping = std::async(std::launch::async, [&] {
+        try {
+            engine->stop();
+        } catch (const std::exception&) { // ending with a message is allowed
+        }
+    });
+    ASSERT_EQ(stopping.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_GT(movieSeconds(path), 1.0);
+}
+
+// The disk fills up mid-movie: the movie ends then with the system's reason, and what was
+// written plays.
+TEST(X11Engine, DiskFullMidMovieEndsItWithTheReasonAndAPlayableFile) {
+    const SmallFolder small(512);
+    ASSERT_TRUE(small.isSmall());
+    VirtualDisplay display(640, 480);
+    const auto background =
+        display.showWindow(QRect(0, 0, 640, 480), VirtualDisplay::testPattern(QSize(640, 480), 7));
+    const auto mover =
+        display.showWindow(QRect(0, 0, 200, 200), VirtualDisplay::testPattern(QSize(200, 200), 8));
+    X11Engine engine(display);
+    std::promise<std::exception_ptr> reported;
+    std::future<std::exception_ptr> failure = reported.get_future();
+    engine->setFailureHandler([&reported](std::exception_ptr error) { reported.set_value(error); });
+    const QString path = QDir(small.path()).filePath(QStringLiteral("Tessarel Video.mp4"));
+    engine->startVideo(QUrl::fromLocalFile(path), Rect{0, 0, 640, 480}, engine.mainDisplayID(),
+                       Rect{0, 0, 640, 480}, 1.0);
+    // Changing pictures until the folder is full.
+    for (int step = 0;
+         failure.wait_for(std::chrono::milliseconds(30)) != std::future_status::ready &&
+         step < 2000;
+         ++step) {
+        mover->move((step * 37) % 440, (step * 53) % 280);
+    }
+
+    ASSERT_EQ(failure.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    const QString message = localizedDescription(failure.get());
+    EXPECT_TRUE(message.contains(QStringLiteral("No space left on device")))
+        << message.toStdString();
+    auto stopping = std::async(std::launch::async, [&] {
+        try {
+            engine->stop();
+        } catch (const std::exception&) { // the failure already reported
+        }
+    });
+    ASSERT_EQ(stopping.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_GT(movieSeconds(path), 0.0);
 }
