@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Takes the screenshots in docs/screenshots: Tessarel on a private virtual display with a
 # desktop around it (the openbox window manager, the picom compositor, a tint2 panel with its
-# tray), in the light and in the dark scheme, driven with the keyboard only.
+# tray), in the light and in the dark scheme, driven with the keyboard, and with the pointer
+# where only a pointer will do (the tray icon, the area of a video).
 #   docs/take-screenshots.sh <build dir>
 # The dark scheme comes from GTK's Adwaita:dark through Qt's gtk3 platform theme
 # (qt6-gtk-platformtheme), as on a GNOME desktop set to dark.
@@ -80,6 +81,22 @@ sleep 1.5
 # Close, Stop Capture.
 keys Tab Tab Return
 sleep 1.5
+# Video has one format and no menu: Close, Save To, Start Recording. Start covers the screen
+# with the overlay; a drag with the pointer chooses the area.
+keys ctrl+v Tab Tab Tab Return
+sleep 1
+xdotool mousemove 340 180 mousedown 1
+sleep 0.2
+xdotool mousemove 600 380
+sleep 0.2
+xdotool mousemove 940 560
+shot region-overlay
+xdotool mouseup 1
+sleep 1.5
+shot progress-video
+sleep 1
+keys Tab Tab Return
+sleep 2
 # Home: the options button comes first, its menu opens on "About...".
 keys Tab Return
 shot options-menu

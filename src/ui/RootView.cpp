@@ -1,5 +1,6 @@
 #include "ui/RootView.h"
 
+#include "alert/ReadableAlert.h"
 #include "controller/TessarelController.h"
 #include "ui/Appearance.h"
 #include "ui/CaptureSetupView.h"
@@ -7,34 +8,12 @@
 #include "ui/ProgressView.h"
 #include "ui/ViewArithmetic.h"
 
-#include <QLabel>
 #include <QMessageBox>
 #include <QPainter>
 #include <QPushButton>
 #include <QScreen>
 
 #include <algorithm>
-
-namespace {
-
-// Room for the whole title in the window manager's title bar beside its buttons, and for the
-// message in lines of a readable length.
-constexpr int alertTextWidth = 440;
-
-// Alerts whose title the window manager shows whole, and whose text can be selected and copied,
-// into a report for instance.
-void makeReadable(QMessageBox& alert) {
-    const int titleWidth = alert.fontMetrics().horizontalAdvance(alert.windowTitle());
-    alert.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_informativelabel { min-width: %1px; }")
-                            .arg(std::max(alertTextWidth, 2 * titleWidth)));
-    for (QLabel* text : alert.findChildren<QLabel*>()) {
-        if (!text->text().isEmpty()) {
-            text->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
-        }
-    }
-}
-
-} // namespace
 
 TessarelRootView::TessarelRootView(TessarelController& controller_, QWidget* parent)
     : ControllerView(controller_, parent) {

@@ -1,6 +1,7 @@
 #include "ui/GuiFixture.h"
 
 #include "app/DesktopShell.h"
+#include "controller/linux/DesktopServices.h"
 #include "support/TestDesktop.h"
 #include "ui/RootView.h"
 
@@ -9,6 +10,7 @@
 #include <QImage>
 #include <QLabel>
 #include <QMessageBox>
+#include <QTimer>
 #include <QWindow>
 
 #include <gtest/gtest.h>
@@ -60,6 +62,32 @@ void letTheDesktopCatchUp() {
     while (!deadline.hasExpired()) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
     }
+}
+
+// Room for the title twice over leaves it whole beside the window manager's buttons. The title
+// and the message, which contains `message` and is short enough for one line, can be selected
+// with the mouse and the keyboard, and the message is not broken into a narrow column.
+void expectReadable(const QMessageBox& alert, const QString& message) {
+    QFont titleFont = alert.font();
+    titleFont.setBold(true);
+    EXPECT_GE(alert.width(), 2 * QFontMetrics(titleFont).horizontalAdvance(alert.windowTitle()));
+    const Qt::TextInteractionFlags selectable =
+        Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard;
+    int texts = 0;
+    for (const QLabel* text : alert.findChildren<QLabel*>()) {
+        if (text->text().contains(message)) {
+            const QRect wrapped = text->fontMetrics().boundingRect(
+                QRect(0, 0, text->contentsRect().width(), 1000), Qt::TextWordWrap, text->text());
+            EXPECT_LT(wrapped.height(), 2 * text->fontMetrics().lineSpacing())
+                << text->text().toStdString() << " broken into lines at " << text->width();
+        }
+        if (text->text().contains(message) || text->text() == alert.windowTitle()) {
+            EXPECT_EQ(text->textInteractionFlags() & selectable, selectable)
+                << text->text().toStdString();
+            ++texts;
+        }
+    }
+    EXPECT_EQ(texts, 2);
 }
 
 // The panel on a desktop as people have it: openbox, the picom compositor, a tint2 panel.
@@ -163,18 +191,33 @@ TEST_F(PanelOnADesktopTest, AlertsShowTheirWholeTitleAndTheirTextCanBeSelected) 
                alert->windowHandle()->isExposed();
     }));
     letTheDesktopCatchUp();
-    // Room for the title twice over leaves it whole beside the window manager's buttons.
-    QFont titleFont = alert->font();
-    titleFont.setBold(true);
-    EXPECT_GE(alert->width(), 2 * QFontMetrics(titleFont).horizontalAdvance(alert->windowTitle()));
-    int selectable = 0;
-    for (const QLabel* text : alert->findChildren<QLabel*>()) {
-        if (text->text().contains("read-only") || text->text() == alert->windowTitle()) {
-            EXPECT_TRUE(text->textInteractionFlags().testFlag(Qt::TextSelectableByMouse));
-            ++selectable;
+    expectReadable(*alert, QStringLiteral("read-only"));
+}
+
+TEST_F(PanelOnADesktopTest, TheAboutBoxShowsItsWholeTitleAndItsTextCanBeSelected) {
+    openPanel();
+    // The box the controller asks for, as the desktop presents it.
+    controller->showAbout();
+    ASSERT_EQ(fakes.alerts.shown.size(), 1U);
+    bool checked = false;
+    QTimer::singleShot(0, [&checked] {
+        QMessageBox* about = nullptr;
+        const bool shown = processEventsUntil([&about] {
+            about = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            return about != nullptr && about->windowHandle() != nullptr &&
+                   about->windowHandle()->isExposed();
+        });
+        if (shown) {
+            letTheDesktopCatchUp();
+            expectReadable(*about, QStringLiteral("developers"));
+            checked = true;
+            about->accept();
+        } else if (QWidget* modal = QApplication::activeModalWidget()) {
+            modal->close();
         }
-    }
-    EXPECT_EQ(selectable, 2);
+    });
+    DesktopAlertPresenter().runAbout(fakes.alerts.shown[0]);
+    EXPECT_TRUE(checked) << "the About box did not come up";
 }
 
 TEST_F(PanelOnADesktopTest, WhereTheDesktopBlursBehindWindowsThePanelAsksForTheBlur) {

@@ -1,5 +1,7 @@
 #include "controller/linux/DesktopServices.h"
 
+#include "alert/ReadableAlert.h"
+
 #include <QApplication>
 #include <QDir>
 #include <QFile>
@@ -54,6 +56,8 @@ void DesktopAlertPresenter::runAbout(const AboutAlert& alert) {
         box.addButton(title, QMessageBox::AcceptRole);
     }
     box.setWindowFlag(Qt::WindowStaysOnTopHint);
+    // After the flags: changing them restyles the box, which resets its labels.
+    makeReadable(box);
     box.show();
     box.raise();
     box.activateWindow();

@@ -5,5 +5,5 @@ add_library(tessarel_desktop_services STATIC
     DesktopWorkspace.cpp
 )
 target_link_libraries(tessarel_desktop_services PUBLIC tessarel_core Qt6::Widgets
-    PRIVATE Qt6::DBus PkgConfig::XCB)
+    PRIVATE tessarel_alert Qt6::DBus PkgConfig::XCB)
 tessarel_set_warnings(tessarel_desktop_services)
