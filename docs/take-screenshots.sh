@@ -7,6 +7,11 @@
 # The dark scheme comes from GTK's Adwaita:dark through Qt's gtk3 platform theme
 # (qt6-gtk-platformtheme), as on a GNOME desktop set to dark.
 set -euo pipefail
+# The error alert names the save folder. As root the tour runs with a private /home, so that
+# the pictures show /home/you rather than a path of the machine that took them.
+if [ "$(id -u)" -eq 0 ] && [ -z "${TESSAREL_PRIVATE_HOME:-}" ]; then
+    TESSAREL_PRIVATE_HOME=1 exec unshare --mount --propagation private "$0" "$@"
+fi
 build=$(realpath "${1:-build}")
 shots=$(realpath "$(dirname "$0")")/screenshots
 work=$(mktemp -d)
@@ -35,7 +40,14 @@ pactl set-default-sink speakers
 
 tour() {
     local scheme=$1
-    export HOME=$work/home-$scheme SHOTS=$shots SCHEME=$scheme BUILD=$build height
+    if [ -n "${TESSAREL_PRIVATE_HOME:-}" ]; then
+        mountpoint -q /home || mount -t tmpfs tmpfs /home
+        rm -rf /home/you
+        HOME=/home/you
+    else
+        HOME=$work/home-$scheme
+    fi
+    export HOME SHOTS=$shots SCHEME=$scheme BUILD=$build height
     mkdir -p "$HOME/Downloads" "$HOME/.config"
     echo 'XDG_DOWNLOAD_DIR="$HOME/Downloads"' >"$HOME/.config/user-dirs.dirs"
     dbus-run-session -- bash -s 2> >(grep -v "fd limit" >&2) <<'DRIVE'
