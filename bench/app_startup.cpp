@@ -4,7 +4,8 @@
 // running X display, which must have a system tray (for example trayer under Xvfb; see
 // app_startup.sh), and reports
 //   - the wall time from the start of the process to its tray icon being docked,
-//   - its resident memory once it has settled,
+//   - its resident memory once it has settled, and its proportional share (PSS), which counts
+//     pages shared with other processes (the libraries) only in part,
 //   - the context switches of all its threads over an idle stretch (every timer or thread
 //     wake-up costs at least one).
 // Repeats the start several times and prints the median.
@@ -126,6 +127,11 @@ long statusField(const std::string& path, const std::string& field) {
     return 0;
 }
 
+// The proportional set size in KiB: resident pages, each shared one divided among its users.
+long proportionalSetSize(pid_t pid) {
+    return statusField("/proc/" + std::to_string(pid) + "/smaps_rollup", "Pss");
+}
+
 long contextSwitches(pid_t pid) {
     long total = 0;
     const std::string taskDir = "/proc/" + std::to_string(pid) + "/task";
@@ -150,6 +156,7 @@ long contextSwitches(pid_t pid) {
 struct Run {
     double startMs = 0;
     long rssKiB = 0;
+    long pssKiB = 0;
     long idleSwitches = 0;
     long threads = 0;
 };
@@ -192,6 +199,7 @@ Run measure(const std::vector<char*>& argv, int idleSeconds) {
     const std::string status = "/proc/" + std::to_string(pid) + "/status";
     run.rssKiB = statusField(status, "VmRSS");
     run.threads = statusField(status, "Threads");
+    run.pssKiB = proportionalSetSize(pid);
 
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
@@ -226,21 +234,26 @@ int main(int argc, char** argv) {
 
     std::vector<double> starts;
     std::vector<long> rss;
+    std::vector<long> pss;
     std::vector<long> switches;
     long threads = 0;
     for (int i = 0; i < runs; ++i) {
         const Run run = measure(program, idleSeconds);
-        std::printf("run %d: start to tray icon %.1f ms, resident %.1f MB, %ld context switches "
-                    "in %d s idle, %ld threads\n",
-                    i + 1, run.startMs, run.rssKiB / 1024.0, run.idleSwitches, idleSeconds,
-                    run.threads);
+        std::printf(
+            "run %d: start to tray icon %.1f ms, resident %.1f MB, PSS %.1f MB, %ld context "
+            "switches in %d s idle, %ld threads\n",
+            i + 1, run.startMs, run.rssKiB / 1024.0, run.pssKiB / 1024.0, run.idleSwitches,
+            idleSeconds, run.threads);
         starts.push_back(run.startMs);
         rss.push_back(run.rssKiB);
+        pss.push_back(run.pssKiB);
         switches.push_back(run.idleSwitches);
         threads = run.threads;
     }
-    std::printf("median of %d: start to tray icon %.1f ms (target < 300), resident %.1f MB "
-                "(target < 60), %ld context switches in %d s idle (target 0), %ld threads\n",
-                runs, median(starts), median(rss) / 1024.0, median(switches), idleSeconds, threads);
+    std::printf("median of %d (%s): start to tray icon %.1f ms (target < 100), resident %.1f MB "
+                "(target <= 35), PSS %.1f MB, %ld context switches in %d s idle (target 0), %ld "
+                "threads\n",
+                runs, program.front(), median(starts), median(rss) / 1024.0, median(pss) / 1024.0,
+                median(switches), idleSeconds, threads);
     return 0;
 }

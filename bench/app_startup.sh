@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the start-up and idle benchmark of the desktop application on a private virtual display
-# with a tray host and a session bus, so that it needs no desktop.
+# with a tray host and a session bus, so that it needs no desktop; then, where it is installed,
+# the same for Flameshot, another Qt tray tool, as the peer.
 #   bench/app_startup.sh <build dir> [--runs N] [--idle-seconds S]
 set -euo pipefail
 build=$(realpath "${1:-build}")
@@ -9,13 +10,38 @@ shift || true
 display=:$((70 + RANDOM % 100))
 Xvfb "$display" -screen 0 1920x1080x24 -nolisten tcp >/dev/null 2>&1 &
 xvfb=$!
-trap 'kill $xvfb 2>/dev/null' EXIT
 export DISPLAY=$display
 for _ in $(seq 100); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.05; done
 
-dbus-run-session -- bash -c '
-    trayer --edge top --align right --widthtype pixel --width 200 --height 32 &
-    tray=$!
-    "$0" "$@"
-    kill $tray
-' "$build/bench/app_startup" "$@" "$build/bin/tessarel"
+run_in_tray() {
+    dbus-run-session -- bash -c '
+        trayer --edge top --align right --widthtype pixel --width 200 --height 32 &
+        tray=$!
+        "$0" "$@"
+        kill $tray
+    ' "$build/bench/app_startup" "$@"
+}
+
+# Also the peer's private home: its settings leave out its first-start greeting, the update
+# check and notifications, so that it idles in the tray as it does on every later start.
+work=$(mktemp -d)
+trap 'kill $xvfb 2>/dev/null; rm -rf "$work"' EXIT
+run_in_tray "$@" "$build/bin/tessarel" | tee "$work/own.txt"
+if command -v flameshot >/dev/null; then
+    mkdir -p "$work/.config/flameshot"
+    printf '%s\n' '[General]' showStartupLaunchMessage=false checkForUpdates=false \
+        showDesktopNotification=false showHelp=false \
+        >"$work/.config/flameshot/flameshot.ini"
+    HOME=$work XDG_CONFIG_HOME=$work/.config run_in_tray "$@" flameshot |
+        tee "$work/peer.txt"
+    # Tessarel's medians over the peer's.
+    awk 'BEGIN { n = 0 }
+         /^median/ { for (i = 1; i < NF; ++i) {
+                         if ($i == "icon") start[n] = $(i + 1)
+                         if ($i == "resident") resident[n] = $(i + 1)
+                         if ($i == "PSS") pss[n] = $(i + 1) }
+                     ++n }
+         END { if (n == 2) printf "Tessarel / Flameshot: start %.2f x, resident %.2f x, PSS %.2f x\n",
+                   start[0] / start[1], resident[0] / resident[1], pss[0] / pss[1] }' \
+        "$work/own.txt" "$work/peer.txt"
+fi

@@ -11,8 +11,12 @@ public:
     virtual CapturePlatform platform() = 0;
 };
 
-// Chooses the capture backends: PulseAudio and FFmpeg for sound; for the screen, by the
+// The capture services, loaded from the capture module when the first call needs one. The
+// module chooses the backends: PulseAudio and FFmpeg for sound; for the screen, by the
 // session Qt runs on, X11 or a Wayland compositor's screen copy; elsewhere (and through
 // XWayland the user did not ask for) a stand-in whose every screen capture fails with a clear
 // message.
 std::unique_ptr<LoadedCapturePlatform> loadCapturePlatform();
+
+// What the capture module exports under this name; the loader finds it at run time.
+extern "C" LoadedCapturePlatform* tessarel_make_capture_platform();

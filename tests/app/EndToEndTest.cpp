@@ -5,6 +5,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QImage>
 #include <QRegularExpression>
@@ -214,6 +215,37 @@ TEST_F(EndToEndTest, ASnapshotHasTheScreensPixelSizeLeavesThePanelOutAndIsReveal
     ASSERT_TRUE(snapshot);
     // Where the panel stood, the picture shows the desktop behind it.
     EXPECT_EQ(differingPixels(snapshot->picture, session.background(), snapshot->panel), 0);
+}
+
+namespace {
+
+// Whether the process has mapped a shared library whose file name starts with `name`.
+bool mapsLibrary(qint64 processID, const QString& name) {
+    QFile maps(QStringLiteral("/proc/%1/maps").arg(processID));
+    if (!maps.open(QIODevice::ReadOnly)) {
+        ADD_FAILURE() << "cannot read the maps of process " << processID;
+        return false;
+    }
+    const QRegularExpression library(QStringLiteral("/%1[^/]*$").arg(name),
+                                     QRegularExpression::MultilineOption);
+    return library.match(QString::fromLocal8Bit(maps.readAll())).hasMatch();
+}
+
+} // namespace
+
+TEST_F(EndToEndTest, TheCaptureLibrariesAreLoadedByTheFirstCaptureNotAtStart) {
+    EndToEndSession session({});
+    QProcess& tessarel = session.startTessarel();
+    ASSERT_TRUE(session.waitForTrayIcon(tessarel.processId()));
+
+    for (const QString& name : {QStringLiteral("tessarel_capture"), QStringLiteral("libavcodec"),
+                                QStringLiteral("libx264"), QStringLiteral("libpulse\\.")}) {
+        EXPECT_FALSE(mapsLibrary(tessarel.processId(), name)) << name.toStdString();
+    }
+
+    ASSERT_TRUE(takeSnapshot(session, tessarel));
+    EXPECT_TRUE(mapsLibrary(tessarel.processId(), QStringLiteral("tessarel_capture")));
+    EXPECT_TRUE(mapsLibrary(tessarel.processId(), QStringLiteral("libavcodec")));
 }
 
 TEST_F(EndToEndTest, ASnapshotOnAServerWithoutCompositeLeavesThePanelOutAndShowsItAgain) {
