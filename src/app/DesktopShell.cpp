@@ -240,9 +240,8 @@ void DesktopShell::trayDidAppear() {
 }
 
 void DesktopShell::buildStatusItem() {
-    tray_ = std::make_unique<QSystemTrayIcon>(
-        Appearance::symbolIcon(QStringLiteral("sparkles"),
-                               Appearance::color(TessarelColor::amber), 22));
+    tray_ = std::make_unique<QSystemTrayIcon>(Appearance::symbolIcon(
+        QStringLiteral("sparkles"), Appearance::color(TessarelColor::amber), 22));
     tray_->setToolTip(QStringLiteral("Tessarel"));
     connect(tray_.get(), &QSystemTrayIcon::activated, this,
             [this](QSystemTrayIcon::ActivationReason reason) {

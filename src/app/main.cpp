@@ -30,8 +30,9 @@ int main(int argc, char** argv) {
     const std::unique_ptr<LoadedCapturePlatform> capture = loadCapturePlatform();
     CaptureEngine engine(capture->platform());
     DesktopScreens screens;
-    DesktopSelectionOverlayHost overlays(
-        screens, [&capture](QScreen& screen) { return screenPicture(capture->platform(), screen); });
+    DesktopSelectionOverlayHost overlays(screens, [&capture](QScreen& screen) {
+        return screenPicture(capture->platform(), screen);
+    });
     RegionSelector selector(overlays);
 
     DesktopScreenCapturePermission permission;

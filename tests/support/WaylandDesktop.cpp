@@ -274,6 +274,13 @@ QStringList WaylandDesktop::asDesktopUser(const QString& program,
     if (!swaySocket_.isEmpty()) {
         commandLine << QStringLiteral("SWAYSOCK=") + swaySocket_;
     }
+    // The sanitizers' settings of the test run hold for what it starts too.
+    for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+        if (qEnvironmentVariableIsSet(name)) {
+            commandLine << QString::fromLatin1(name) + QLatin1Char('=') +
+                               qEnvironmentVariable(name);
+        }
+    }
     return commandLine << program << arguments;
 }
 
