@@ -32,13 +32,13 @@ protected:
                       const char* threadName);
     ~ScreenVideoStream() override;
 
-    // A layer's destructor, while its own members still stand.
+    // A layer's destructor calls this first: the capture thread uses the layer's members.
     void stopQuietly() noexcept;
 
     // Sets up the layer's source for a movie of `width` × `height` pixels; throws
     // PlatformError, holding nothing, where it cannot.
     virtual void setUp(int width, int height) = 0;
-    // The capture thread, until `requestStop` or a failure, which it throws.
+    // Runs on the capture thread until `requestStop`; what it throws reaches the delegate.
     virtual void capture(int64_t startNs, int64_t intervalNs) = 0;
     // Any thread but the capture thread: makes `capture` return soon.
     virtual void requestStop() = 0;
@@ -46,7 +46,7 @@ protected:
     virtual void release() = 0;
 
     const VideoStreamConfiguration& configuration() const { return configuration_; }
-    // The capture thread's, from `setUp` on.
+    // The capture thread's while it runs.
     VideoFrameConverter& converter() { return *converter_; }
     // The capture thread: converts what the converter took up last and queues it for the
     // recorder, stamped `captureNs`.
