@@ -1,6 +1,7 @@
 # What every screen-capture layer shares: the frame queue between capture and encoder, the
-# pixel conversion and the H.264 recorder writing fragmented MP4.
+# pixel conversion, the H.264 recorder writing fragmented MP4 and the stream that drives them.
 add_library(tessarel_linux_video STATIC
+    ${CMAKE_CURRENT_LIST_DIR}/ScreenVideoStream.cpp
     ${CMAKE_CURRENT_LIST_DIR}/VideoFileRecorder.cpp
     ${CMAKE_CURRENT_LIST_DIR}/VideoFrameConverter.cpp
     ${CMAKE_CURRENT_LIST_DIR}/VideoFrameQueue.cpp

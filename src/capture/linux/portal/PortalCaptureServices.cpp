@@ -1,16 +1,13 @@
 #include "capture/linux/portal/PortalCaptureServices.h"
 
 #include "capture/linux/MonotonicClock.h"
-#include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameConverter.h"
-#include "capture/linux/VideoFrameQueue.h"
+#include "capture/linux/VideoPacing.h"
 #include "capture/linux/portal/DesktopPortal.h"
 #include "capture/linux/portal/PipeWireScreenStream.h"
 
 #include <QImage>
 #include <QRect>
-
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -19,11 +16,9 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
-#include <thread>
 
 namespace {
 
-constexpr int64_t kShortestFrameIntervalNs = 1'000'000'000 / 30;
 constexpr std::chrono::seconds kFirstPictureTimeout{10};
 
 // The grant of a display is kept under its number.
@@ -120,38 +115,18 @@ Image PortalScreenshotService::fromScreenshot(const ContentFilter& filter,
 
 namespace {
 
-class PortalVideoStream final : public VideoCaptureStream {
+class PortalVideoStream final : public ScreenVideoStream {
 public:
     PortalVideoStream(DesktopPortal& portal, ContentFilter filter,
                       VideoStreamConfiguration configuration, StreamDelegate* delegate)
-        : portal_(portal), filter_(std::move(filter)), configuration_(configuration),
-          delegate_(delegate) {}
+        : ScreenVideoStream(configuration, delegate, "Tessarel.cast"), portal_(portal),
+          filter_(std::move(filter)) {}
 
-    ~PortalVideoStream() override {
-        try {
-            stopCapture();
-        } catch (...) { // nobody is left to tell
-        }
-    }
+    ~PortalVideoStream() override { stopQuietly(); }
 
-    void addRecordingOutput(const std::shared_ptr<RecordingOutput>& output) override {
-        auto recorder = std::dynamic_pointer_cast<VideoFileRecorder>(output);
-        if (!recorder || recorder_) {
-            throw PlatformError(QStringLiteral("The stream cannot take this recorder."));
-        }
-        recorder_ = std::move(recorder);
-    }
-
-    void startCapture() override {
-        if (thread_.joinable()) {
-            throw PlatformError(QStringLiteral("The stream is already capturing."));
-        }
-        const int width = static_cast<int>(configuration_.width);
-        const int height = static_cast<int>(configuration_.height);
-        if (width <= 0 || height <= 0 || width > INT16_MAX || height > INT16_MAX) {
-            throw PlatformError(QStringLiteral("The movie size is not valid."));
-        }
-        auto cast = portal_.shareMonitor(grantKey(filter_.display), configuration_.showsCursor);
+private:
+    void setUp(int, int) override {
+        auto cast = portal_.shareMonitor(grantKey(filter_.display), configuration().showsCursor);
         checkSharedScreen(*cast, filter_.display);
         logicalSize_ = logicalSize(*cast, filter_.display);
         auto source = std::make_unique<PipeWireScreenStream>(cast->takeRemote(), cast->nodeId(),
@@ -164,49 +139,25 @@ public:
                                                                  wake_.notify_one();
                                                              });
         source->awaitFirstPicture(kFirstPictureTimeout);
-        auto queue = std::make_unique<VideoFrameQueue>(configuration_.queueDepth, width, height);
-        const int64_t intervalNs = frameIntervalNs();
-        const int64_t startNs = monotonicNowNs();
-        if (recorder_) {
-            recorder_->start(*queue, width, height, startNs, intervalNs);
-        }
         cast_ = std::move(cast);
         source_ = std::move(source);
-        converter_ = std::make_unique<VideoFrameConverter>(width, height);
         current_ = {};
         previous_ = {};
         hasPrevious_ = false;
-        queue_ = std::move(queue);
         stopping_ = false;
-        thread_ = std::thread([this, startNs, intervalNs] { capture(startNs, intervalNs); });
     }
 
-    void stopCapture() override {
-        const int64_t endNs = monotonicNowNs();
-        if (!thread_.joinable()) {
-            return;
-        }
+    void requestStop() override {
         {
             std::lock_guard guard(mutex_);
             stopping_ = true;
         }
         wake_.notify_one();
-        thread_.join();
-        queue_->close(endNs);
-        if (recorder_) {
-            recorder_->finish();
-        }
-        converter_.reset();
-        source_.reset();
-        cast_.reset(); // closes the session
     }
 
-private:
-    int64_t frameIntervalNs() const {
-        const FrameInterval& interval = configuration_.minimumFrameInterval;
-        const int64_t requested =
-            interval.timescale > 0 ? interval.value * 1'000'000'000 / interval.timescale : 0;
-        return std::max(requested, kShortestFrameIntervalNs);
+    void release() override {
+        source_.reset();
+        cast_.reset(); // closes the session
     }
 
     // The area in the picture's pixels: the display-local points scaled by the picture's
@@ -216,43 +167,34 @@ private:
     QRect pixelArea(const PipeWireScreenStream::Picture& picture) const {
         const double scaleX = picture.width / logicalSize_.width();
         const double scaleY = picture.height / logicalSize_.height();
-        const Rect& source = configuration_.sourceRect;
+        const Rect& source = configuration().sourceRect;
         QRect wanted(static_cast<int>(std::lround(source.x * scaleX)),
                      static_cast<int>(std::lround(source.y * scaleY)),
                      static_cast<int>(std::lround(source.width * scaleX)),
                      static_cast<int>(std::lround(source.height * scaleY)));
-        if (wanted.width() - configuration_.width == 1) {
-            wanted.setWidth(static_cast<int>(configuration_.width));
-        }
-        if (wanted.height() - configuration_.height == 1) {
-            wanted.setHeight(static_cast<int>(configuration_.height));
-        }
+        wanted.setWidth(fittedToMovie(wanted.width(), configuration().width));
+        wanted.setHeight(fittedToMovie(wanted.height(), configuration().height));
         return wanted.intersected(QRect(0, 0, picture.width, picture.height));
     }
 
     // The capture thread: at most one look per tick of a fixed grid; a tick missed entirely
     // is skipped rather than made up in a burst.
-    void capture(int64_t startNs, int64_t intervalNs) {
-        pthread_setname_np(pthread_self(), "Tessarel.cast");
-        try {
-            for (int64_t tick = 0;;
-                 tick = std::max(tick + 1, (monotonicNowNs() - startNs) / intervalNs)) {
-                const std::chrono::steady_clock::time_point deadline{
-                    std::chrono::nanoseconds(startNs + tick * intervalNs)};
-                {
-                    std::unique_lock guard(mutex_);
-                    if (wake_.wait_until(guard, deadline,
-                                         [this] { return stopping_ || sourceEnded_; })) {
-                        if (stopping_) {
-                            return;
-                        }
-                        std::rethrow_exception(sourceEnded_);
+    void capture(int64_t startNs, int64_t intervalNs) override {
+        for (int64_t tick = 0;;
+             tick = std::max(tick + 1, (monotonicNowNs() - startNs) / intervalNs)) {
+            const std::chrono::steady_clock::time_point deadline{
+                std::chrono::nanoseconds(startNs + tick * intervalNs)};
+            {
+                std::unique_lock guard(mutex_);
+                if (wake_.wait_until(guard, deadline,
+                                     [this] { return stopping_ || sourceEnded_; })) {
+                    if (stopping_) {
+                        return;
                     }
+                    std::rethrow_exception(sourceEnded_);
                 }
-                passOn();
             }
-        } catch (...) {
-            delegate_->streamDidStop(std::current_exception());
+            passOn();
         }
     }
 
@@ -281,32 +223,24 @@ private:
             }
             const PixelSpan mayDiffer{current_.changedRows.begin - area.y(),
                                       current_.changedRows.end - area.y()};
-            converter_->differs(grabOf(current_), previous ? &*previous : nullptr, mayDiffer);
+            converter().differs(grabOf(current_), previous ? &*previous : nullptr, mayDiffer);
             std::swap(previous_, current_);
             hasPrevious_ = true;
         } else if (hasPrevious_) {
             const VideoGrab last = grabOf(previous_);
-            converter_->differs(last, &last, PixelSpan{});
+            converter().differs(last, &last, PixelSpan{});
         } else {
             return;
         }
-        VideoFrame& frame = queue_->acquire();
-        converter_->convert(frame);
-        frame.captureTimeNs = captureNs;
-        queue_->publish(frame);
+        passOnFrame(captureNs);
     }
 
     DesktopPortal& portal_;
     const ContentFilter filter_;
-    const VideoStreamConfiguration configuration_;
-    StreamDelegate* const delegate_;
-    std::shared_ptr<VideoFileRecorder> recorder_;
-    std::unique_ptr<VideoFrameQueue> queue_;
     std::unique_ptr<DesktopPortal::ScreenCast> cast_;
     std::unique_ptr<PipeWireScreenStream> source_;
     QSizeF logicalSize_;
     // The capture thread's while it runs.
-    std::unique_ptr<VideoFrameConverter> converter_;
     PipeWireScreenStream::Picture current_;
     PipeWireScreenStream::Picture previous_; // the last picture passed on
     bool hasPrevious_ = false;
@@ -314,22 +248,11 @@ private:
     std::condition_variable wake_;
     bool stopping_ = false;
     std::exception_ptr sourceEnded_;
-    std::thread thread_;
 };
 
 } // namespace
 
-std::vector<VideoCodec> PortalVideoCaptureService::availableVideoCodecTypes() {
-    return VideoFileRecorder::availableCodecs();
-}
-
 std::shared_ptr<VideoCaptureStream> PortalVideoCaptureService::makeStream(
     const ContentFilter& filter, const VideoStreamConfiguration& config, StreamDelegate* delegate) {
     return std::make_shared<PortalVideoStream>(portal_, filter, config, delegate);
-}
-
-std::shared_ptr<RecordingOutput>
-PortalVideoCaptureService::makeRecordingOutput(const RecordingOutputConfiguration& config,
-                                               RecordingOutputDelegate* delegate) {
-    return std::make_shared<VideoFileRecorder>(config, delegate);
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "capture/CapturePlatform.h"
+#include "capture/linux/ScreenVideoStream.h"
 
 class DesktopPortal;
 
@@ -34,17 +34,13 @@ private:
 // brings what changed to the output size in I420 and hands it to the shared recorder
 // through its frame queue. When the desktop stops sharing, the delegate is told and the
 // movie ends where it is.
-class PortalVideoCaptureService final : public VideoCaptureService {
+class PortalVideoCaptureService final : public ScreenVideoCaptureService {
 public:
     explicit PortalVideoCaptureService(DesktopPortal& portal) : portal_(portal) {}
 
-    std::vector<VideoCodec> availableVideoCodecTypes() override;
     std::shared_ptr<VideoCaptureStream> makeStream(const ContentFilter& filter,
                                                    const VideoStreamConfiguration& config,
                                                    StreamDelegate* delegate) override;
-    std::shared_ptr<RecordingOutput>
-    makeRecordingOutput(const RecordingOutputConfiguration& config,
-                        RecordingOutputDelegate* delegate) override;
 
 private:
     DesktopPortal& portal_;

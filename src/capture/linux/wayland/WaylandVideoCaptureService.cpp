@@ -1,14 +1,11 @@
 #include "capture/linux/wayland/WaylandVideoCaptureService.h"
 
 #include "capture/linux/MonotonicClock.h"
-#include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameConverter.h"
-#include "capture/linux/VideoFrameQueue.h"
 #include "capture/linux/VideoPacing.h"
 #include "capture/linux/wayland/WaylandConnection.h"
 #include "capture/linux/wayland/WaylandScreencopy.h"
 
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -18,7 +15,6 @@
 #include <chrono>
 #include <cmath>
 #include <optional>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -30,44 +26,29 @@ std::chrono::steady_clock::time_point monotonicTimePoint(int64_t ns) {
     return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(ns));
 }
 
-class WaylandVideoStream final : public VideoCaptureStream {
+class WaylandVideoStream final : public ScreenVideoStream {
 public:
     WaylandVideoStream(QByteArray displayName, ContentFilter filter,
                        VideoStreamConfiguration configuration, StreamDelegate* delegate)
-        : displayName_(std::move(displayName)), filter_(std::move(filter)),
-          configuration_(configuration), delegate_(delegate) {}
+        : ScreenVideoStream(configuration, delegate, "Tessarel.grab"),
+          displayName_(std::move(displayName)), filter_(std::move(filter)) {}
 
-    ~WaylandVideoStream() override {
-        try {
-            stopCapture();
-        } catch (...) { // nobody is left to tell
-        }
+    ~WaylandVideoStream() override { stopQuietly(); }
+
+    WaylandVideoCaptureService::Counts counts() const {
+        return {ticks_,          copiesMade_,     skippedIdentical_,
+                droppedFrames(), encodedFrames(), captureCpuSeconds_};
     }
 
-    void addRecordingOutput(const std::shared_ptr<RecordingOutput>& output) override {
-        auto recorder = std::dynamic_pointer_cast<VideoFileRecorder>(output);
-        if (!recorder || recorder_) {
-            throw PlatformError(QStringLiteral("The stream cannot take this recorder."));
-        }
-        recorder_ = std::move(recorder);
-    }
-
-    void startCapture() override {
-        if (thread_.joinable()) {
-            throw PlatformError(QStringLiteral("The stream is already capturing."));
-        }
-        const int width = static_cast<int>(configuration_.width);
-        const int height = static_cast<int>(configuration_.height);
-        if (width <= 0 || height <= 0 || width > INT16_MAX || height > INT16_MAX) {
-            throw PlatformError(QStringLiteral("The movie size is not valid."));
-        }
+private:
+    void setUp(int width, int height) override {
         auto connection = std::make_unique<WaylandConnection>(displayName_);
         const WaylandOutput output = connection->output(filter_.display.displayID);
         std::array<std::unique_ptr<WaylandShmBuffer>, 2> copies;
         bool yInverted = false;
         {
             // The first copy tells the buffer's size; it is the movie's first picture too.
-            WaylandFrameCopy first(*connection, output.output, configuration_.showsCursor, false,
+            WaylandFrameCopy first(*connection, output.output, configuration().showsCursor, false,
                                    copies[0]);
             if (!connection->dispatchUntil([&] { return first.finished(); },
                                            std::chrono::steady_clock::now() + kFirstCopyTimeout)) {
@@ -87,17 +68,6 @@ public:
         if (wake < 0) {
             throw PlatformError(QStringLiteral("The stream cannot be started."));
         }
-        auto queue = std::make_unique<VideoFrameQueue>(configuration_.queueDepth, width, height);
-        const int64_t intervalNs = frameIntervalNs(configuration_.minimumFrameInterval);
-        const int64_t startNs = monotonicNowNs();
-        if (recorder_) {
-            try {
-                recorder_->start(*queue, width, height, startNs, intervalNs);
-            } catch (...) {
-                close(wake);
-                throw;
-            }
-        }
         connection_ = std::move(connection);
         output_ = output.output;
         copies_ = std::move(copies);
@@ -109,58 +79,38 @@ public:
         scratch_ = {};
         fresh_ = 0;
         previousGrab_.reset();
-        converter_ = std::make_unique<VideoFrameConverter>(width, height);
-        lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
-        queue_ = std::move(queue);
         wake_ = wake;
         stopping_ = false;
-        thread_ = std::thread([this, startNs, intervalNs] { capture(startNs, intervalNs); });
     }
 
-    void stopCapture() override {
-        const int64_t endNs = monotonicNowNs();
-        if (!thread_.joinable()) {
-            return;
-        }
+    void requestStop() override {
         stopping_ = true;
         const uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = write(wake_, &one, sizeof one);
-        thread_.join();
+    }
+
+    void release() override {
         close(wake_);
-        queue_->close(endNs);
-        if (recorder_) {
-            recorder_->finish();
-        }
-        converter_.reset();
+        wake_ = -1;
         pending_.reset();
         copies_ = {};
         connection_.reset();
     }
 
-    WaylandVideoCaptureService::Counts counts() const {
-        return {ticks_,
-                copiesMade_,
-                skippedIdentical_,
-                queue_ ? queue_->droppedFrames() : 0,
-                recorder_ ? recorder_->encodedFrames() : 0,
-                captureCpuSeconds_};
-    }
-
-private:
     // The source rectangle in the buffer's pixels, clipped to it: points scale by the
     // buffer's size over the output's logical size. Where that is the output size or one
     // pixel more (the output is rounded down to even), the output size is taken as it is
     // rather than resampled.
     PixelRect pixelArea(const WaylandShmBuffer::Layout& buffer, const Rect& logical) const {
-        const Rect& source = configuration_.sourceRect;
+        const Rect& source = configuration().sourceRect;
         const double perPointX = buffer.width / logical.width;
         const double perPointY = buffer.height / logical.height;
         PixelRect wanted{static_cast<int>(std::lround(source.x * perPointX)),
                          static_cast<int>(std::lround(source.y * perPointY)),
                          static_cast<int>(std::lround(source.width * perPointX)),
                          static_cast<int>(std::lround(source.height * perPointY))};
-        wanted.width = fittedToMovie(wanted.width, configuration_.width);
-        wanted.height = fittedToMovie(wanted.height, configuration_.height);
+        wanted.width = fittedToMovie(wanted.width, configuration().width);
+        wanted.height = fittedToMovie(wanted.height, configuration().height);
         return wanted.intersected({0, 0, buffer.width, buffer.height});
     }
 
@@ -168,8 +118,8 @@ private:
     // grid and looks at the newest copy at each tick. A tick missed entirely is skipped
     // rather than made up in a burst. At most one copy is asked for at a time, into the
     // buffer the last frame passed on is not in.
-    void capture(int64_t startNs, int64_t intervalNs) {
-        pthread_setname_np(pthread_self(), "Tessarel.grab");
+    void capture(int64_t startNs, int64_t intervalNs) override {
+        lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
         try {
             for (int64_t tick = 0;;
                  tick = std::max(tick + 1, (monotonicNowNs() - startNs) / intervalNs)) {
@@ -188,17 +138,17 @@ private:
                     pending_.reset();
                     ++copiesMade_;
                 }
-                passOnFrame();
+                passOn();
                 if (!pending_ && !fresh_) {
                     pendingSlot_ = previousGrab_ == 0u ? 1 : 0;
                     pending_ = std::make_unique<WaylandFrameCopy>(*connection_, output_,
-                                                                  configuration_.showsCursor, true,
+                                                                  configuration().showsCursor, true,
                                                                   copies_[pendingSlot_]);
                 }
             }
         } catch (...) {
             noteCpuTime();
-            delegate_->streamDidStop(std::current_exception());
+            throw;
         }
     }
 
@@ -220,7 +170,7 @@ private:
 
     // A new copy that differs from the last frame goes on to the recorder; without one, the
     // last frame is repeated once a second.
-    void passOnFrame() {
+    void passOn() {
         const int64_t captureNs = monotonicNowNs();
         ++ticks_;
         const bool heartbeat = captureNs - lastPassedOnNs_ >= kLongestFrameIntervalNs;
@@ -231,32 +181,25 @@ private:
             if (previousGrab_) {
                 previous = lastGrab_;
             }
-            if (!converter_->differs(grab, previous ? &*previous : nullptr) && !heartbeat) {
+            if (!converter().differs(grab, previous ? &*previous : nullptr) && !heartbeat) {
                 ++skippedIdentical_;
                 return;
             }
             previousGrab_ = current;
             lastGrab_ = grab;
         } else if (heartbeat && previousGrab_) {
-            converter_->differs(lastGrab_, &lastGrab_, PixelSpan{});
+            converter().differs(lastGrab_, &lastGrab_, PixelSpan{});
         } else {
             ++skippedIdentical_;
             return;
         }
         lastPassedOnNs_ = captureNs;
-        VideoFrame& frame = queue_->acquire();
-        converter_->convert(frame);
-        frame.captureTimeNs = captureNs;
-        queue_->publish(frame);
+        passOnFrame(captureNs);
     }
 
     const QByteArray displayName_;
     const ContentFilter filter_;
-    const VideoStreamConfiguration configuration_;
-    StreamDelegate* const delegate_;
-    std::shared_ptr<VideoFileRecorder> recorder_;
-    std::unique_ptr<VideoFrameQueue> queue_;
-    // Made by startCapture, then used by the capture thread only until it is joined.
+    // Made by setUp, then used by the capture thread only until it is joined.
     std::unique_ptr<WaylandConnection> connection_;
     wl_output* output_ = nullptr;
     std::array<std::unique_ptr<WaylandShmBuffer>, 2> copies_;
@@ -269,11 +212,9 @@ private:
     std::optional<size_t> fresh_;        // a copy made but not looked at yet
     std::optional<size_t> previousGrab_; // the copy the last frame passed on was made from
     VideoGrab lastGrab_;
-    std::unique_ptr<VideoFrameConverter> converter_;
     int64_t lastPassedOnNs_ = 0;
     int wake_ = -1;
     std::atomic<bool> stopping_{false};
-    std::thread thread_;
     // Written by the capture thread, read by any.
     std::atomic<long long> ticks_{0};
     std::atomic<long long> copiesMade_{0};
@@ -286,19 +227,9 @@ private:
 WaylandVideoCaptureService::WaylandVideoCaptureService(QByteArray displayName)
     : displayName_(std::move(displayName)) {}
 
-std::vector<VideoCodec> WaylandVideoCaptureService::availableVideoCodecTypes() {
-    return VideoFileRecorder::availableCodecs();
-}
-
 std::shared_ptr<VideoCaptureStream> WaylandVideoCaptureService::makeStream(
     const ContentFilter& filter, const VideoStreamConfiguration& config, StreamDelegate* delegate) {
     return std::make_shared<WaylandVideoStream>(displayName_, filter, config, delegate);
-}
-
-std::shared_ptr<RecordingOutput>
-WaylandVideoCaptureService::makeRecordingOutput(const RecordingOutputConfiguration& config,
-                                                RecordingOutputDelegate* delegate) {
-    return std::make_shared<VideoFileRecorder>(config, delegate);
 }
 
 WaylandVideoCaptureService::Counts

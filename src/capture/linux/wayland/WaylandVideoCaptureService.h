@@ -1,6 +1,6 @@
 #pragma once
 
-#include "capture/CapturePlatform.h"
+#include "capture/linux/ScreenVideoStream.h"
 
 #include <QByteArray>
 
@@ -16,7 +16,7 @@
 // (VideoFileRecorder); otherwise the last frame is repeated once a second so the movie keeps
 // its pace and its fragments. The compositor going away stops the stream through its
 // delegate; the recorder then finishes the file.
-class WaylandVideoCaptureService final : public VideoCaptureService {
+class WaylandVideoCaptureService final : public ScreenVideoCaptureService {
 public:
     // What a stream has done so far.
     struct Counts {
@@ -31,13 +31,9 @@ public:
     // An empty name means $WAYLAND_DISPLAY.
     explicit WaylandVideoCaptureService(QByteArray displayName = {});
 
-    std::vector<VideoCodec> availableVideoCodecTypes() override;
     std::shared_ptr<VideoCaptureStream> makeStream(const ContentFilter& filter,
                                                    const VideoStreamConfiguration& config,
                                                    StreamDelegate* delegate) override;
-    std::shared_ptr<RecordingOutput>
-    makeRecordingOutput(const RecordingOutputConfiguration& config,
-                        RecordingOutputDelegate* delegate) override;
 
     // Any thread, but not while the stream starts; zeros for a stream of another service.
     static Counts counts(const VideoCaptureStream& stream);

@@ -1,17 +1,13 @@
 #include "capture/linux/x11/X11VideoCaptureService.h"
 
 #include "capture/linux/MonotonicClock.h"
-#include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameConverter.h"
-#include "capture/linux/VideoFrameQueue.h"
 #include "capture/linux/VideoPacing.h"
 #include "capture/linux/x11/X11AreaGrabber.h"
 #include "capture/linux/x11/X11Connection.h"
 #include "capture/linux/x11/X11ShmImage.h"
 
 #include <xcb/xfixes.h>
-
-#include <pthread.h>
 
 #include <algorithm>
 #include <array>
@@ -20,41 +16,25 @@
 #include <cmath>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
 namespace {
 
-class X11VideoStream final : public VideoCaptureStream {
+class X11VideoStream final : public ScreenVideoStream {
 public:
     X11VideoStream(QByteArray displayName, ContentFilter filter,
                    VideoStreamConfiguration configuration, StreamDelegate* delegate)
-        : displayName_(std::move(displayName)), filter_(std::move(filter)),
-          configuration_(configuration), delegate_(delegate) {}
+        : ScreenVideoStream(configuration, delegate, "Tessarel.grab"),
+          displayName_(std::move(displayName)), filter_(std::move(filter)) {}
 
-    ~X11VideoStream() override {
-        try {
-            stopCapture();
-        } catch (...) { // nobody is left to tell
-        }
+    ~X11VideoStream() override { stopQuietly(); }
+
+    X11VideoCaptureService::Counts counts() const {
+        return {captured_,       screenReads_,    rowsRead_,       skippedIdentical_,
+                droppedFrames(), encodedFrames(), windowListings_, captureCpuSeconds_};
     }
 
-    void addRecordingOutput(const std::shared_ptr<RecordingOutput>& output) override {
-        auto recorder = std::dynamic_pointer_cast<VideoFileRecorder>(output);
-        if (!recorder || recorder_) {
-            throw PlatformError(QStringLiteral("The stream cannot take this recorder."));
-        }
-        recorder_ = std::move(recorder);
-    }
-
-    void startCapture() override {
-        if (thread_.joinable()) {
-            throw PlatformError(QStringLiteral("The stream is already capturing."));
-        }
-        const int width = static_cast<int>(configuration_.width);
-        const int height = static_cast<int>(configuration_.height);
-        if (width <= 0 || height <= 0 || width > INT16_MAX || height > INT16_MAX) {
-            throw PlatformError(QStringLiteral("The movie size is not valid."));
-        }
+private:
+    void setUp(int, int) override {
         auto connection = std::make_unique<X11Connection>(displayName_);
         const PixelRect area = pixelArea(connection->rootGeometry());
         if (area.isEmpty()) {
@@ -68,7 +48,7 @@ public:
             *connection, area, std::move(excluded), X11AreaGrabber::WithoutComposition::blackOut);
         std::array<std::unique_ptr<X11ShmImage>, 2> grabs{
             std::make_unique<X11ShmImage>(*connection), std::make_unique<X11ShmImage>(*connection)};
-        if (configuration_.showsCursor) {
+        if (configuration().showsCursor) {
             xcb_connection_t* c = connection->get();
             XcbReply<xcb_xfixes_query_version_reply_t> version;
             if (connection->offers(xcb_xfixes_id)) {
@@ -79,79 +59,39 @@ public:
                 throw PlatformError(QStringLiteral("The X server cannot show the pointer."));
             }
         }
-        auto queue = std::make_unique<VideoFrameQueue>(configuration_.queueDepth, width, height);
-        auto converter = std::make_unique<VideoFrameConverter>(width, height);
-        const int64_t intervalNs = frameIntervalNs(configuration_.minimumFrameInterval);
-        const int64_t startNs = monotonicNowNs();
-        // From here the recorder's thread reads the queue; only the capture thread's creation
-        // can still fail, and then that reader is ended before the queue may go.
-        if (recorder_) {
-            recorder_->start(*queue, width, height, startNs, intervalNs);
-        }
         connection_ = std::move(connection);
         grabber_ = std::move(grabber);
         grabs_ = std::move(grabs);
-        converter_ = std::move(converter);
         previousGrab_.reset();
         lastPointer_.reset();
         staleRows_ = {PixelSpan{0, area.height}, PixelSpan{0, area.height}};
         pointerRows_ = {};
-        lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
-        queue_ = std::move(queue);
         stopping_ = false;
-        try {
-            thread_ = std::thread([this, startNs, intervalNs] { capture(startNs, intervalNs); });
-        } catch (...) {
-            queue_->close(startNs);
-            if (recorder_) {
-                recorder_->finish();
-            }
-            throw;
-        }
     }
 
-    void stopCapture() override {
-        const int64_t endNs = monotonicNowNs();
-        if (!thread_.joinable()) {
-            return;
-        }
+    void requestStop() override {
         {
             std::lock_guard guard(mutex_);
             stopping_ = true;
         }
         wake_.notify_one();
-        thread_.join();
-        queue_->close(endNs);
-        if (recorder_) {
-            recorder_->finish();
-        }
-        converter_.reset();
+    }
+
+    void release() override {
         grabs_ = {};
         grabber_.reset();
         connection_.reset();
     }
 
-    X11VideoCaptureService::Counts counts() const {
-        return {captured_,
-                screenReads_,
-                rowsRead_,
-                skippedIdentical_,
-                queue_ ? queue_->droppedFrames() : 0,
-                recorder_ ? recorder_->encodedFrames() : 0,
-                windowListings_,
-                captureCpuSeconds_};
-    }
-
-private:
     // The source rectangle in root pixels: the display's origin plus the display-local
     // rectangle scaled to pixels, clipped to the display. Where that is the output size
     // or one pixel more (the output is rounded down to even), the output size is taken
     // as it is rather than resampled.
     PixelRect pixelArea(const PixelRect& root) const {
         const Rect& frame = filter_.display.frame;
-        const Rect& source = configuration_.sourceRect;
+        const Rect& source = configuration().sourceRect;
         const double scale =
-            configuration_.pixelsPerPoint > 0 ? configuration_.pixelsPerPoint : 1.0;
+            configuration().pixelsPerPoint > 0 ? configuration().pixelsPerPoint : 1.0;
         const PixelRect display{static_cast<int>(std::lround(frame.x)),
                                 static_cast<int>(std::lround(frame.y)),
                                 static_cast<int>(std::lround(frame.width)),
@@ -160,32 +100,28 @@ private:
                          display.y + static_cast<int>(std::lround(source.y * scale)),
                          static_cast<int>(std::lround(source.width * scale)),
                          static_cast<int>(std::lround(source.height * scale))};
-        wanted.width = fittedToMovie(wanted.width, configuration_.width);
-        wanted.height = fittedToMovie(wanted.height, configuration_.height);
+        wanted.width = fittedToMovie(wanted.width, configuration().width);
+        wanted.height = fittedToMovie(wanted.height, configuration().height);
         return wanted.intersected(display).intersected(root);
     }
 
     // The capture thread: at most one grab per tick of a fixed grid. A grab that ran into
     // the next tick's interval is followed by that tick's at once; a tick missed entirely
     // is skipped rather than made up in a burst.
-    void capture(int64_t startNs, int64_t intervalNs) {
-        pthread_setname_np(pthread_self(), "Tessarel.grab");
-        try {
-            for (int64_t tick = 0;;
-                 tick = std::max(tick + 1, (monotonicNowNs() - startNs) / intervalNs)) {
-                const std::chrono::steady_clock::time_point deadline{
-                    std::chrono::nanoseconds(startNs + tick * intervalNs)};
-                {
-                    std::unique_lock guard(mutex_);
-                    if (wake_.wait_until(guard, deadline, [this] { return stopping_; })) {
-                        noteCpuTime();
-                        return;
-                    }
+    void capture(int64_t startNs, int64_t intervalNs) override {
+        lastPassedOnNs_ = startNs - kLongestFrameIntervalNs;
+        for (int64_t tick = 0;;
+             tick = std::max(tick + 1, (monotonicNowNs() - startNs) / intervalNs)) {
+            const std::chrono::steady_clock::time_point deadline{
+                std::chrono::nanoseconds(startNs + tick * intervalNs)};
+            {
+                std::unique_lock guard(mutex_);
+                if (wake_.wait_until(guard, deadline, [this] { return stopping_; })) {
+                    noteCpuTime();
+                    return;
                 }
-                grabFrame();
             }
-        } catch (...) {
-            delegate_->streamDidStop(std::current_exception());
+            grabFrame();
         }
     }
 
@@ -223,7 +159,7 @@ private:
         ++captured_;
         // Asked first, answered while the area is read.
         std::optional<xcb_xfixes_get_cursor_image_cookie_t> cursorRequest;
-        if (configuration_.showsCursor) {
+        if (configuration().showsCursor) {
             cursorRequest = xcb_xfixes_get_cursor_image(c);
         }
         XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor;
@@ -248,7 +184,7 @@ private:
                 return;
             }
             const VideoGrab last = grabOf(*grabs_[*previousGrab_]);
-            converter_->differs(last, &last, PixelSpan{});
+            converter().differs(last, &last, PixelSpan{});
         } else {
             const size_t current = previousGrab_ == 0u ? 1 : 0;
             X11ShmImage& image = *grabs_[current];
@@ -277,7 +213,7 @@ private:
                 mayDiffer.unite(pointerRows_[*previousGrab_]);
                 mayDiffer.unite(staleRows_[*previousGrab_]);
             }
-            if (!converter_->differs(grabOf(image), previous ? &*previous : nullptr, mayDiffer) &&
+            if (!converter().differs(grabOf(image), previous ? &*previous : nullptr, mayDiffer) &&
                 !heartbeat) {
                 ++skippedIdentical_;
                 return;
@@ -285,10 +221,7 @@ private:
             previousGrab_ = current;
         }
         lastPassedOnNs_ = captureNs;
-        VideoFrame& frame = queue_->acquire();
-        converter_->convert(frame);
-        frame.captureTimeNs = captureNs;
-        queue_->publish(frame);
+        passOnFrame(captureNs);
     }
 
     // Blends the pointer's premultiplied ARGB image over the grabbed pixels; returns the rows
@@ -320,11 +253,7 @@ private:
 
     const QByteArray displayName_;
     const ContentFilter filter_;
-    const VideoStreamConfiguration configuration_;
-    StreamDelegate* const delegate_;
-    std::shared_ptr<VideoFileRecorder> recorder_;
-    std::unique_ptr<VideoFrameQueue> queue_;
-    // Made by startCapture, then used by the capture thread only until it is joined.
+    // Made by setUp, then used by the capture thread only until it is joined.
     std::unique_ptr<X11Connection> connection_;
     std::unique_ptr<X11AreaGrabber> grabber_;
     std::array<std::unique_ptr<X11ShmImage>, 2> grabs_;
@@ -334,12 +263,10 @@ private:
     // pointer was drawn over.
     std::array<PixelSpan, 2> staleRows_;
     std::array<PixelSpan, 2> pointerRows_;
-    std::unique_ptr<VideoFrameConverter> converter_;
     int64_t lastPassedOnNs_ = 0;
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
-    std::thread thread_;
     // Written by the capture thread, read by any.
     std::atomic<long long> captured_{0};
     std::atomic<long long> screenReads_{0};
@@ -354,19 +281,9 @@ private:
 X11VideoCaptureService::X11VideoCaptureService(QByteArray displayName)
     : displayName_(std::move(displayName)) {}
 
-std::vector<VideoCodec> X11VideoCaptureService::availableVideoCodecTypes() {
-    return VideoFileRecorder::availableCodecs();
-}
-
 std::shared_ptr<VideoCaptureStream> X11VideoCaptureService::makeStream(
     const ContentFilter& filter, const VideoStreamConfiguration& config, StreamDelegate* delegate) {
     return std::make_shared<X11VideoStream>(displayName_, filter, config, delegate);
-}
-
-std::shared_ptr<RecordingOutput>
-X11VideoCaptureService::makeRecordingOutput(const RecordingOutputConfiguration& config,
-                                            RecordingOutputDelegate* delegate) {
-    return std::make_shared<VideoFileRecorder>(config, delegate);
 }
 
 X11VideoCaptureService::Counts X11VideoCaptureService::counts(const VideoCaptureStream& stream) {

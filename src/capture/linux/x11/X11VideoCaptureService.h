@@ -1,6 +1,6 @@
 #pragma once
 
-#include "capture/CapturePlatform.h"
+#include "capture/linux/ScreenVideoStream.h"
 
 #include <QByteArray>
 
@@ -12,7 +12,7 @@
 // brought to the output size in I420 (libyuv, only where it changed) and passed to the
 // recorder through a queue of `queueDepth` preallocated frames, which never makes the
 // capture thread wait. The recorder encodes on a thread of its own (VideoFileRecorder).
-class X11VideoCaptureService final : public VideoCaptureService {
+class X11VideoCaptureService final : public ScreenVideoCaptureService {
 public:
     // What a stream has done so far.
     struct Counts {
@@ -29,13 +29,9 @@ public:
     // An empty name means $DISPLAY.
     explicit X11VideoCaptureService(QByteArray displayName = {});
 
-    std::vector<VideoCodec> availableVideoCodecTypes() override;
     std::shared_ptr<VideoCaptureStream> makeStream(const ContentFilter& filter,
                                                    const VideoStreamConfiguration& config,
                                                    StreamDelegate* delegate) override;
-    std::shared_ptr<RecordingOutput>
-    makeRecordingOutput(const RecordingOutputConfiguration& config,
-                        RecordingOutputDelegate* delegate) override;
 
     // Any thread, but not while the stream starts; zeros for a stream of another service.
     static Counts counts(const VideoCaptureStream& stream);
