@@ -15,8 +15,8 @@
 #include "support/PortalDesktop.h"
 #include "support/WaylandDesktop.h"
 
-#include <QFileInfo>
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QUrl>
