@@ -7,25 +7,10 @@
 #include "capture/linux/wayland/WaylandContentProvider.h"
 #include "capture/linux/wayland/WaylandVideoCaptureService.h"
 
-#include <QString>
-#include <QUrl>
-
-#include <unistd.h>
+#include "RecordUntilKilled.h"
 
 #include <cstdio>
-#include <exception>
-
-namespace {
-
-class Quiet final : public StreamDelegate, public RecordingOutputDelegate {
-public:
-    void streamDidStop(std::exception_ptr) override {}
-    void recordingOutputDidStartRecording() override {}
-    void recordingOutputDidFinishRecording() override {}
-    void recordingOutputDidFail(std::exception_ptr) override {}
-};
-
-} // namespace
+#include <cstdlib>
 
 int main(int argc, char** argv) {
     if (argc != 8) {
@@ -44,25 +29,7 @@ int main(int argc, char** argv) {
                 target = candidate;
             }
         }
-        Quiet quiet;
-        VideoStreamConfiguration configuration;
-        configuration.sourceRect = area;
-        configuration.width = static_cast<long long>(area.width) / 2 * 2;
-        configuration.height = static_cast<long long>(area.height) / 2 * 2;
-        configuration.minimumFrameInterval = {1, 30};
-        configuration.queueDepth = 6;
-        configuration.showsCursor = true;
-        auto stream = video.makeStream({target, {}}, configuration, &quiet);
-        stream->addRecordingOutput(
-            video.makeRecordingOutput({QUrl::fromLocalFile(QString::fromLocal8Bit(argv[3])),
-                                       VideoFileType::mpeg4, VideoCodec::h264},
-                                      &quiet));
-        stream->startCapture();
-        std::printf("recording\n");
-        std::fflush(stdout);
-        for (;;) {
-            pause();
-        }
+        return recordUntilKilled(video, target, area, argv[3]);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
         return 1;

@@ -5,25 +5,10 @@
 #include "capture/linux/x11/X11ContentProvider.h"
 #include "capture/linux/x11/X11VideoCaptureService.h"
 
-#include <QString>
-#include <QUrl>
-
-#include <unistd.h>
+#include "RecordUntilKilled.h"
 
 #include <cstdio>
-#include <exception>
-
-namespace {
-
-class Quiet final : public StreamDelegate, public RecordingOutputDelegate {
-public:
-    void streamDidStop(std::exception_ptr) override {}
-    void recordingOutputDidStartRecording() override {}
-    void recordingOutputDidFinishRecording() override {}
-    void recordingOutputDidFail(std::exception_ptr) override {}
-};
-
-} // namespace
+#include <cstdlib>
 
 int main(int argc, char** argv) {
     if (argc != 7) {
@@ -41,25 +26,7 @@ int main(int argc, char** argv) {
                 main = candidate;
             }
         }
-        Quiet quiet;
-        VideoStreamConfiguration configuration;
-        configuration.sourceRect = area;
-        configuration.width = static_cast<long long>(area.width) / 2 * 2;
-        configuration.height = static_cast<long long>(area.height) / 2 * 2;
-        configuration.minimumFrameInterval = {1, 30};
-        configuration.queueDepth = 6;
-        configuration.showsCursor = true;
-        auto stream = video.makeStream({main, {}}, configuration, &quiet);
-        stream->addRecordingOutput(
-            video.makeRecordingOutput({QUrl::fromLocalFile(QString::fromLocal8Bit(argv[2])),
-                                       VideoFileType::mpeg4, VideoCodec::h264},
-                                      &quiet));
-        stream->startCapture();
-        std::printf("recording\n");
-        std::fflush(stdout);
-        for (;;) {
-            pause();
-        }
+        return recordUntilKilled(video, main, area, argv[2]);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
         return 1;
