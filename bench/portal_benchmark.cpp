@@ -10,14 +10,13 @@
 // encoder), the backend's are in neither. Dropped frames are those short of 30 a second of
 // wall-clock time, counted with ffprobe.
 
+#include "MovieFacts.h"
 #include "capture/linux/portal/DesktopPortal.h"
 #include "capture/linux/portal/PortalCaptureServices.h"
 #include "support/PortalDesktop.h"
 #include "support/WaylandDesktop.h"
 
 #include <QCoreApplication>
-#include <QFileInfo>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QUrl>
 
@@ -84,20 +83,12 @@ int main(int argc, char** argv) {
     stream->stopCapture();
     const double cpu = ownCpuSeconds() - before;
 
-    QProcess ffprobe;
-    ffprobe.start(QStringLiteral("ffprobe"),
-                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-count_frames"),
-                   QStringLiteral("-select_streams"), QStringLiteral("v:0"),
-                   QStringLiteral("-show_entries"),
-                   QStringLiteral("stream=nb_read_frames:format=duration"), QStringLiteral("-of"),
-                   QStringLiteral("default=nw=1:nk=1"), path});
-    ffprobe.waitForFinished(300000);
-    const auto lines = QString::fromUtf8(ffprobe.readAllStandardOutput()).split(QLatin1Char('\n'));
-    const long long frames = lines.value(0).toLongLong();
+    MovieFacts movie;
+    probeMovieInto(movie, path);
     std::printf("%-22s %9s %8s %8s %9s %11s\n", "movie", "cpu s", "frames", "dropped", "length s",
                 "size MB");
-    std::printf("%-22s %9.2f %8lld %8lld %9.2f %11.2f\n", "portal 1920x1080 band", cpu, frames,
-                std::max(0LL, 30LL * seconds - frames), lines.value(1).toDouble(),
-                static_cast<double>(QFileInfo(path).size()) / 1e6);
+    std::printf("%-22s %9.2f %8lld %8lld %9.2f %11.2f\n", "portal 1920x1080 band", cpu,
+                movie.frames, std::max(0LL, 30LL * seconds - movie.frames), movie.duration,
+                static_cast<double>(movie.bytes) / 1e6);
     return 0;
 }

@@ -22,10 +22,9 @@
 #include "support/VirtualDisplay.h"
 
 #include "DesktopScenes.h"
+#include "MovieFacts.h"
 
 #include <QCoreApplication>
-#include <QFileInfo>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QUrl>
 
@@ -183,30 +182,10 @@ constexpr auto kFrameTime = std::chrono::microseconds(1'000'000 / 30);
 
 // ---- Measurements (in the parent) -------------------------------------------------------
 
-struct Result {
+struct Result : MovieFacts {
     double cpuSeconds = 0;
-    long long frames = 0;
-    double duration = 0;
-    qint64 bytes = 0;
     std::optional<X11VideoCaptureService::Counts> counts; // Tessarel's only
 };
-
-void probeInto(Result& result, const QString& path) {
-    QProcess ffprobe;
-    ffprobe.start(QStringLiteral("ffprobe"),
-                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-count_frames"),
-                   QStringLiteral("-select_streams"), QStringLiteral("v:0"),
-                   QStringLiteral("-show_entries"),
-                   QStringLiteral("stream=nb_read_frames:format=duration"), QStringLiteral("-of"),
-                   QStringLiteral("default=nw=1:nk=1"), path});
-    ffprobe.waitForFinished(300000);
-    const auto lines = QString::fromUtf8(ffprobe.readAllStandardOutput()).split(QLatin1Char('\n'));
-    if (lines.size() >= 2) {
-        result.frames = lines[0].toLongLong();
-        result.duration = lines[1].toDouble();
-    }
-    result.bytes = QFileInfo(path).size();
-}
 
 class Silent final : public StreamDelegate, public RecordingOutputDelegate {
 public:
@@ -249,7 +228,7 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     Result result;
     result.cpuSeconds = cpuSeconds(after) - cpuSeconds(before);
     result.counts = X11VideoCaptureService::counts(*stream);
-    probeInto(result, path);
+    probeMovieInto(result, path);
     return result;
 }
 
@@ -287,7 +266,7 @@ Result recordWithFfmpeg(const QByteArray& display, const QString& path, int seco
     wait4(pid, &status, 0, &usage);
     Result result;
     result.cpuSeconds = cpuSeconds(usage);
-    probeInto(result, path);
+    probeMovieInto(result, path);
     return result;
 }
 

@@ -25,6 +25,7 @@
 #include "support/WaylandDesktop.h"
 
 #include "DesktopScenes.h"
+#include "MovieFacts.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -182,30 +183,10 @@ void benchmarkSnapshot(int repetitions) {
 
 // ---- Movies --------------------------------------------------------------------------------
 
-struct Result {
+struct Result : MovieFacts {
     double cpuSeconds = 0;
-    long long frames = 0;
-    double duration = 0;
-    qint64 bytes = 0;
     std::optional<WaylandVideoCaptureService::Counts> counts; // Tessarel's only
 };
-
-void probeInto(Result& result, const QString& path) {
-    QProcess ffprobe;
-    ffprobe.start(QStringLiteral("ffprobe"),
-                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-count_frames"),
-                   QStringLiteral("-select_streams"), QStringLiteral("v:0"),
-                   QStringLiteral("-show_entries"),
-                   QStringLiteral("stream=nb_read_frames:format=duration"), QStringLiteral("-of"),
-                   QStringLiteral("default=nw=1:nk=1"), path});
-    ffprobe.waitForFinished(300000);
-    const auto lines = QString::fromUtf8(ffprobe.readAllStandardOutput()).split(QLatin1Char('\n'));
-    if (lines.size() >= 2) {
-        result.frames = lines[0].toLongLong();
-        result.duration = lines[1].toDouble();
-    }
-    result.bytes = QFileInfo(path).size();
-}
 
 class Silent final : public StreamDelegate, public RecordingOutputDelegate {
 public:
@@ -237,7 +218,7 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     Result result;
     result.cpuSeconds = ownCpuSeconds() - before;
     result.counts = WaylandVideoCaptureService::counts(*stream);
-    probeInto(result, path);
+    probeMovieInto(result, path);
     return result;
 }
 
@@ -266,7 +247,7 @@ Result recordWithWfRecorder(const WaylandDesktop& desktop, const QString& path, 
     recorder.waitForFinished(1000);
     Result result;
     result.cpuSeconds = cpuSeconds(usage);
-    probeInto(result, path);
+    probeMovieInto(result, path);
     return result;
 }
 
