@@ -1,5 +1,7 @@
 #include "MovieInspection.h"
 
+#include "capture/CaptureEngine.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -47,6 +49,11 @@ void RecorderEvents::settle(std::exception_ptr error) {
         error_ = error;
     }
     done_.notify_all();
+}
+
+VideoStreamConfiguration configurationFor(const Rect& sourcePoints, double scale) {
+    return CaptureEngine::videoStreamConfiguration(
+        sourcePoints, CaptureEngine::videoOutputSize(sourcePoints.size(), scale), scale);
 }
 
 QByteArray runTool(const QString& program, const QStringList& arguments) {

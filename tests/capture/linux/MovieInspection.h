@@ -53,6 +53,9 @@ struct Probe {
     long long keyframes = 0;
 };
 
+// The stream configuration the engine makes for `sourcePoints` on a display of `scale`.
+VideoStreamConfiguration configurationFor(const Rect& sourcePoints, double scale);
+
 // Runs a tool and returns what it printed, failing the test when it fails.
 QByteArray runTool(const QString& program, const QStringList& arguments);
 Probe probe(const QString& path);

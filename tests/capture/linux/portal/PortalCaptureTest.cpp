@@ -1,5 +1,4 @@
 #include "MovieInspection.h"
-#include "capture/CaptureEngine.h"
 #include "capture/linux/portal/DesktopPortal.h"
 #include "capture/linux/portal/PortalCaptureServices.h"
 #include "controller/TessarelController.h"
@@ -141,11 +140,6 @@ std::optional<int> blockLeft(const QByteArray& frame, int frameWidth, int row) {
         }
     }
     return std::nullopt;
-}
-
-VideoStreamConfiguration configurationFor(const Rect& sourcePoints, double scale) {
-    return CaptureEngine::videoStreamConfiguration(
-        sourcePoints, CaptureEngine::videoOutputSize(sourcePoints.size(), scale), scale);
 }
 
 // ---- Tests -----------------------------------------------------------------------------------

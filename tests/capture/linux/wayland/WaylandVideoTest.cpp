@@ -1,4 +1,3 @@
-#include "capture/CaptureEngine.h"
 #include "capture/OutputNumbering.h"
 #include "capture/linux/wayland/WaylandContentProvider.h"
 #include "capture/linux/wayland/WaylandVideoCaptureService.h"
@@ -26,12 +25,6 @@ DisplayInfo displayOf(const WaylandDesktop& desktop, const QString& name) {
         }
     }
     return {};
-}
-
-// The stream configuration the engine makes for `sourcePoints` on a display of `scale`.
-VideoStreamConfiguration configurationFor(const Rect& sourcePoints, double scale) {
-    return CaptureEngine::videoStreamConfiguration(
-        sourcePoints, CaptureEngine::videoOutputSize(sourcePoints.size(), scale), scale);
 }
 
 // A stream with a movie recorder on it, not started yet.

@@ -1,4 +1,3 @@
-#include "capture/CaptureEngine.h"
 #include "capture/linux/x11/X11ContentProvider.h"
 #include "capture/linux/x11/X11ScreenshotService.h"
 #include "capture/linux/x11/X11VideoCaptureService.h"
@@ -34,12 +33,6 @@ DisplayInfo mainDisplay(const QByteArray& name) {
         }
     }
     return {};
-}
-
-// The stream configuration the engine makes for `sourcePoints` on a display of `scale`.
-VideoStreamConfiguration configurationFor(const Rect& sourcePoints, double scale) {
-    return CaptureEngine::videoStreamConfiguration(
-        sourcePoints, CaptureEngine::videoOutputSize(sourcePoints.size(), scale), scale);
 }
 
 // Moves a window back and forth along a line until destroyed.
