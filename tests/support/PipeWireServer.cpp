@@ -1,5 +1,7 @@
 #include "support/PipeWireServer.h"
 
+#include "support/Pactl.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -32,17 +34,23 @@ PipeWireServer::PipeWireServer() {
 }
 
 void PipeWireServer::start() {
-    QProcessEnvironment environment = daemonEnvironment();
-    startSessionBus(environment);
+    environment_ = daemonEnvironment();
+    startSessionBus(environment_);
     writeSessionManagerConfig(QDir(runtimeDir_.path()).filePath(QStringLiteral("config")));
-
-    startDaemon(QStringLiteral("pipewire"), {}, environment);
-    const QString graphSocket = QDir(runtimeDir_.path()).filePath(QStringLiteral("pipewire-0"));
-    waitFor(QStringLiteral("PipeWire's socket"), [&] { return QFileInfo::exists(graphSocket); });
-    startDaemon(QStringLiteral("wireplumber"), {}, environment);
-    startDaemon(QStringLiteral("pipewire-pulse"), {}, environment);
-
     qputenv("PULSE_SERVER", address().toUtf8());
+    startSoundDaemons();
+}
+
+void PipeWireServer::startSoundDaemons() {
+    soundDaemonsFrom_ = daemons_.size();
+    // A killed PipeWire leaves its socket behind; the new one is the sign that it is up.
+    const QString graphSocket = QDir(runtimeDir_.path()).filePath(QStringLiteral("pipewire-0"));
+    QFile::remove(graphSocket);
+    startDaemon(QStringLiteral("pipewire"), {}, environment_);
+    waitFor(QStringLiteral("PipeWire's socket"), [&] { return QFileInfo::exists(graphSocket); });
+    startDaemon(QStringLiteral("wireplumber"), {}, environment_);
+    startDaemon(QStringLiteral("pipewire-pulse"), {}, environment_);
+
     waitFor(QStringLiteral("the PulseAudio service of PipeWire"), [&] {
         try {
             return pactl({QStringLiteral("info")})
@@ -67,6 +75,21 @@ void PipeWireServer::start() {
     });
 }
 
+void PipeWireServer::restartAfter(int milliseconds) {
+    stopPlaying();
+    while (daemons_.size() > soundDaemonsFrom_) {
+        daemons_.back()->kill();
+        daemons_.back()->waitForFinished(kDeadlineMs);
+        daemons_.pop_back();
+    }
+    QThread::msleep(static_cast<unsigned long>(milliseconds));
+    try {
+        startSoundDaemons();
+    } catch (const std::runtime_error& error) {
+        fail(QString::fromUtf8(error.what()));
+    }
+}
+
 PipeWireServer::~PipeWireServer() {
     stopAll();
 }
@@ -82,17 +105,7 @@ QProcessEnvironment PipeWireServer::clientEnvironment() const {
 }
 
 QString PipeWireServer::pactl(const QStringList& arguments) const {
-    QProcess process;
-    process.setProcessEnvironment(clientEnvironment());
-    process.start(QStringLiteral("pactl"), arguments);
-    if (!process.waitForFinished(kDeadlineMs) || process.exitStatus() != QProcess::NormalExit ||
-        process.exitCode() != 0) {
-        throw std::runtime_error((QStringLiteral("pactl ") + arguments.join(QLatin1Char(' ')) +
-                                  QStringLiteral(" failed: ") +
-                                  QString::fromLocal8Bit(process.readAllStandardError()))
-                                     .toStdString());
-    }
-    return QString::fromLocal8Bit(process.readAllStandardOutput());
+    return ::pactl(clientEnvironment(), arguments);
 }
 
 // Everything the daemons find on their own (configuration, state, sockets, the session bus)

@@ -43,12 +43,19 @@ public:
     // `pactl` run against the server; its standard output. Throws when it fails.
     QString pactl(const QStringList& arguments) const;
 
+    // Kills PipeWire, its session manager and its PulseAudio service, as an update restarts
+    // them, and starts them again after `milliseconds` with the null sink as the default
+    // output. Nothing plays afterwards until a tone is played again. Throws as the
+    // constructor does.
+    void restartAfter(int milliseconds);
+
     // See TonePlayer::play() and TonePlayer::stop().
     void playTone(double frequencyHz, double seconds) { tone_.play(frequencyHz, seconds); }
     void stopPlaying() { tone_.stop(); }
 
 private:
     void start();
+    void startSoundDaemons();
     QProcessEnvironment daemonEnvironment() const;
     void startDaemon(const QString& program, const QStringList& arguments,
                      const QProcessEnvironment& environment);
@@ -62,6 +69,9 @@ private:
     QTemporaryDir runtimeDir_;
     // In start order; stopped in reverse.
     std::vector<std::unique_ptr<QProcess>> daemons_;
+    // The session bus stays when the sound daemons restart; they come after it.
+    size_t soundDaemonsFrom_ = 0;
+    QProcessEnvironment environment_;
     TonePlayer tone_{clientEnvironment(), sinkName()};
     QByteArray previousServer_;
 };

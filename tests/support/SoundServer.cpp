@@ -1,5 +1,7 @@
 #include "support/SoundServer.h"
 
+#include "support/Pactl.h"
+
 #include <QDeadlineTimer>
 #include <QThread>
 
@@ -11,6 +13,12 @@ SoundServer::SoundServer() {
     if (!runtimeDir_.isValid()) {
         throw std::runtime_error("no temporary folder for the sound server");
     }
+    previousServer_ = qgetenv("PULSE_SERVER");
+    qputenv("PULSE_SERVER", address().toUtf8());
+    start();
+}
+
+void SoundServer::start() {
     const QString dir = runtimeDir_.path();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     for (const char* name :
@@ -33,8 +41,6 @@ SoundServer::SoundServer() {
     if (!daemon_.waitForStarted(30000)) {
         throw std::runtime_error("pulseaudio did not start");
     }
-    previousServer_ = qgetenv("PULSE_SERVER");
-    qputenv("PULSE_SERVER", address().toUtf8());
 
     // Ready once a client gets an answer.
     const QDeadlineTimer deadline(30000);
@@ -94,6 +100,17 @@ void SoundServer::stall(int milliseconds) {
     ::kill(pid, SIGSTOP);
     QThread::msleep(static_cast<unsigned long>(milliseconds));
     ::kill(pid, SIGCONT);
+}
+
+void SoundServer::restartAfter(int milliseconds) {
+    stopPlaying();
+    kill();
+    QThread::msleep(static_cast<unsigned long>(milliseconds));
+    start();
+}
+
+QString SoundServer::pactl(const QStringList& arguments) const {
+    return ::pactl(clientEnvironment(), arguments);
 }
 
 void SoundServer::kill() {

@@ -3,6 +3,7 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
+#include <QStringList>
 #include <QTemporaryDir>
 
 #include "support/TonePlayer.h"
@@ -46,7 +47,17 @@ public:
     // Kills the server outright, as a crash would.
     void kill();
 
+    // Kills the server, as an update restarts it, and starts it again after `milliseconds`
+    // with the same address and null sink. Nothing plays afterwards until a tone is played
+    // again. Throws as the constructor does.
+    void restartAfter(int milliseconds);
+
+    // `pactl` run against the server; its standard output. Throws when it fails.
+    QString pactl(const QStringList& arguments) const;
+
 private:
+    void start();
+
     QTemporaryDir runtimeDir_;
     QProcess daemon_;
     TonePlayer tone_{clientEnvironment(), sinkName()};

@@ -5,7 +5,6 @@
 
 #include <pulse/pulseaudio.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -49,6 +48,10 @@ private:
 // Small fragments keep the delivered times close to the clock.
 constexpr pa_usec_t kFragmentUs = 20'000;
 constexpr int64_t kNsPerSecond = 1'000'000'000;
+// Sound servers restart on updates: a lost one is looked for this long before the recording
+// ends, every kReconnectIntervalUs.
+constexpr int64_t kReconnectWindowNs = 10 * kNsPerSecond;
+constexpr pa_usec_t kReconnectIntervalUs = 100'000;
 
 class PulseAudioCaptureStream final : public AudioCaptureStream {
 public:
@@ -72,7 +75,7 @@ public:
             throw PlatformError(QStringLiteral("The sound server cannot record this format."));
         }
         try {
-            connect();
+            start();
         } catch (...) {
             release();
             throw;
@@ -85,10 +88,8 @@ public:
         }
         {
             MainloopLock lock(mainloop_.get());
-            running_ = false;
-            if (PA_STREAM_IS_GOOD(pa_stream_get_state(stream_.get()))) {
-                pa_stream_disconnect(stream_.get());
-            }
+            phase_ = Phase::stopped;
+            disconnectStream();
         }
         release();
         // Buffers already handed over reach the handler before the stop is complete.
@@ -98,94 +99,86 @@ public:
     }
 
 private:
-    void connect() {
-        stopReported_ = false;
+    // starting: startCapture waits for the first stream or the first failure.
+    // recording: a stream on the default output's monitor delivers.
+    // reconnecting: the server or the stream was lost; the same steps are retried until a
+    //   stream records again or the window has passed.
+    // ended: the loss has been reported; stopCapture is all that is left.
+    enum class Phase { starting, recording, reconnecting, ended, stopped };
+
+    void start() {
+        phase_ = Phase::starting;
+        startError_ = nullptr;
         anchorNs_.reset();
-        suspendedAtNs_.reset();
+        bridgeGap_ = false;
         framesDelivered_ = 0;
         mainloop_.reset(pa_threaded_mainloop_new());
-        if (!mainloop_) {
-            throw PlatformError(QStringLiteral("The sound server could not be contacted."));
-        }
-        context_.reset(pa_context_new(pa_threaded_mainloop_get_api(mainloop_.get()), "Tessarel"));
-        if (!context_) {
-            throw PlatformError(QStringLiteral("The sound server could not be contacted."));
-        }
-        pa_context_set_state_callback(context_.get(), contextStateChanged, this);
-        if (pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
-            throw serverError(QStringLiteral("Tessarel could not connect to the sound server: "));
-        }
-        if (pa_threaded_mainloop_start(mainloop_.get()) < 0) {
+        if (!mainloop_ || pa_threaded_mainloop_start(mainloop_.get()) < 0) {
             throw PlatformError(QStringLiteral("The sound server could not be contacted."));
         }
         MainloopLock lock(mainloop_.get());
-        waitUntil([this] { return contextIsReady(); });
-        connectStream(defaultSinkMonitor());
-        waitUntil([this] { return streamIsReady(); });
-        running_ = true;
+        pa_mainloop_api* api = pa_threaded_mainloop_get_api(mainloop_.get());
+        retryTimer_ = api->time_new(api, nullptr, retryDue, this);
+        connectContext();
+        while (phase_ == Phase::starting && !startError_) {
+            pa_threaded_mainloop_wait(mainloop_.get());
+        }
+        if (startError_) {
+            std::rethrow_exception(startError_);
+        }
     }
 
-    // Lock held. Both throw once the connection has failed.
-    bool contextIsReady() {
-        const pa_context_state_t state = pa_context_get_state(context_.get());
-        if (!PA_CONTEXT_IS_GOOD(state)) {
-            throw serverError(QStringLiteral("Tessarel could not connect to the sound server: "));
+    // ---- Connection steps; lock held, on the PulseAudio thread or in start ----
+    // Each step that fails calls setBack; success moves on to the next step from a callback:
+    // context ready -> default sink -> its monitor -> record stream ready.
+
+    void connectContext() {
+        disconnectStream();
+        releaseContext();
+        context_.reset(pa_context_new(pa_threaded_mainloop_get_api(mainloop_.get()), "Tessarel"));
+        if (!context_) {
+            setBack(PlatformError(QStringLiteral("The sound server could not be contacted.")));
+            return;
         }
-        return state == PA_CONTEXT_READY;
-    }
-    bool streamIsReady() {
-        const pa_stream_state_t state = pa_stream_get_state(stream_.get());
-        if (!PA_STREAM_IS_GOOD(state)) {
-            throw serverError(QStringLiteral("Tessarel could not record the sound output: "));
+        pa_context_set_state_callback(context_.get(), contextStateChanged, this);
+        pa_context_set_subscribe_callback(context_.get(), serverChanged, this);
+        if (pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+            setBack(
+                serverError(QStringLiteral("Tessarel could not connect to the sound server: ")));
         }
-        return state == PA_STREAM_READY;
     }
 
-    // Lock held. The default sink is asked for by name: its monitor is what the computer
-    // plays, whatever the server's default source is.
-    std::string defaultSinkMonitor() {
-        struct Reply {
-            pa_threaded_mainloop* mainloop;
-            std::string name;
-        };
-        Reply sink{mainloop_.get(), {}};
-        await(pa_context_get_server_info(
-            context_.get(),
-            [](pa_context*, const pa_server_info* info, void* userdata) {
-                auto* reply = static_cast<Reply*>(userdata);
-                if (info && info->default_sink_name) {
-                    reply->name = info->default_sink_name;
-                }
-                pa_threaded_mainloop_signal(reply->mainloop, 0);
-            },
-            &sink));
-        if (sink.name.empty()) {
-            throw PlatformError(QStringLiteral("The sound server has no output to record."));
+    // The default sink is asked for by name: its monitor is what the computer plays, whatever
+    // the server's default source is.
+    void askForTheDefaultSink() {
+        const Operation operation(
+            pa_context_get_server_info(context_.get(), serverInfoArrived, this));
+        if (!operation) {
+            setBack(serverError(QStringLiteral("The sound server did not answer: ")));
         }
-        Reply monitor{mainloop_.get(), {}};
-        await(pa_context_get_sink_info_by_name(
-            context_.get(), sink.name.c_str(),
-            [](pa_context*, const pa_sink_info* info, int, void* userdata) {
-                auto* reply = static_cast<Reply*>(userdata);
-                if (info && info->monitor_source_name) {
-                    reply->name = info->monitor_source_name;
-                }
-                pa_threaded_mainloop_signal(reply->mainloop, 0);
-            },
-            &monitor));
-        if (monitor.name.empty()) {
-            throw PlatformError(
-                QStringLiteral("The sound output “%1” cannot be recorded.").arg(sink.name.c_str()));
-        }
-        return monitor.name;
     }
 
-    // Lock held. A monitor source carries the mix of every client; Tessarel itself plays no
-    // sound, so there is no sound of its own to leave out.
-    void connectStream(const std::string& source) {
+    void askForTheMonitorOf(const std::string& sink) {
+        wantedSink_ = sink;
+        const Operation operation(
+            pa_context_get_sink_info_by_name(context_.get(), sink.c_str(), sinkInfoArrived, this));
+        if (!operation) {
+            setBack(serverError(QStringLiteral("The sound server did not answer: ")));
+        }
+    }
+
+    // A monitor source carries the mix of every client; Tessarel itself plays no sound, so
+    // there is no sound of its own to leave out. The stream is not moved by the server when
+    // its source goes away: it fails, and the default output's monitor is looked for again.
+    void connectStream(const std::string& sink, const char* source) {
+        disconnectStream();
+        recordedSink_ = sink;
+        // What the new stream delivers follows what the last one delivered after a gap.
+        bridgeGap_ = anchorNs_.has_value();
         stream_.reset(pa_stream_new(context_.get(), "Tessarel system audio", &spec_, nullptr));
         if (!stream_) {
-            throw serverError(QStringLiteral("Tessarel could not record the sound output: "));
+            setBack(serverError(QStringLiteral("Tessarel could not record the sound output: ")));
+            return;
         }
         pa_stream_set_state_callback(stream_.get(), streamStateChanged, this);
         pa_stream_set_read_callback(stream_.get(), streamReadable, this);
@@ -196,32 +189,75 @@ private:
         attributes.prebuf = static_cast<uint32_t>(-1);
         attributes.minreq = static_cast<uint32_t>(-1);
         attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(kFragmentUs, &spec_));
-        const auto flags = static_cast<pa_stream_flags_t>(
-            PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_INTERPOLATE_TIMING);
-        if (pa_stream_connect_record(stream_.get(), source.c_str(), &attributes, flags) < 0) {
-            throw serverError(QStringLiteral("Tessarel could not record the sound output: "));
+        const auto flags =
+            static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
+                                           PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_DONT_MOVE);
+        if (pa_stream_connect_record(stream_.get(), source, &attributes, flags) < 0) {
+            setBack(serverError(QStringLiteral("Tessarel could not record the sound output: ")));
         }
     }
 
-    // Lock held.
-    void await(pa_operation* raw) {
-        const Operation operation(raw);
-        if (!operation) {
-            throw serverError(QStringLiteral("The sound server did not answer: "));
-        }
-        while (pa_operation_get_state(operation.get()) == PA_OPERATION_RUNNING) {
-            pa_threaded_mainloop_wait(mainloop_.get());
-        }
-        if (pa_operation_get_state(operation.get()) != PA_OPERATION_DONE) {
-            throw serverError(QStringLiteral("The sound server did not answer: "));
+    // A step failed. Before the first stream that fails the start; while recording, the
+    // server is looked for again until kReconnectWindowNs has passed.
+    void setBack(const PlatformError& startError) {
+        switch (phase_) {
+        case Phase::starting:
+            startError_ = std::make_exception_ptr(startError);
+            pa_threaded_mainloop_signal(mainloop_.get(), 0);
+            break;
+        case Phase::recording:
+            phase_ = Phase::reconnecting;
+            lostAtNs_ = monotonicNowNs();
+            lossReason_ = QString::fromUtf8(pa_strerror(pa_context_errno(context_.get())));
+            armRetry();
+            break;
+        case Phase::reconnecting:
+        case Phase::ended:
+        case Phase::stopped:
+            break;
         }
     }
 
-    // Lock held.
-    void waitUntil(const std::function<bool()>& done) {
-        while (!done()) {
-            pa_threaded_mainloop_wait(mainloop_.get());
+    // An answer that is not there yet. It ends only the start: while recording, the stream
+    // already there goes on, and one being looked for is asked for again.
+    void failStart(const PlatformError& error) {
+        if (phase_ == Phase::starting) {
+            setBack(error);
         }
+    }
+
+    void armRetry() {
+        timeval due{};
+        pa_timeval_add(pa_gettimeofday(&due), kReconnectIntervalUs);
+        pa_threaded_mainloop_get_api(mainloop_.get())->time_restart(retryTimer_, &due);
+    }
+
+    // Takes up the connection steps where they stand.
+    void retry() {
+        if (phase_ != Phase::reconnecting) {
+            return;
+        }
+        if (monotonicNowNs() - lostAtNs_ >= kReconnectWindowNs) {
+            phase_ = Phase::ended;
+            disconnectStream();
+            if (delegate_) {
+                delegate_->streamDidStop(std::make_exception_ptr(PlatformError(
+                    QStringLiteral("The sound server stopped the recording: ") + lossReason_)));
+            }
+            return;
+        }
+        const pa_context_state_t state =
+            context_ ? pa_context_get_state(context_.get()) : PA_CONTEXT_FAILED;
+        if (!PA_CONTEXT_IS_GOOD(state)) {
+            connectContext();
+        } else if (state == PA_CONTEXT_READY && !streamIsGood()) {
+            askForTheDefaultSink();
+        }
+        armRetry();
+    }
+
+    bool streamIsGood() const {
+        return stream_ && PA_STREAM_IS_GOOD(pa_stream_get_state(stream_.get()));
     }
 
     PlatformError serverError(const QString& prefix) const {
@@ -229,41 +265,106 @@ private:
                              QString::fromUtf8(pa_strerror(pa_context_errno(context_.get()))));
     }
 
+    // Lock held. No callback of the stream runs after it.
+    void disconnectStream() {
+        if (!stream_) {
+            return;
+        }
+        pa_stream_set_state_callback(stream_.get(), nullptr, nullptr);
+        pa_stream_set_read_callback(stream_.get(), nullptr, nullptr);
+        pa_stream_set_suspended_callback(stream_.get(), nullptr, nullptr);
+        if (PA_STREAM_IS_GOOD(pa_stream_get_state(stream_.get()))) {
+            pa_stream_disconnect(stream_.get());
+        }
+        stream_.reset();
+    }
+
+    // Lock held or the mainloop stopped. No callback of the context runs after it; its
+    // operations still under way are cancelled.
+    void releaseContext() {
+        if (!context_) {
+            return;
+        }
+        pa_context_set_state_callback(context_.get(), nullptr, nullptr);
+        pa_context_set_subscribe_callback(context_.get(), nullptr, nullptr);
+        context_.reset();
+    }
+
     // Without the lock. After it no callback runs.
     void release() {
         if (mainloop_) {
             pa_threaded_mainloop_stop(mainloop_.get());
         }
-        running_ = false;
-        if (stream_) {
-            pa_stream_set_state_callback(stream_.get(), nullptr, nullptr);
-            pa_stream_set_read_callback(stream_.get(), nullptr, nullptr);
-            pa_stream_set_suspended_callback(stream_.get(), nullptr, nullptr);
-        }
-        if (context_) {
-            pa_context_set_state_callback(context_.get(), nullptr, nullptr);
-        }
-        stream_.reset();
-        context_.reset();
+        disconnectStream();
+        releaseContext();
+        // Frees the retry timer with it.
         mainloop_.reset();
+        retryTimer_ = nullptr;
     }
 
     // ---- On the PulseAudio thread, lock held ----
 
     static void contextStateChanged(pa_context* context, void* userdata) {
         auto* self = static_cast<PulseAudioCaptureStream*>(userdata);
-        if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context))) {
-            self->stoppedOnItsOwn();
+        const pa_context_state_t state = pa_context_get_state(context);
+        if (state == PA_CONTEXT_READY) {
+            // The default output may change while recording (headphones plugged in).
+            const Operation subscription(
+                pa_context_subscribe(context, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr));
+            self->askForTheDefaultSink();
+        } else if (!PA_CONTEXT_IS_GOOD(state)) {
+            self->setBack(self->serverError(
+                QStringLiteral("Tessarel could not connect to the sound server: ")));
         }
-        pa_threaded_mainloop_signal(self->mainloop_.get(), 0);
+    }
+
+    static void serverChanged(pa_context*, pa_subscription_event_type_t type, uint32_t,
+                              void* userdata) {
+        auto* self = static_cast<PulseAudioCaptureStream*>(userdata);
+        if ((type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) == PA_SUBSCRIPTION_EVENT_SERVER &&
+            (self->phase_ == Phase::recording || self->phase_ == Phase::reconnecting)) {
+            self->askForTheDefaultSink();
+        }
+    }
+
+    static void serverInfoArrived(pa_context*, const pa_server_info* info, void* userdata) {
+        auto* self = static_cast<PulseAudioCaptureStream*>(userdata);
+        const std::string sink = info && info->default_sink_name ? info->default_sink_name : "";
+        if (sink.empty()) {
+            // A server coming back may not have its outputs yet; it says when it has.
+            self->failStart(
+                PlatformError(QStringLiteral("The sound server has no output to record.")));
+        } else if (sink != self->recordedSink_ || !self->streamIsGood()) {
+            self->askForTheMonitorOf(sink);
+        }
+    }
+
+    static void sinkInfoArrived(pa_context*, const pa_sink_info* info, int eol, void* userdata) {
+        auto* self = static_cast<PulseAudioCaptureStream*>(userdata);
+        if (eol > 0) {
+            return;
+        }
+        if (info && info->name == self->wantedSink_ && info->monitor_source_name) {
+            self->connectStream(info->name, info->monitor_source_name);
+        } else {
+            self->failStart(
+                PlatformError(QStringLiteral("The sound output “%1” cannot be recorded.")
+                                  .arg(QString::fromStdString(self->wantedSink_))));
+        }
     }
 
     static void streamStateChanged(pa_stream* stream, void* userdata) {
         auto* self = static_cast<PulseAudioCaptureStream*>(userdata);
-        if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) {
-            self->stoppedOnItsOwn();
+        const pa_stream_state_t state = pa_stream_get_state(stream);
+        if (state == PA_STREAM_READY) {
+            if (self->phase_ == Phase::starting || self->phase_ == Phase::reconnecting) {
+                self->phase_ = Phase::recording;
+                pa_threaded_mainloop_signal(self->mainloop_.get(), 0);
+            }
+        } else if (!PA_STREAM_IS_GOOD(state)) {
+            self->setBack(
+                self->serverError(QStringLiteral("Tessarel could not record the sound output: ")));
         }
-        pa_threaded_mainloop_signal(self->mainloop_.get(), 0);
     }
 
     static void streamReadable(pa_stream*, size_t, void* userdata) {
@@ -274,34 +375,15 @@ private:
     // becomes silence when the source resumes.
     static void streamSuspended(pa_stream* stream, void* userdata) {
         auto* self = static_cast<PulseAudioCaptureStream*>(userdata);
-        if (pa_stream_is_suspended(stream) == 1) {
-            self->suspendedAtNs_ = monotonicNowNs();
-        } else if (self->suspendedAtNs_ && self->anchorNs_) {
-            const int64_t silentNs = monotonicNowNs() - *std::exchange(self->suspendedAtNs_, {});
-            std::vector<float> silence(
-                static_cast<size_t>(silentNs * self->spec_.rate / kNsPerSecond) *
-                    self->spec_.channels,
-                0.0f);
-            self->handOver(std::move(silence));
-        }
-    }
-
-    // Reported once; everything else stays as it is until stopCapture.
-    void stoppedOnItsOwn() {
-        if (!running_ || stopReported_) {
-            return;
-        }
-        stopReported_ = true;
-        if (delegate_) {
-            delegate_->streamDidStop(std::make_exception_ptr(
-                serverError(QStringLiteral("The sound server stopped the recording: "))));
+        if (pa_stream_is_suspended(stream) == 1 && self->anchorNs_) {
+            self->bridgeGap_ = true;
         }
     }
 
     // Everything readable now goes over in one buffer: one hand-over per wake-up, not per
     // fragment. The file gets exactly what the server delivered, in order; silence only where
-    // the server itself reports a hole in the stream's timeline, never because sound arrived
-    // later than a clock expected.
+    // the server itself reports a hole in the stream's timeline or its source was suspended,
+    // and while the server was gone, never because sound arrived later than a clock expected.
     void readAvailable() {
         std::vector<float> samples;
         while (pa_stream_readable_size(stream_.get()) > 0) {
@@ -312,6 +394,8 @@ private:
             }
             if (!anchorNs_) {
                 anchorNs_ = captureTimeNs();
+            } else if (std::exchange(bridgeGap_, false)) {
+                bridgeTo(arrivalTimeNs(), samples);
             }
             const size_t count = byteCount / sizeof(float);
             if (data) {
@@ -329,22 +413,41 @@ private:
 
     // The clock time of the first frame of the chunk just peeked: the latency of a record
     // stream runs from the read position to what the source records now. Before the first
-    // timing update, what waits to be read (this chunk included) is the best lower bound.
+    // timing update, what waits to be read is the best lower bound.
     int64_t captureTimeNs() {
         pa_usec_t latencyUs = 0;
         int negative = 0;
-        int64_t latencyNs = 0;
         if (pa_stream_get_latency(stream_.get(), &latencyUs, &negative) == 0) {
-            latencyNs = static_cast<int64_t>(latencyUs) * 1000 * (negative ? -1 : 1);
-        } else {
-            latencyNs = static_cast<int64_t>(
-                            pa_bytes_to_usec(pa_stream_readable_size(stream_.get()), &spec_)) *
-                        1000;
+            return monotonicNowNs() - static_cast<int64_t>(latencyUs) * 1000 * (negative ? -1 : 1);
         }
-        return monotonicNowNs() - latencyNs;
+        return arrivalTimeNs();
+    }
+
+    // The clock time of the first frame waiting to be read, were it recorded just before
+    // the last one arrived. After a gap this is what counts: a source that has just started
+    // or resumed reports latencies it has not had yet (an idle null sink claims the blocks it
+    // would render ahead).
+    int64_t arrivalTimeNs() const {
+        return monotonicNowNs() - static_cast<int64_t>(pa_bytes_to_usec(
+                                      pa_stream_readable_size(stream_.get()), &spec_)) *
+                                      1000;
+    }
+
+    // The gap between the last frame delivered and `nextFrameNs` becomes silence.
+    void bridgeTo(int64_t nextFrameNs, std::vector<float>& samples) const {
+        const int64_t gapNs =
+            nextFrameNs - (*anchorNs_ + framesToNs(framesDelivered_ + frameCount(samples)));
+        if (gapNs > 0) {
+            samples.insert(samples.end(),
+                           static_cast<size_t>(gapNs * spec_.rate / kNsPerSecond) * spec_.channels,
+                           0.0f);
+        }
     }
 
     int64_t framesToNs(int64_t frames) const { return frames * kNsPerSecond / spec_.rate; }
+    int64_t frameCount(const std::vector<float>& samples) const {
+        return static_cast<int64_t>(samples.size() / spec_.channels);
+    }
 
     // Stamped where the frames before it end: the timeline is the frames themselves.
     void handOver(std::vector<float> samples) {
@@ -353,12 +456,16 @@ private:
         buffer.sampleRate = static_cast<int>(spec_.rate);
         buffer.channelCount = spec_.channels;
         buffer.samples = std::move(samples);
-        framesDelivered_ += static_cast<int64_t>(buffer.samples.size() / spec_.channels);
+        framesDelivered_ += frameCount(buffer.samples);
         if (handler_ && queue_) {
             queue_->dispatch([handler = handler_, buffer = std::move(buffer)]() mutable {
                 handler->didOutputSampleBuffer(std::move(buffer));
             });
         }
+    }
+
+    static void retryDue(pa_mainloop_api*, pa_time_event*, const timeval*, void* userdata) {
+        static_cast<PulseAudioCaptureStream*>(userdata)->retry();
     }
 
     StreamDelegate* delegate_;
@@ -370,11 +477,16 @@ private:
     Context context_;
     Stream stream_;
     // Under the mainloop's lock.
-    bool running_ = false;
-    bool stopReported_ = false;
+    pa_time_event* retryTimer_ = nullptr;
+    Phase phase_ = Phase::stopped;
+    std::exception_ptr startError_;
+    std::string wantedSink_;
+    std::string recordedSink_;
+    int64_t lostAtNs_ = 0;
+    QString lossReason_;
     std::optional<int64_t> anchorNs_;
     int64_t framesDelivered_ = 0;
-    std::optional<int64_t> suspendedAtNs_;
+    bool bridgeGap_ = false;
 };
 
 } // namespace

@@ -1,6 +1,7 @@
 # Audio integration tests (PulseAudio null sink, FFmpeg, lame).
 add_library(tessarel_audio_test_support STATIC
     ${CMAKE_CURRENT_LIST_DIR}/AudioFileInspection.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/../../support/Pactl.cpp
     ${CMAKE_CURRENT_LIST_DIR}/../../support/SoundServer.cpp
     ${CMAKE_CURRENT_LIST_DIR}/../../support/TonePlayer.cpp
 )

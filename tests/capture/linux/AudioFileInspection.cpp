@@ -5,6 +5,7 @@
 #include <QJsonObject>
 #include <QProcess>
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstring>
@@ -127,4 +128,29 @@ double dominantFrequencyHz(const std::vector<float>& samples, int sampleRate) {
     const double right = std::log(std::abs(values[peak + 1]) + 1e-12);
     const double shift = 0.5 * (left - right) / (left - 2 * centre + right);
     return (static_cast<double>(peak) + shift) * sampleRate / static_cast<double>(n);
+}
+
+SilentRun longestSilence(const std::vector<float>& samples, float threshold) {
+    SilentRun longest;
+    size_t runStart = 0;
+    for (size_t i = 0; i < samples.size(); ++i) {
+        if (std::fabs(samples[i]) >= threshold) {
+            runStart = i + 1;
+        } else if (i + 1 - runStart > longest.length) {
+            longest = {runStart, i + 1 - runStart};
+        }
+    }
+    return longest;
+}
+
+std::vector<float> stretch(const std::vector<float>& samples, int sampleRate, double fromSeconds,
+                           double toSeconds) {
+    const auto at = [&](double seconds) {
+        return std::clamp<size_t>(static_cast<size_t>(std::max(0.0, seconds) * sampleRate), 0,
+                                  samples.size());
+    };
+    const size_t from = at(fromSeconds);
+    const size_t to = std::max(from, at(toSeconds));
+    return {samples.begin() + static_cast<std::ptrdiff_t>(from),
+            samples.begin() + static_cast<std::ptrdiff_t>(to)};
 }

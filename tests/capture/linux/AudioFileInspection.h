@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include <cstddef>
 #include <optional>
 #include <vector>
 
@@ -25,3 +26,15 @@ std::vector<float> decodeMono(const QString& path);
 
 // The strongest frequency of the middle of the samples, interpolated between FFT bins.
 double dominantFrequencyHz(const std::vector<float>& samples, int sampleRate);
+
+// The longest run of silent samples (magnitude below `threshold`): where it starts and how
+// many samples it has.
+struct SilentRun {
+    size_t start = 0;
+    size_t length = 0;
+};
+SilentRun longestSilence(const std::vector<float>& samples, float threshold);
+
+// Samples [fromSeconds, toSeconds) of `samples` at `sampleRate`, clipped to what there is.
+std::vector<float> stretch(const std::vector<float>& samples, int sampleRate, double fromSeconds,
+                           double toSeconds);

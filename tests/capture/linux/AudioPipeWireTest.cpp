@@ -2,6 +2,7 @@
 #include "capture/linux/ApplicationResourceDirectories.h"
 #include "capture/linux/AudioEngineRecording.h"
 #include "capture/linux/AudioFileInspection.h"
+#include "capture/linux/AudioServerChanges.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
 #include "support/FakeCapturePlatform.h"
@@ -55,4 +56,14 @@ TEST_F(AudioPipeWire, ToneRecordedAsM4AIsAac48kHzStereoAt1kHz) {
     EXPECT_EQ(facts->channels, 2);
     EXPECT_NEAR(facts->durationSeconds, seconds, 0.1);
     expectTone(destination(AudioExportFormat::m4a));
+}
+
+TEST_F(AudioPipeWire, RestartedPipeWireMidRecordingLeavesSilenceInTheSameWav) {
+    server_changes::expectTheRecordingToOutlastARestart(
+        engine, server, destination(AudioExportFormat::wav), AudioExportFormat::wav);
+}
+
+TEST_F(AudioPipeWire, ChangedDefaultOutputIsFollowedWithoutEndingTheRecording) {
+    server_changes::expectTheRecordingToFollowTheDefaultOutput(engine, server,
+                                                               destination(AudioExportFormat::wav));
 }

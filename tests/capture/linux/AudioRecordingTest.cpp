@@ -2,6 +2,7 @@
 #include "capture/linux/ApplicationResourceDirectories.h"
 #include "capture/linux/AudioEngineRecording.h"
 #include "capture/linux/AudioFileInspection.h"
+#include "capture/linux/AudioServerChanges.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/PulseAudioCaptureService.h"
 #include "support/FakeCapturePlatform.h"
@@ -24,11 +25,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double secondsBetween(Clock::time_point from, Clock::time_point to) {
-    return std::chrono::duration<double>(to - from).count();
-}
+using server_changes::Clock;
+using server_changes::secondsBetween;
 
 QStringList temporaryWaves(const QString& dir) {
     return QDir(dir).entryList({QStringLiteral("Tessarel-*.wav")}, QDir::Files);
@@ -58,18 +56,9 @@ protected:
 
     void playTone() { server.playTone(1000, 60); }
 
-    void pactl(const QStringList& arguments) {
-        QProcess process;
-        process.setProcessEnvironment(server.clientEnvironment());
-        process.start(QStringLiteral("pactl"), arguments);
-        ASSERT_TRUE(process.waitForFinished(30000));
-        ASSERT_EQ(process.exitCode(), 0);
-    }
-
-    // The stream stops on its own; the user's stop then ends the file with what was captured.
-    // The stream reports the loss at once, so that the recording ends with a message rather
-    // than counting on while nothing is recorded; the stop then keeps what was captured.
-    void recordUntilTheServerIsKilled(AudioExportFormat format) {
+    // The server is killed and does not come back: the recording goes on for the 10 s a
+    // restart may take, then ends with a message; the file keeps what was captured.
+    void recordUntilTheServerIsGoneForGood(AudioExportFormat format) {
         std::promise<std::exception_ptr> reported;
         std::future<std::exception_ptr> failure = reported.get_future();
         engine.setFailureHandler(
@@ -80,6 +69,8 @@ protected:
         QThread::msleep(1500);
         const Clock::time_point killed = Clock::now();
         server.kill();
+        // Within the window the server may still come back; nothing is said.
+        ASSERT_EQ(failure.wait_for(std::chrono::seconds(8)), std::future_status::timeout);
         ASSERT_EQ(failure.wait_for(std::chrono::seconds(10)), std::future_status::ready);
         EXPECT_TRUE(localizedDescription(failure.get())
                         .startsWith(QStringLiteral("The sound server stopped the recording: ")));
@@ -190,7 +181,7 @@ TEST_F(AudioRecording, MissingLameReportsTheBundledEncoderMissingAndLeavesNoTemp
 
 TEST_F(AudioRecording, StopBeforeAnySoundArrivesLeavesNoFileAndNoError) {
     // A suspended output sends nothing to its monitor.
-    pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("1")});
+    server.pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("1")});
     for (AudioExportFormat format : AudioExportFormat::allCases()) {
         engine.startAudio(QUrl::fromLocalFile(destination(format)), format);
         QThread::msleep(300);
@@ -258,12 +249,27 @@ TEST_F(AudioRecording, NoSoundServerFailsTheStartWithAClearErrorAndLeavesNoFile)
     EXPECT_TRUE(QDir(saveFolder).isEmpty());
 }
 
-TEST_F(AudioRecording, SoundServerKilledMidRecordingEndsItAndKeepsTheM4AUpToTheFailure) {
-    recordUntilTheServerIsKilled(AudioExportFormat::m4a);
+TEST_F(AudioRecording, SoundServerKilledForGoodEndsTheRecordingAfterTenSecondsKeepingTheM4A) {
+    recordUntilTheServerIsGoneForGood(AudioExportFormat::m4a);
 }
 
-TEST_F(AudioRecording, SoundServerKilledMidRecordingEndsItAndKeepsTheWavUpToTheFailure) {
-    recordUntilTheServerIsKilled(AudioExportFormat::wav);
+TEST_F(AudioRecording, SoundServerKilledForGoodEndsTheRecordingAfterTenSecondsKeepingTheWav) {
+    recordUntilTheServerIsGoneForGood(AudioExportFormat::wav);
+}
+
+TEST_F(AudioRecording, SoundServerRestartedMidRecordingLeavesSilenceInTheSameWav) {
+    server_changes::expectTheRecordingToOutlastARestart(
+        engine, server, destination(AudioExportFormat::wav), AudioExportFormat::wav);
+}
+
+TEST_F(AudioRecording, SoundServerRestartedMidRecordingLeavesSilenceInTheSameM4A) {
+    server_changes::expectTheRecordingToOutlastARestart(
+        engine, server, destination(AudioExportFormat::m4a), AudioExportFormat::m4a);
+}
+
+TEST_F(AudioRecording, ChangedDefaultOutputIsFollowedWithoutEndingTheRecording) {
+    server_changes::expectTheRecordingToFollowTheDefaultOutput(engine, server,
+                                                               destination(AudioExportFormat::wav));
 }
 
 TEST_F(AudioRecording, SoundMissingMidRecordingBecomesSilenceSoTheDurationFollowsTheClock) {
@@ -273,9 +279,9 @@ TEST_F(AudioRecording, SoundMissingMidRecordingBecomesSilenceSoTheDurationFollow
     const Clock::time_point started = Clock::now();
     QThread::msleep(1000);
     // While the output is suspended its monitor sends nothing.
-    pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("1")});
+    server.pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("1")});
     QThread::msleep(1000);
-    pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("0")});
+    server.pactl({QStringLiteral("suspend-sink"), server.sinkName(), QStringLiteral("0")});
     QThread::msleep(1000);
     const Clock::time_point stopping = Clock::now();
     engine.stop();
@@ -283,13 +289,8 @@ TEST_F(AudioRecording, SoundMissingMidRecordingBecomesSilenceSoTheDurationFollow
     const std::optional<AudioFileFacts> facts = probeAudioFile(wav);
     ASSERT_TRUE(facts);
     EXPECT_NEAR(facts->durationSeconds, secondsBetween(started, stopping), 0.1);
-    const std::vector<float> samples = decodeMono(wav);
-    size_t longestSilence = 0;
-    for (size_t i = 0, run = 0; i < samples.size(); ++i) {
-        run = std::fabs(samples[i]) < 1e-4f ? run + 1 : 0;
-        longestSilence = std::max(longestSilence, run);
-    }
-    EXPECT_NEAR(static_cast<double>(longestSilence) / 48000, 1.0, 0.15);
+    const SilentRun silence = longestSilence(decodeMono(wav), 1e-4f);
+    EXPECT_NEAR(static_cast<double>(silence.length) / 48000, 1.0, 0.15);
 }
 
 TEST_F(AudioRecording, EngineDestroyedWhileRecordingEndsItsStreamFirst) {
