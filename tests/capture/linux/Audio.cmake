@@ -65,3 +65,6 @@ tessarel_add_test(AudioTimelineTest
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/AudioTimelineTest.cpp
     LIBS ${_audio_libs} tessarel_fake_capture
     LABELS integration)
+add_dependencies(AudioTimelineTest tessarel_audio_recorder_child)
+target_compile_definitions(AudioTimelineTest PRIVATE
+    TESSAREL_RECORDER_CHILD="$<TARGET_FILE:tessarel_audio_recorder_child>")

@@ -32,7 +32,7 @@ void expectPlayableAfterKill(AudioExportFormat format) {
     recorder.start(QStringLiteral(TESSAREL_RECORDER_CHILD), {format.rawValue(), path});
     ASSERT_TRUE(recorder.waitForStarted(30000));
     ASSERT_TRUE(recorder.waitForReadyRead(30000));
-    ASSERT_EQ(recorder.readLine().trimmed(), "recording");
+    ASSERT_TRUE(recorder.readLine().startsWith("recording "));
     const Clock::time_point started = Clock::now();
     QThread::msleep(3000);
     const Clock::time_point killed = Clock::now();

@@ -1,13 +1,14 @@
-// Records the sound the computer plays into a file until it is killed, for the crash tests.
-// Usage: tessarel_audio_recorder_child M4A|WAV <file>
-// Prints "recording" on its standard output once the recording has begun.
+// Records the sound the computer plays into a file, for tests that kill or hold up the
+// recording process. Usage: tessarel_audio_recorder_child M4A|WAV <file>
+// Prints "recording <ns>" on its standard output once the recording has begun, <ns> being the
+// monotonic clock's time just before the start. Stops the recording and ends when its standard
+// input ends.
 
+#include "capture/linux/MonotonicClock.h"
 #include "support/AudioOnlyEngine.h"
 
 #include <QCoreApplication>
 #include <QStringList>
-
-#include <unistd.h>
 
 #include <cstdio>
 
@@ -22,15 +23,22 @@ int main(int argc, char** argv) {
     }
     AudioOnlyEngine recorder;
     CaptureEngine& engine = recorder.engine;
+    const int64_t startNs = monotonicNowNs();
     try {
         engine.startAudio(QUrl::fromLocalFile(arguments[2]), *format);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
         return 1;
     }
-    std::puts("recording");
+    std::printf("recording %lld\n", static_cast<long long>(startNs));
     std::fflush(stdout);
-    for (;;) {
-        ::pause();
+    while (std::getchar() != EOF) {
     }
+    try {
+        engine.stop();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+    return 0;
 }

@@ -3,10 +3,12 @@
 // file is compared with what parec, started earlier, heard from the same monitor: the file
 // must be one unbroken stretch of parec's sound (no silence parec lacks, no shift) whose first
 // sample was heard within 100 ms of the start. Midway the server stalls for a moment, so
-// that its sound reaches every client later than the clock expects.
+// that its sound reaches every client later than the clock expects; or the recording process
+// is held up now and then, so that its sound reaches it later than the clock expects.
 
 #include "capture/CaptureEngine.h"
 #include "capture/linux/ApplicationResourceDirectories.h"
+#include "capture/linux/AudioFileInspection.h"
 #include "capture/linux/FfmpegAudioWriter.h"
 #include "capture/linux/MonotonicClock.h"
 #include "capture/linux/PulseAudioCaptureService.h"
@@ -16,6 +18,8 @@
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
+
+#include <signal.h>
 
 #include <gtest/gtest.h>
 
@@ -32,6 +36,13 @@ constexpr int kRate = SoundServer::kSampleRate;
 constexpr int kRecordings = 20;
 constexpr int64_t kRecordingNs = 1'500'000'000;
 constexpr int kStallMs = 150;
+// The recording process is held up kHolds times for kHoldNs, kBetweenHoldsNs apart; the first
+// time right after the start, before its stream has had word of the server's timing.
+constexpr int kHeldUpRecordings = 10;
+constexpr int kHolds = 4;
+constexpr int64_t kHoldNs = 100'000'000;
+constexpr int64_t kBetweenHoldsNs = 250'000'000;
+constexpr int64_t kFirstHoldNs = 10'000'000;
 constexpr int64_t kStartToleranceNs = 100'000'000;
 // Both sides carry the server's samples; ours went through 16-bit PCM.
 constexpr float kSampleTolerance = 1e-3f;
@@ -187,15 +198,67 @@ protected:
             listener.listen(startNs + kRecordingNs);
             engine.stop();
             listener.listen(monotonicNowNs() + 200'000'000);
-
-            const std::vector<float> recording = leftChannel(path);
-            ASSERT_GT(recording.size(), static_cast<size_t>(kRate));
-            const int64_t offset = placeIn(listener.samples(), recording);
-            ASSERT_GE(offset, 0) << "the file is not one unbroken stretch of the server's sound";
-            const int64_t firstHeardNs = listener.heardAtNs(offset);
-            EXPECT_LT(std::llabs(firstHeardNs - startNs), kStartToleranceNs)
-                << "first sample " << (firstHeardNs - startNs) / 1'000'000 << " ms from the start";
+            expectOneStretchOfWhatWasHeard(listener, path, startNs);
         }
+    }
+
+    // The recording runs in a process of its own, which is held up (stopped) now and then, as
+    // a busy machine's scheduler may hold it: the server goes on recording for it and hands
+    // the backlog over in one go when it runs again.
+    void recordInAHeldUpProcessAndCompare() {
+        Listener listener(server);
+        listener.listen(monotonicNowNs() + 300'000'000);
+        const BusyCores busy;
+        for (int run = 0; run < kHeldUpRecordings; ++run) {
+            SCOPED_TRACE("recording " + std::to_string(run + 1));
+            const QString path = folder.filePath(QStringLiteral("held%1.wav").arg(run));
+            QProcess recorder;
+            recorder.setProcessEnvironment(server.clientEnvironment());
+            recorder.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+            recorder.start(QStringLiteral(TESSAREL_RECORDER_CHILD), {QStringLiteral("WAV"), path});
+            ASSERT_TRUE(recorder.waitForStarted(30000));
+            const int64_t deadlineNs = monotonicNowNs() + 30'000'000'000;
+            while (!recorder.canReadLine() && monotonicNowNs() < deadlineNs) {
+                listener.listen(monotonicNowNs() + 5'000'000);
+                recorder.waitForReadyRead(0);
+            }
+            const QList<QByteArray> started = recorder.readLine().trimmed().split(' ');
+            ASSERT_EQ(started.size(), 2);
+            ASSERT_EQ(started[0], "recording");
+            const int64_t startNs = started[1].toLongLong();
+            const auto pid = static_cast<pid_t>(recorder.processId());
+            for (int hold = 0; hold < kHolds; ++hold) {
+                listener.listen(monotonicNowNs() + (hold == 0 ? kFirstHoldNs : kBetweenHoldsNs));
+                ::kill(pid, SIGSTOP);
+                listener.listen(monotonicNowNs() + kHoldNs);
+                ::kill(pid, SIGCONT);
+            }
+            listener.listen(monotonicNowNs() + kBetweenHoldsNs);
+            recorder.closeWriteChannel();
+            while (!recorder.waitForFinished(5) && monotonicNowNs() < deadlineNs) {
+                listener.listen(monotonicNowNs() + 5'000'000);
+            }
+            ASSERT_EQ(recorder.exitStatus(), QProcess::NormalExit);
+            ASSERT_EQ(recorder.exitCode(), 0);
+            listener.listen(monotonicNowNs() + 200'000'000);
+            expectOneStretchOfWhatWasHeard(listener, path, startNs);
+        }
+    }
+
+    // The file is one unbroken stretch of what parec heard, whose first sample was heard
+    // within 100 ms of the start.
+    static void expectOneStretchOfWhatWasHeard(const Listener& listener, const QString& path,
+                                               int64_t startNs) {
+        const std::vector<float> recording = leftChannel(path);
+        ASSERT_GT(recording.size(), static_cast<size_t>(kRate));
+        const int64_t offset = placeIn(listener.samples(), recording);
+        ASSERT_GE(offset, 0) << "the file is not one unbroken stretch of the server's sound; "
+                                "its longest silence (which the sweep never has) is "
+                             << longestSilence(recording, kSampleTolerance).length * 1000 / kRate
+                             << " ms";
+        const int64_t firstHeardNs = listener.heardAtNs(offset);
+        EXPECT_LT(std::llabs(firstHeardNs - startNs), kStartToleranceNs)
+            << "first sample " << (firstHeardNs - startNs) / 1'000'000 << " ms from the start";
     }
 
     SoundServer server;
@@ -218,4 +281,10 @@ TEST_F(AudioTimeline, ToneFromBeforeTheStartIsRecordedExactlyAsTheServerHadIt) {
 TEST_F(AudioTimeline, ToneFromAClientWithATwoSecondBufferIsRecordedExactly) {
     server.playSweep(300, 3000, 600, 2000);
     recordAndCompare();
+}
+
+// The player keeps 2 s buffered, as paplay does by default.
+TEST_F(AudioTimeline, ToneRecordedByAProcessHeldUpNowAndThenIsRecordedExactly) {
+    server.playSweep(300, 3000, 600, 2000);
+    recordInAHeldUpProcessAndCompare();
 }
