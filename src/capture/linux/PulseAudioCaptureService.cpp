@@ -433,14 +433,16 @@ private:
                                       1000;
     }
 
-    // The gap between the last frame delivered and `nextFrameNs` becomes silence.
-    void bridgeTo(int64_t nextFrameNs, std::vector<float>& samples) const {
-        const int64_t gapNs =
-            nextFrameNs - (*anchorNs_ + framesToNs(framesDelivered_ + frameCount(samples)));
+    // The gap between the last frame delivered and `nextFrameNs` becomes silence: the
+    // buffers after it are stamped that much later, and the writer fills the time between.
+    // What was collected before the gap goes over first.
+    void bridgeTo(int64_t nextFrameNs, std::vector<float>& samples) {
+        if (!samples.empty()) {
+            handOver(std::exchange(samples, {}));
+        }
+        const int64_t gapNs = nextFrameNs - (*anchorNs_ + framesToNs(framesDelivered_));
         if (gapNs > 0) {
-            samples.insert(samples.end(),
-                           static_cast<size_t>(gapNs * spec_.rate / kNsPerSecond) * spec_.channels,
-                           0.0f);
+            framesDelivered_ += gapNs * spec_.rate / kNsPerSecond;
         }
     }
 
@@ -449,7 +451,8 @@ private:
         return static_cast<int64_t>(samples.size() / spec_.channels);
     }
 
-    // Stamped where the frames before it end: the timeline is the frames themselves.
+    // Stamped where the frames before it end: the timeline is the frames themselves, and the
+    // gaps bridged between them.
     void handOver(std::vector<float> samples) {
         SampleBuffer buffer;
         buffer.presentationTimeNs = *anchorNs_ + framesToNs(framesDelivered_);
