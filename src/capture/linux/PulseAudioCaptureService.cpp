@@ -45,7 +45,8 @@ private:
     pa_threaded_mainloop* mainloop_;
 };
 
-// Small fragments keep the delivered times close to the clock.
+// Small fragments keep the sound coming promptly; what the server still holds at the stop is
+// at most one.
 constexpr pa_usec_t kFragmentUs = 20'000;
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 // Sound servers restart on updates: a lost one is looked for this long before the recording
@@ -104,6 +105,7 @@ private:
     // reconnecting: the server or the stream was lost; the same steps are retried until a
     //   stream records again or the window has passed.
     // ended: the loss has been reported; stopCapture is all that is left.
+    // stopped: before the start and after the stop.
     enum class Phase { starting, recording, reconnecting, ended, stopped };
 
     void start() {
