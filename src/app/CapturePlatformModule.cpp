@@ -143,11 +143,9 @@ public:
             if (WaylandContentProvider::offersScreenCapture()) {
                 wayland_.emplace();
                 wayland_->screenshots.hideForSnapshots(&applicationWindows_);
-            } else if (!portal_.emplace().portal.isReachable()) {
-                portal_.reset();
-                unavailable_.emplace(QStringLiteral(
-                    "This Wayland desktop does not let applications copy the screen, and no "
-                    "desktop portal answers to ask it for the screen."));
+            } else {
+                // Whether a portal answers is asked at capture time, off the GUI thread.
+                portal_.emplace();
             }
         } else {
             unavailable_.emplace(QStringLiteral(

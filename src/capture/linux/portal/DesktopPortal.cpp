@@ -132,7 +132,8 @@ QString DesktopPortal::defaultGrantsDirectory() {
 }
 
 bool DesktopPortal::isReachable() {
-    return connection_.isConnected() && screenCastProperty("version").has_value();
+    return connection_.isConnected() && (screenCastProperty("version").has_value() ||
+                                         property(kScreenshot, "version").has_value());
 }
 
 bool DesktopPortal::offersScreenCast() {
@@ -140,10 +141,14 @@ bool DesktopPortal::offersScreenCast() {
 }
 
 std::optional<uint32_t> DesktopPortal::screenCastProperty(const char* name) {
+    return property(kScreenCast, name);
+}
+
+std::optional<uint32_t> DesktopPortal::property(const QString& interface, const char* name) {
     QDBusMessage get = QDBusMessage::createMethodCall(
         kService, kObject, QStringLiteral("org.freedesktop.DBus.Properties"),
         QStringLiteral("Get"));
-    get << kScreenCast << QString::fromLatin1(name);
+    get << interface << QString::fromLatin1(name);
     const QDBusMessage reply = connection_.call(get, QDBus::Block, kCallTimeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) {
         return std::nullopt;

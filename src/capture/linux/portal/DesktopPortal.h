@@ -61,7 +61,7 @@ public:
     DesktopPortal(const DesktopPortal&) = delete;
     DesktopPortal& operator=(const DesktopPortal&) = delete;
 
-    // Whether a portal answers and offers ScreenCast; Screenshot is assumed with it.
+    // Whether a portal answers with ScreenCast or Screenshot.
     bool isReachable();
     bool offersScreenCast();
 
@@ -92,6 +92,7 @@ private:
     QString requestPath(const QString& token) const;
     void closeSession(const QString& session);
     std::optional<uint32_t> screenCastProperty(const char* name);
+    std::optional<uint32_t> property(const QString& interface, const char* name);
     QString restoreToken(const QString& key) const;
     void keepRestoreToken(const QString& key, const QString& token) const;
 

@@ -6,8 +6,10 @@
 #include "capture/linux/portal/DesktopPortal.h"
 #include "capture/linux/portal/PipeWireScreenStream.h"
 
+#include <QCoreApplication>
 #include <QImage>
 #include <QRect>
+#include <QThread>
 
 #include <algorithm>
 #include <atomic>
@@ -20,6 +22,23 @@
 namespace {
 
 constexpr std::chrono::seconds kFirstPictureTimeout{10};
+
+// Every capture first: a portal must answer. Asked here rather than when the layer is
+// chosen, since that may happen on the GUI thread.
+void requirePortal(DesktopPortal& portal) {
+    if (!portal.isReachable()) {
+        throw PlatformError(QStringLiteral(
+            "This Wayland desktop does not let applications copy the screen, and no desktop "
+            "portal answers to ask it for the screen."));
+    }
+}
+
+// The GUI's own thread, where nothing may wait for the portal's dialog.
+bool onGuiThread() {
+    const QCoreApplication* application = QCoreApplication::instance();
+    return application != nullptr && application->inherits("QGuiApplication") &&
+           QThread::currentThread() == application->thread();
+}
 
 // The grant of a display is kept under its number.
 QString grantKey(const DisplayInfo& display) {
@@ -51,6 +70,12 @@ QSizeF logicalSize(const DesktopPortal::ScreenCast& cast, const DisplayInfo& dis
 
 Image PortalScreenshotService::captureImage(const ContentFilter& filter,
                                             const ScreenshotConfiguration& configuration) {
+    // The region overlay asks from the GUI thread for a still picture of the screen; it does
+    // without one rather than freeze while the portal asks the user.
+    if (onGuiThread()) {
+        throw PlatformError(QStringLiteral("The desktop portal is not asked from the GUI."));
+    }
+    requirePortal(portal_);
     if (portal_.offersScreenCast()) {
         return fromScreenCast(filter, configuration.showsCursor);
     }
@@ -126,6 +151,7 @@ public:
 
 private:
     void setUp(int, int) override {
+        requirePortal(portal_);
         auto cast = portal_.shareMonitor(grantKey(filter_.display), configuration().showsCursor);
         checkSharedScreen(*cast, filter_.display);
         logicalSize_ = logicalSize(*cast, filter_.display);
