@@ -8,6 +8,10 @@
 //       Tessarel does, saves it and prints "snapshot <width>x<height>";
 //   platform_loader_probe movie <mp4> <milliseconds>
 //       records the first display's upper left quarter through the engine and prints "movie";
+//   platform_loader_probe preflight
+//       checks the screen-capture permission on the GUI thread, as the controller does before
+//       each capture, and prints "allowed" or "refused" and how often a 50 ms timer of the
+//       GUI thread fired meanwhile ("... after <n> ticks");
 //   platform_loader_probe overlay-picture
 //       asks, on the GUI thread, for the still picture the region overlay shows and prints
 //       "picture <width>x<height>" or "no picture".
@@ -20,6 +24,7 @@
 #include <QGuiApplication>
 #include <QImage>
 #include <QScreen>
+#include <QTimer>
 #include <QUrl>
 
 #include <chrono>
@@ -76,6 +81,15 @@ void movie(CapturePlatform platform, const QString& path, int milliseconds) {
     std::printf("movie\n");
 }
 
+void preflight(LoadedCapturePlatform& loaded) {
+    int ticks = 0;
+    QTimer timer;
+    QObject::connect(&timer, &QTimer::timeout, [&ticks] { ++ticks; });
+    timer.start(50);
+    const bool allowed = loaded.permission().preflightScreenCaptureAccess();
+    std::printf("%s after %d ticks\n", allowed ? "allowed" : "refused", ticks);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -88,6 +102,8 @@ int main(int argc, char** argv) {
             snapshot(loaded->platform(), arguments.value(1));
         } else if (command == QLatin1String("movie")) {
             movie(loaded->platform(), arguments.value(1), arguments.value(2).toInt());
+        } else if (command == QLatin1String("preflight")) {
+            preflight(*loaded);
         } else if (command == QLatin1String("overlay-picture")) {
             const QPixmap picture =
                 screenPicture(loaded->platform(), *QGuiApplication::primaryScreen());

@@ -120,6 +120,44 @@ TEST_F(PortalChoiceOnWeston, TheOverlaysPictureNeverWaitsOnThePortal) {
     EXPECT_EQ(portal_.requestsReceived(), 0);
 }
 
+TEST_F(PortalChoiceOnWeston, PermissionIsTheDesktopsGrantAskedOnceWhileTheGuiGoesOn) {
+    portal_.takeTimeInTheDialog(1500);
+
+    // No grant yet: the desktop asks the user, and the GUI thread keeps running meanwhile.
+    const QStringList first = probe({QStringLiteral("preflight")}).lines;
+    ASSERT_EQ(first.size(), 1);
+    EXPECT_TRUE(first.front().startsWith(QStringLiteral("allowed after ")))
+        << first.front().toStdString();
+    EXPECT_GE(first.front().section(QLatin1Char(' '), 2, 2).toInt(), 10);
+    EXPECT_EQ(portal_.grantsGiven(), 1);
+    EXPECT_EQ(portal_.openSessions(), 0);
+
+    // The grant kept: a later run is allowed without a word to the portal, and its
+    // snapshot restores the grant instead of asking again.
+    const int requests = portal_.requestsReceived();
+    EXPECT_EQ(probe({QStringLiteral("preflight")}).lines,
+              QStringList{QStringLiteral("allowed after 0 ticks")});
+    EXPECT_EQ(portal_.requestsReceived(), requests);
+    ASSERT_EQ(probe({QStringLiteral("snapshot"), path(QStringLiteral("snapshot.png"))}).lines,
+              QStringList{QStringLiteral("snapshot 640x360")});
+    EXPECT_EQ(portal_.grantsGiven(), 1);
+}
+
+TEST_F(PortalChoiceOnWeston, DeclinedGrantRefusesThePermissionAndAsksAgainNextTime) {
+    portal_.declineGrants(true);
+    EXPECT_TRUE(probe({QStringLiteral("preflight")})
+                    .lines.value(0)
+                    .startsWith(QStringLiteral("refused after ")));
+    EXPECT_EQ(portal_.grantsGiven(), 0);
+    EXPECT_EQ(portal_.openSessions(), 0);
+
+    portal_.declineGrants(false);
+    EXPECT_TRUE(probe({QStringLiteral("preflight")})
+                    .lines.value(0)
+                    .startsWith(QStringLiteral("allowed after ")));
+    EXPECT_EQ(portal_.grantsGiven(), 1);
+}
+
 TEST_F(PortalChoiceOnSway, ScreencopyServesAndThePortalIsNeverAsked) {
     const auto window = desktop_.showWindow(QStringLiteral("HEADLESS-1"), 3);
     const QImage expected = desktop_.grim(QStringLiteral("HEADLESS-1"));
@@ -133,6 +171,9 @@ TEST_F(PortalChoiceOnSway, ScreencopyServesAndThePortalIsNeverAsked) {
             .lines,
         QStringList{QStringLiteral("movie")});
     EXPECT_EQ(::probe(path(QStringLiteral("movie.mp4"))).codec, "h264");
+    // Screen copy needs no grant.
+    EXPECT_EQ(probe({QStringLiteral("preflight")}).lines,
+              QStringList{QStringLiteral("allowed after 0 ticks")});
 
     EXPECT_EQ(portal_.requestsReceived(), 0);
 }

@@ -221,6 +221,10 @@ void PortalDesktop::declineGrants(bool decline) {
     }
 }
 
+void PortalDesktop::takeTimeInTheDialog(int milliseconds) {
+    writeFile(control_.filePath(QStringLiteral("dialog-ms")), QByteArray::number(milliseconds));
+}
+
 void PortalDesktop::chooseOutput(const QString& name) {
     writeFile(control_.filePath(QStringLiteral("choose")), name.toUtf8());
 }

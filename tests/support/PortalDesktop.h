@@ -43,6 +43,8 @@ public:
     // Every call the backend's ScreenCast or Access got.
     int requestsReceived() const;
     void declineGrants(bool decline);
+    // How long the user looks at the dialog before answering.
+    void takeTimeInTheDialog(int milliseconds);
     void chooseOutput(const QString& name);
     // SIGKILL for the ScreenCast backend, as if it crashed.
     void killScreenCastBackend();

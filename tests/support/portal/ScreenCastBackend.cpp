@@ -1,13 +1,14 @@
 // A desktop portal backend for tests: the backend side of ScreenCast and of Access (the
-// frontend's permission dialogs). Its "dialog" grants at once, or declines while the file
-// `decline` exists in its control folder, and picks the output named in `choose` there (else
-// the first); a restored session is granted without asking. In that folder it counts each
-// grant it gives as a line in `grants`, and each session opened and closed as a line in
-// `sessions`. Each shared monitor is a real PipeWire video node in shared memory: the test
-// pattern of its seed, a block sliding through its lower quarter, a crop that leaves out a
-// strip of other pixels at the right, damage for the rows that changed and, when asked for,
-// the pointer as metadata (a 16 × 16 magenta square at (40, 40)); now and then a corrupted
-// and an empty buffer, which a consumer must pass over.
+// frontend's permission dialogs). Its "dialog" grants, or declines while the file `decline`
+// exists in its control folder, after as many milliseconds as the file `dialog-ms` there
+// says (else at once), and picks the output named in `choose` there (else the first); a
+// restored session is granted without asking. In that folder it counts each grant it gives
+// as a line in `grants`, each session opened and closed as a line in `sessions`, and each
+// call it gets as a line in `requests`. Each shared monitor is a real PipeWire video node in
+// shared memory: the test pattern of its seed, a block sliding through its lower quarter, a
+// crop that leaves out a strip of other pixels at the right, damage for the rows that
+// changed and, when asked for, the pointer as metadata (a 16 × 16 magenta square at
+// (40, 40)); now and then a corrupted and an empty buffer, which a consumer must pass over.
 //
 //   portal_screencast_backend <control folder> <monitor> ...
 //
@@ -30,6 +31,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTextStream>
+#include <QThread>
 
 #include <cstdio>
 #include <cstring>
@@ -444,6 +446,10 @@ private:
             }
         }
         if (chosen == nullptr) { // the user is asked
+            QFile looking(control_.filePath(QStringLiteral("dialog-ms")));
+            if (looking.open(QIODevice::ReadOnly)) {
+                QThread::msleep(looking.readAll().trimmed().toULong());
+            }
             if (control_.exists(QStringLiteral("decline"))) {
                 return 1;
             }

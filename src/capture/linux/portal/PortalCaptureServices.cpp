@@ -40,16 +40,16 @@ bool onGuiThread() {
            QThread::currentThread() == application->thread();
 }
 
-// The grant of a display is kept under its number.
-QString grantKey(const DisplayInfo& display) {
-    return QString::number(display.displayID);
+// Where a display lies in the layout, in points: the portal's grants are kept by it and
+// its shared screens say where they lie.
+QPoint placeOf(const DisplayInfo& display) {
+    return {static_cast<int>(std::lround(display.frame.x)),
+            static_cast<int>(std::lround(display.frame.y))};
 }
 
 // The shared screen must be the display asked for, where the portal says which it shared.
 void checkSharedScreen(const DesktopPortal::ScreenCast& cast, const DisplayInfo& display) {
-    const QPoint origin(static_cast<int>(std::lround(display.frame.x)),
-                        static_cast<int>(std::lround(display.frame.y)));
-    if (cast.position() && *cast.position() != origin) {
+    if (cast.position() && *cast.position() != placeOf(display)) {
         throw PlatformError(QStringLiteral(
             "The desktop shared another screen than the one Tessarel asked for. Choose the "
             "screen the capture is on."));
@@ -84,7 +84,7 @@ Image PortalScreenshotService::captureImage(const ContentFilter& filter,
 
 Image PortalScreenshotService::fromScreenCast(const ContentFilter& filter, bool withPointer) {
     const std::unique_ptr<DesktopPortal::ScreenCast> cast =
-        portal_.shareMonitor(grantKey(filter.display), withPointer);
+        portal_.shareMonitor(placeOf(filter.display), withPointer);
     checkSharedScreen(*cast, filter.display);
     PipeWireScreenStream stream(cast->takeRemote(), cast->nodeId(), !cast->pointerEmbedded(), {});
     stream.awaitFirstPicture(kFirstPictureTimeout);
@@ -152,7 +152,7 @@ public:
 private:
     void setUp(int, int) override {
         requirePortal(portal_);
-        auto cast = portal_.shareMonitor(grantKey(filter_.display), configuration().showsCursor);
+        auto cast = portal_.shareMonitor(placeOf(filter_.display), configuration().showsCursor);
         checkSharedScreen(*cast, filter_.display);
         logicalSize_ = logicalSize(*cast, filter_.display);
         auto source = std::make_unique<PipeWireScreenStream>(cast->takeRemote(), cast->nodeId(),
