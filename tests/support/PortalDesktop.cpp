@@ -94,6 +94,9 @@ PortalDesktop::PortalDesktop(const WaylandDesktop& desktop, Options options) : d
                                                         : "") +
                       "\nUseIn=" + kDesktopName.toUtf8() + "\n");
         QStringList arguments{control_.path()};
+        if (options.fromScreen) {
+            arguments.prepend(QStringLiteral("--from-screen"));
+        }
         int seed = 1;
         for (const WaylandDesktop::Output& output : desktop.outputs()) {
             arguments << QStringLiteral("%1:%2:%3:%4:%5:%6:%7:%8:%9")
@@ -227,6 +230,10 @@ void PortalDesktop::takeTimeInTheDialog(int milliseconds) {
 
 void PortalDesktop::chooseOutput(const QString& name) {
     writeFile(control_.filePath(QStringLiteral("choose")), name.toUtf8());
+}
+
+qint64 PortalDesktop::screenCastBackendProcessId() const {
+    return screenCastBackend_->processId();
 }
 
 void PortalDesktop::killScreenCastBackend() {

@@ -24,6 +24,9 @@ public:
         // Output name to how the backend sends its buffers: "0", "90", "180", "270" (turned
         // counter-clockwise), "flipped" (mirrored left to right), "flipped-90" ... .
         std::map<QString, QString> turns{{QStringLiteral("HEADLESS-2"), QStringLiteral("180")}};
+        // The backend shares what the compositor shows, copied with wlr-screencopy, instead
+        // of its pattern.
+        bool fromScreen = false;
     };
 
     PortalDesktop(const WaylandDesktop& desktop, Options options);
@@ -46,6 +49,8 @@ public:
     // How long the user looks at the dialog before answering.
     void takeTimeInTheDialog(int milliseconds);
     void chooseOutput(const QString& name);
+    // The ScreenCast backend's process.
+    qint64 screenCastBackendProcessId() const;
     // SIGKILL for the ScreenCast backend, as if it crashed.
     void killScreenCastBackend();
     // SIGSTOP for the frontend: it keeps its bus name but answers nothing.

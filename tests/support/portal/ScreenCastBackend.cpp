@@ -10,7 +10,12 @@
 // changed and, when asked for, the pointer as metadata (a 16 × 16 magenta square at
 // (40, 40)); now and then a corrupted and an empty buffer, which a consumer must pass over.
 //
-//   portal_screencast_backend <control folder> <monitor> ...
+//   portal_screencast_backend [--from-screen] <control folder> <monitor> ...
+//
+// With --from-screen each monitor's pictures are instead those of the output of its name on
+// the Wayland compositor named by WAYLAND_DISPLAY, copied with wlr-screencopy as
+// xdg-desktop-portal-wlr does, with the compositor's damage and the pointer drawn in (a
+// consumer that asks for it as metadata gets none).
 //
 // where each monitor is <name>:<x>:<y>:<width>:<height>:<pixel width>:<pixel height>:<seed>:<turn>
 // and <turn> sends its buffers turned, with a transform saying so: "0" upright, "90", "180",
@@ -18,6 +23,7 @@
 // and then turned (the Wayland output transforms).
 // Prints "ready" once it owns its bus name.
 
+#include "ScreenFeed.h"
 #include "support/VirtualDisplay.h"
 
 #include <QCoreApplication>
@@ -59,6 +65,7 @@ constexpr uint32_t kCursorModes = 1 | 4; // hidden, metadata
 const QString kVendor = QStringLiteral("tessarel-test");
 
 struct Monitor {
+    bool fromScreen = false; // the compositor's output of this name, not the pattern
     QString name;
     QRect logical;
     QSize pixels;
@@ -140,7 +147,8 @@ class PatternSource {
 public:
     PatternSource(pw_thread_loop* loop, pw_core* core, const Monitor& monitor, bool withPointer)
         : loop_(loop), monitor_(monitor), withPointer_(withPointer),
-          pattern_(VirtualDisplay::testPattern(monitor.pixels, monitor.seed)) {
+          pattern_(VirtualDisplay::testPattern(monitor.pixels, monitor.seed)),
+          feed_(monitor.fromScreen ? std::make_unique<ScreenFeed>(monitor.name) : nullptr) {
         events_.version = PW_VERSION_STREAM_EVENTS;
         events_.param_changed = [](void* data, uint32_t id, const spa_pod* param) {
             static_cast<PatternSource*>(data)->paramChanged(id, param);
@@ -227,6 +235,57 @@ private:
     // The buffer's picture size, without the cropped-off strip.
     QSize bufferSize() const { return sideways() ? monitor_.pixels.transposed() : monitor_.pixels; }
 
+    // Sends the compositor's next picture of the output in `buffer`, with its damage.
+    void sendScreen(pw_buffer& buffer, int stride) {
+        spa_buffer* spa = buffer.buffer;
+        spa_data& plane = spa->datas[0];
+        const std::optional<ScreenFeed::Picture> picture = feed_->next(withPointer_);
+        if (!picture || picture->width != monitor_.pixels.width() ||
+            picture->height != monitor_.pixels.height()) {
+            pw_stream_queue_buffer(stream_, &buffer);
+            return;
+        }
+        const bool first = count_++ == 0;
+        auto* pixels = static_cast<uint8_t*>(plane.data);
+        for (int y = 0; y < picture->height; ++y) {
+            std::memcpy(pixels + static_cast<ptrdiff_t>(y) * stride,
+                        picture->pixels + static_cast<ptrdiff_t>(y) * picture->stride,
+                        static_cast<size_t>(picture->width) * 4);
+        }
+        if (auto* header = static_cast<spa_meta_header*>(
+                spa_buffer_find_meta_data(spa, SPA_META_Header, sizeof(spa_meta_header)))) {
+            header->flags = 0;
+            header->seq = count_;
+        }
+        if (auto* turn = static_cast<spa_meta_videotransform*>(spa_buffer_find_meta_data(
+                spa, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)))) {
+            turn->transform = SPA_META_TRANSFORMATION_None;
+        }
+        if (auto* crop = static_cast<spa_meta_region*>(
+                spa_buffer_find_meta_data(spa, SPA_META_VideoCrop, sizeof(spa_meta_region)))) {
+            crop->region = SPA_REGION(0, 0, static_cast<uint32_t>(picture->width),
+                                      static_cast<uint32_t>(picture->height));
+        }
+        if (spa_meta* damage = spa_buffer_find_meta(spa, SPA_META_VideoDamage)) {
+            auto* regions = static_cast<spa_meta_region*>(damage->data);
+            const int top = first ? 0 : picture->changedTop;
+            const int bottom = first ? picture->height : picture->changedBottom;
+            regions[0].region = SPA_REGION(0, top, static_cast<uint32_t>(picture->width),
+                                           static_cast<uint32_t>(std::max(bottom - top, 0)));
+            regions[1].region = SPA_REGION(0, 0, 0, 0);
+        }
+        if (auto* cursor = static_cast<spa_meta_cursor*>(
+                spa_buffer_find_meta_data(spa, SPA_META_Cursor, sizeof(spa_meta_cursor)))) {
+            cursor->id = 0; // drawn in
+        }
+        plane.chunk->offset = 0;
+        plane.chunk->stride = stride;
+        plane.chunk->size = static_cast<uint32_t>(stride * picture->height);
+        plane.chunk->flags = 0;
+        pw_stream_queue_buffer(stream_, &buffer);
+        pw_stream_trigger_process(stream_);
+    }
+
     // Writes the next picture into a free buffer and sends it.
     void frame() {
         pw_buffer* buffer = pw_stream_dequeue_buffer(stream_);
@@ -242,6 +301,10 @@ private:
         auto* pixels = static_cast<uint8_t*>(plane.data);
         if (pixels == nullptr || plane.maxsize < static_cast<uint32_t>(bufferBytes)) {
             pw_stream_queue_buffer(stream_, buffer);
+            return;
+        }
+        if (feed_) {
+            sendScreen(*buffer, stride);
             return;
         }
         ++count_;
@@ -338,6 +401,7 @@ private:
     const Monitor monitor_;
     const bool withPointer_;
     const QImage pattern_;
+    const std::unique_ptr<ScreenFeed> feed_;
     pw_stream* stream_ = nullptr;
     pw_stream_events events_{};
     spa_hook hook_{};
@@ -514,9 +578,14 @@ int main(int argc, char** argv) {
     qDBusRegisterMetaType<QList<Stream>>();
     qDBusRegisterMetaType<Pair>();
     qDBusRegisterMetaType<RestoreData>();
-    const QStringList arguments = application.arguments();
+    QStringList arguments = application.arguments();
+    const bool fromScreen = arguments.size() > 1 && arguments[1] == QLatin1String("--from-screen");
+    if (fromScreen) {
+        arguments.removeAt(1);
+    }
     if (arguments.size() < 3) {
-        std::fprintf(stderr, "usage: portal_screencast_backend <control folder> <monitor>...\n");
+        std::fprintf(stderr, "usage: portal_screencast_backend [--from-screen] <control folder> "
+                             "<monitor>...\n");
         return 2;
     }
     std::vector<Monitor> monitors;
@@ -527,7 +596,7 @@ int main(int argc, char** argv) {
             return 2;
         }
         monitors.push_back(
-            {parts[0],
+            {fromScreen, parts[0],
              QRect(parts[1].toInt(), parts[2].toInt(), parts[3].toInt(), parts[4].toInt()),
              QSize(parts[5].toInt(), parts[6].toInt()), parts[7].toInt(),
              transformNamed(parts[8])});
