@@ -235,11 +235,14 @@ private:
     // The buffer's picture size, without the cropped-off strip.
     QSize bufferSize() const { return sideways() ? monitor_.pixels.transposed() : monitor_.pixels; }
 
-    // Sends the compositor's next picture of the output in `buffer`, with its damage.
+    // Sends the compositor's next picture of the output in `buffer`, with its damage; nothing
+    // when nothing changed.
     void sendScreen(pw_buffer& buffer, int stride) {
         spa_buffer* spa = buffer.buffer;
         spa_data& plane = spa->datas[0];
-        const std::optional<ScreenFeed::Picture> picture = feed_->next(withPointer_);
+        // Waiting no longer than a frame: the loop is locked meanwhile.
+        const std::optional<ScreenFeed::Picture> picture =
+            feed_->next(withPointer_, std::chrono::milliseconds(1000 / kFramesPerSecond));
         if (!picture || picture->width != monitor_.pixels.width() ||
             picture->height != monitor_.pixels.height()) {
             pw_stream_queue_buffer(stream_, &buffer);

@@ -4,10 +4,12 @@
 
 #include <wayland-client.h>
 
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -38,6 +40,7 @@ struct ScreenFeed::State {
     int stride = 0;
 
     // The copy under way.
+    bool copiedBefore = false;
     bool done = false;
     bool failed = false;
     bool yInverted = false;
@@ -130,7 +133,12 @@ const zwlr_screencopy_frame_v1_listener kFrameListener = {
         ScreenFeed::State& state = stateOf(data);
         state.makeBuffer(format, static_cast<int>(width), static_cast<int>(height),
                          static_cast<int>(stride));
-        zwlr_screencopy_frame_v1_copy_with_damage(frame, state.buffer);
+        // The first picture at once; after it, the next one with something changed.
+        if (state.copiedBefore) {
+            zwlr_screencopy_frame_v1_copy_with_damage(frame, state.buffer);
+        } else {
+            zwlr_screencopy_frame_v1_copy(frame, state.buffer);
+        }
     },
     [](void* data, zwlr_screencopy_frame_v1*, uint32_t flags) {
         stateOf(data).yInverted = flags & ZWLR_SCREENCOPY_FRAME_V1_FLAGS_Y_INVERT;
@@ -181,7 +189,8 @@ ScreenFeed::~ScreenFeed() {
     wl_display_disconnect(state_->display);
 }
 
-std::optional<ScreenFeed::Picture> ScreenFeed::next(bool withPointer) {
+std::optional<ScreenFeed::Picture> ScreenFeed::next(bool withPointer,
+                                                    std::chrono::milliseconds wait) {
     State& state = *state_;
     state.done = false;
     state.failed = false;
@@ -190,11 +199,31 @@ std::optional<ScreenFeed::Picture> ScreenFeed::next(bool withPointer) {
     zwlr_screencopy_frame_v1* frame =
         zwlr_screencopy_manager_v1_capture_output(state.manager, withPointer ? 1 : 0, state.output);
     zwlr_screencopy_frame_v1_add_listener(frame, &kFrameListener, &state);
-    while (!state.done && wl_display_dispatch(state.display) >= 0) {
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    while (!state.done) {
+        while (wl_display_prepare_read(state.display) != 0) {
+            wl_display_dispatch_pending(state.display);
+        }
+        wl_display_flush(state.display);
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd readable{wl_display_get_fd(state.display), POLLIN, 0};
+        if (left.count() <= 0 || poll(&readable, 1, static_cast<int>(left.count())) <= 0) {
+            wl_display_cancel_read(state.display);
+            break;
+        }
+        wl_display_read_events(state.display);
+        wl_display_dispatch_pending(state.display);
     }
+    // Destroying the frame withdraws a copy that has not come.
     zwlr_screencopy_frame_v1_destroy(frame);
     if (state.failed || !state.done) {
         return std::nullopt;
+    }
+    if (!state.copiedBefore) { // all of it is new
+        state.copiedBefore = true;
+        state.changedTop = 0;
+        state.changedBottom = state.height;
     }
     auto* pixels = static_cast<uint8_t*>(state.memory);
     if (state.yInverted) {

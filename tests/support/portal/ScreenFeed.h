@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -29,9 +30,10 @@ public:
     ScreenFeed(const ScreenFeed&) = delete;
     ScreenFeed& operator=(const ScreenFeed&) = delete;
 
-    // The output's next picture once something on it changed, with the pointer drawn in when
-    // asked for; none when the compositor failed the copy.
-    std::optional<Picture> next(bool withPointer);
+    // The output's picture (the first at once, then the next once something on it changed),
+    // with the pointer drawn in when asked for; none when nothing changed within `wait` or
+    // the compositor failed the copy.
+    std::optional<Picture> next(bool withPointer, std::chrono::milliseconds wait);
 
     struct State; // the Wayland objects, known to the listeners in the source file
 

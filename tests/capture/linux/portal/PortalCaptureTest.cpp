@@ -98,6 +98,12 @@ protected:
     PortalScreenshot() : Portal({false}) {}
 };
 
+// The backend sharing what sway shows, as the movie benchmark records it.
+class PortalFromScreen : public Portal {
+protected:
+    PortalFromScreen() : Portal({true, {}, true}) {}
+};
+
 // Outputs whose buffers come turned, each output as one of the two transforms named.
 struct Turns {
     QString first;
@@ -316,6 +322,17 @@ INSTANTIATE_TEST_SUITE_P(
         QString name = instance.param.first + QStringLiteral("And") + instance.param.second;
         return name.remove(QLatin1Char('-')).toStdString();
     });
+
+TEST_F(PortalFromScreen, SnapshotOfTheCompositorsPictureEqualsGrimsPicture) {
+    const auto window = desktop_.showWindow(QStringLiteral("HEADLESS-1"), 5);
+    const auto portal = client();
+    ListedDisplays displays(desktop_);
+    PortalScreenshotService screenshots(*portal, displays);
+    const auto output = desktop_.output(QStringLiteral("HEADLESS-1"));
+    const QImage snapshot = imageOf(screenshots.captureImage(
+        {displayOf(output), {}}, {output.pixels.width(), output.pixels.height(), false}));
+    EXPECT_EQ(snapshot, desktop_.grim(QStringLiteral("HEADLESS-1")));
+}
 
 TEST_F(Portal, SecondCaptureAndNextRunAskNothing) {
     ListedDisplays displays(desktop_);
