@@ -39,7 +39,8 @@ struct ScreenFeed::State {
     int height = 0;
     int stride = 0;
 
-    // The copy under way.
+    // The copy under way, kept across calls until the compositor made it.
+    zwlr_screencopy_frame_v1* frame = nullptr;
     bool copiedBefore = false;
     bool done = false;
     bool failed = false;
@@ -185,6 +186,9 @@ ScreenFeed::ScreenFeed(const QString& output) : state_(std::make_unique<State>()
 }
 
 ScreenFeed::~ScreenFeed() {
+    if (state_->frame) {
+        zwlr_screencopy_frame_v1_destroy(state_->frame);
+    }
     state_->releaseBuffer();
     wl_display_disconnect(state_->display);
 }
@@ -192,13 +196,15 @@ ScreenFeed::~ScreenFeed() {
 std::optional<ScreenFeed::Picture> ScreenFeed::next(bool withPointer,
                                                     std::chrono::milliseconds wait) {
     State& state = *state_;
-    state.done = false;
-    state.failed = false;
-    state.yInverted = false;
-    state.changedTop = state.changedBottom = 0;
-    zwlr_screencopy_frame_v1* frame =
-        zwlr_screencopy_manager_v1_capture_output(state.manager, withPointer ? 1 : 0, state.output);
-    zwlr_screencopy_frame_v1_add_listener(frame, &kFrameListener, &state);
+    if (state.frame == nullptr) {
+        state.done = false;
+        state.failed = false;
+        state.yInverted = false;
+        state.changedTop = state.changedBottom = 0;
+        state.frame = zwlr_screencopy_manager_v1_capture_output(state.manager, withPointer ? 1 : 0,
+                                                                state.output);
+        zwlr_screencopy_frame_v1_add_listener(state.frame, &kFrameListener, &state);
+    }
     const auto deadline = std::chrono::steady_clock::now() + wait;
     while (!state.done) {
         while (wl_display_prepare_read(state.display) != 0) {
@@ -210,13 +216,13 @@ std::optional<ScreenFeed::Picture> ScreenFeed::next(bool withPointer,
         pollfd readable{wl_display_get_fd(state.display), POLLIN, 0};
         if (left.count() <= 0 || poll(&readable, 1, static_cast<int>(left.count())) <= 0) {
             wl_display_cancel_read(state.display);
-            break;
+            return std::nullopt; // the copy stays under way for the next call
         }
         wl_display_read_events(state.display);
         wl_display_dispatch_pending(state.display);
     }
-    // Destroying the frame withdraws a copy that has not come.
-    zwlr_screencopy_frame_v1_destroy(frame);
+    zwlr_screencopy_frame_v1_destroy(state.frame);
+    state.frame = nullptr;
     if (state.failed || !state.done) {
         return std::nullopt;
     }

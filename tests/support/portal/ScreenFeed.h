@@ -31,8 +31,8 @@ public:
     ScreenFeed& operator=(const ScreenFeed&) = delete;
 
     // The output's picture (the first at once, then the next once something on it changed),
-    // with the pointer drawn in when asked for; none when nothing changed within `wait` or
-    // the compositor failed the copy.
+    // with the pointer drawn in when asked for; none when the compositor failed the copy or
+    // has not made it within `wait` (the copy then goes on, for the next call to take).
     std::optional<Picture> next(bool withPointer, std::chrono::milliseconds wait);
 
     struct State; // the Wayland objects, known to the listeners in the source file
