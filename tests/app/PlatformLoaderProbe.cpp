@@ -21,7 +21,7 @@
 #include "app/ScreenPicture.h"
 #include "capture/CaptureEngine.h"
 
-#include <QGuiApplication>
+#include <QApplication>
 #include <QImage>
 #include <QScreen>
 #include <QTimer>
@@ -93,8 +93,10 @@ void preflight(LoadedCapturePlatform& loaded) {
 } // namespace
 
 int main(int argc, char** argv) {
-    QGuiApplication application(argc, argv);
-    const QStringList arguments = QGuiApplication::arguments().mid(1);
+    // A widget application, as Tessarel is: the capture module hides its windows for
+    // snapshots through it.
+    QApplication application(argc, argv);
+    const QStringList arguments = QApplication::arguments().mid(1);
     const auto loaded = loadCapturePlatform();
     const QString command = arguments.value(0);
     try {
@@ -106,7 +108,7 @@ int main(int argc, char** argv) {
             preflight(*loaded);
         } else if (command == QLatin1String("overlay-picture")) {
             const QPixmap picture =
-                screenPicture(loaded->platform(), *QGuiApplication::primaryScreen());
+                screenPicture(loaded->platform(), *QApplication::primaryScreen());
             if (picture.isNull()) {
                 std::printf("no picture\n");
             } else {
