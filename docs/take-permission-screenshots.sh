@@ -45,6 +45,8 @@ tour() {
     echo 'XDG_DOWNLOAD_DIR="$HOME/Downloads"' >"$HOME/.config/user-dirs.dirs"
     dbus-run-session -- bash -s 2> >(grep -v "fd limit" >&2) <<'DRIVE'
 set -euo pipefail
+# The session's daemons end with it.
+trap 'kill $(jobs -p) 2>/dev/null || true; wait 2>/dev/null || true' EXIT
 export XDG_CURRENT_DESKTOP=tessarel-test XDG_DESKTOP_PORTAL_DIR=$WORK/portals
 pipewire >/dev/null 2>&1 &
 for _ in $(seq 100); do [ -S "$XDG_RUNTIME_DIR/pipewire-0" ] && break; sleep 0.1; done
