@@ -283,6 +283,10 @@ bool DesktopPortal::holdsGrant() const {
 }
 
 bool DesktopPortal::askForGrant() {
+    // A desktop that keeps no grants would ask once here and again at the capture.
+    if (screenCastProperty("version").value_or(0) < kFirstVersionWithRestoreTokens) {
+        return true;
+    }
     try {
         startSharing(std::nullopt, kCursorHidden); // the session closes at once
         return true;

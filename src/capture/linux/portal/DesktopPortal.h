@@ -75,8 +75,9 @@ public:
     // Whether the desktop granted the sharing of a monitor and the grant is kept.
     bool holdsGrant() const;
     // Asks the user, through the portal's dialog, to grant the sharing of a monitor, and
-    // keeps the grant for the monitor chosen. False when the user declines; throws
-    // PlatformError when the portal cannot ask.
+    // keeps the grant for the monitor chosen. False when the user declines; true without
+    // asking where the desktop keeps no grants (the capture asks); throws PlatformError when
+    // the portal cannot ask.
     bool askForGrant();
 
     // The whole layout as the portal's screenshot gives it. Throws PlatformError.
