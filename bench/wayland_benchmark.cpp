@@ -11,23 +11,31 @@
 // desktop with a 320 × 240 animation and a pointer moving at 60 Hz; a picture sliding
 // across the whole output), recorded whole by Tessarel's recorder in this process, then by
 // `wf-recorder` with the same encoder settings (libx264, preset veryfast, crf 23, no
-// B-frames, a keyframe every 300 frames). A child process drives the pointer, a client of
-// the test tree draws the scene, so the CPU seconds are each recorder's own (sway's share is
-// in neither). wf-recorder 0.3 takes every frame the compositor draws (60 a second on the
-// headless output) and writes them with their times, Tessarel at most 30 a second; frames
-// are counted with ffprobe.
+// B-frames, a keyframe every 300 frames), then by Tessarel through the desktop portal: the
+// real xdg-desktop-portal frontend and, as the desktop's ScreenCast, the tests' backend
+// copying the output with wlr-screencopy into shared-memory PipeWire buffers, as
+// xdg-desktop-portal-wlr does with DMA-BUFs on a machine with a GPU. A child process drives
+// the pointer, a client of the test tree draws the scene, so the CPU seconds are each
+// recorder's own (sway's share is in neither; the portal backend's is given on its own line).
+// wf-recorder 0.3 takes every frame the compositor draws (60 a second on the headless output)
+// and writes them with their times, Tessarel at most 30 a second; frames are counted with
+// ffprobe.
 
 #include "capture/OutputNumbering.h"
+#include "capture/linux/portal/DesktopPortal.h"
+#include "capture/linux/portal/PortalCaptureServices.h"
 #include "capture/linux/wayland/WaylandContentProvider.h"
 #include "capture/linux/wayland/WaylandScreenshotService.h"
 #include "capture/linux/wayland/WaylandVideoCaptureService.h"
 #include "controller/linux/LinuxSnapshotEncoders.h"
+#include "support/PortalDesktop.h"
 #include "support/WaylandDesktop.h"
 
 #include "DesktopScenes.h"
 #include "MovieFacts.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QProcess>
@@ -38,6 +46,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -73,6 +82,19 @@ double childrenCpuSeconds() {
     rusage usage{};
     getrusage(RUSAGE_CHILDREN, &usage);
     return cpuSeconds(usage);
+}
+
+// User and system CPU seconds of another process so far, from /proc.
+double processCpuSeconds(qint64 pid) {
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly)) {
+        fail("cannot read a process's CPU time");
+    }
+    // Fields 14 and 15, counted after the command's closing parenthesis.
+    const QByteArray line = stat.readAll();
+    const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+    return static_cast<double>(fields.value(11).toLongLong() + fields.value(12).toLongLong()) /
+           static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 double median(std::vector<double> values) {
@@ -186,7 +208,20 @@ void benchmarkSnapshot(int repetitions) {
 struct Result : MovieFacts {
     double cpuSeconds = 0;
     std::optional<WaylandVideoCaptureService::Counts> counts; // Tessarel's only
+    double backendCpuSeconds = 0;                             // the portal's backend
 };
+
+// The configuration the engine makes for the whole 1920 × 1080 output.
+VideoStreamConfiguration wholeOutput() {
+    VideoStreamConfiguration configuration;
+    configuration.sourceRect = {0, 0, 1920, 1080};
+    configuration.width = 1920;
+    configuration.height = 1080;
+    configuration.minimumFrameInterval = {1, 30};
+    configuration.queueDepth = 6;
+    configuration.showsCursor = true;
+    return configuration;
+}
 
 class Silent final : public StreamDelegate, public RecordingOutputDelegate {
 public:
@@ -201,14 +236,7 @@ public:
 Result recordWithTessarel(const QByteArray& display, const QString& path, int seconds) {
     WaylandVideoCaptureService video(display);
     Silent silent;
-    VideoStreamConfiguration configuration;
-    configuration.sourceRect = {0, 0, 1920, 1080};
-    configuration.width = 1920;
-    configuration.height = 1080;
-    configuration.minimumFrameInterval = {1, 30};
-    configuration.queueDepth = 6;
-    configuration.showsCursor = true;
-    auto stream = video.makeStream({outputDisplay(display), {}}, configuration, &silent);
+    auto stream = video.makeStream({outputDisplay(display), {}}, wholeOutput(), &silent);
     stream->addRecordingOutput(video.makeRecordingOutput(
         {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &silent));
     const double before = ownCpuSeconds();
@@ -218,6 +246,28 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     Result result;
     result.cpuSeconds = ownCpuSeconds() - before;
     result.counts = WaylandVideoCaptureService::counts(*stream);
+    probeMovieInto(result, path);
+    return result;
+}
+
+Result recordThroughThePortal(const QByteArray& display, const PortalDesktop& portalDesktop,
+                              const QString& path, int seconds) {
+    QTemporaryDir grants;
+    DesktopPortal portal(portalDesktop.busAddress(), grants.path());
+    PortalVideoCaptureService video(portal);
+    Silent silent;
+    auto stream = video.makeStream({outputDisplay(display), {}}, wholeOutput(), &silent);
+    stream->addRecordingOutput(video.makeRecordingOutput(
+        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &silent));
+    const qint64 backend = portalDesktop.screenCastBackendProcessId();
+    const double backendBefore = processCpuSeconds(backend);
+    const double before = ownCpuSeconds();
+    stream->startCapture();
+    std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    stream->stopCapture();
+    Result result;
+    result.cpuSeconds = ownCpuSeconds() - before;
+    result.backendCpuSeconds = processCpuSeconds(backend) - backendBefore;
     probeMovieInto(result, path);
     return result;
 }
@@ -282,6 +332,7 @@ void printRow(const char* scene, const char* recorder, const Result& result, int
 
 void benchmarkMovies(const char* self, int seconds) {
     WaylandDesktop desktop({QSize(1920, 1080), false});
+    PortalDesktop portalDesktop(desktop, {true, {}, true});
     QTemporaryDir directory;
     std::printf("Movies of a 1920 x 1080 output, %d s each; x264 preset veryfast, crf 23, no "
                 "B-frames, keyframe every 300 frames\n",
@@ -308,10 +359,14 @@ void benchmarkMovies(const char* self, int seconds) {
             seconds);
         const Result peer = recordWithWfRecorder(
             desktop, directory.filePath(QStringLiteral("%1-wf-recorder.mp4").arg(scene)), seconds);
+        const Result portal = recordThroughThePortal(
+            desktop.displayName(), portalDesktop,
+            directory.filePath(QStringLiteral("%1-portal.mp4").arg(scene)), seconds);
         driver.kill();
         driver.waitForFinished(10000);
         printRow(scene, "tessarel", ours, seconds);
         printRow(scene, "wf-recorder", peer, seconds);
+        printRow(scene, "portal", portal, seconds);
         const double cpuRatio = ours.cpuSeconds / peer.cpuSeconds;
         const double sizeRatio = static_cast<double>(ours.bytes) / static_cast<double>(peer.bytes);
         const double cpuTarget = isDesktop ? 0.5 : 0.8;
@@ -330,6 +385,12 @@ void benchmarkMovies(const char* self, int seconds) {
                       "identical, %lld encoded; cpu s: %.2f capture thread, %.2f encoding",
                       scene, counts.ticks, counts.copies, counts.skippedIdentical, counts.encoded,
                       counts.captureCpuSeconds, ours.cpuSeconds - counts.captureCpuSeconds);
+        lines.emplace_back(line);
+        std::snprintf(line, sizeof line,
+                      "%-9s portal: tessarel %.2f cpu s, %.2f x through screen copy; the portal's "
+                      "backend (screen copy into PipeWire) %.2f cpu s",
+                      scene, portal.cpuSeconds, portal.cpuSeconds / ours.cpuSeconds,
+                      portal.backendCpuSeconds);
         lines.emplace_back(line);
     }
     std::printf("\n");
@@ -356,11 +417,13 @@ int main(int argc, char** argv) {
             repetitions = arguments[i + 1].toInt();
         }
     }
-    if (seconds <= 0 || repetitions <= 0 || arguments.size() % 2 == 0) {
+    if (seconds <= 0 || repetitions < 0 || arguments.size() % 2 == 0) {
         std::fprintf(stderr, "usage: %s [--seconds N] [--repetitions N]\n", argv[0]);
         return 2;
     }
-    benchmarkSnapshot(repetitions);
+    if (repetitions > 0) { // none: the movies alone
+        benchmarkSnapshot(repetitions);
+    }
     benchmarkMovies(argv[0], seconds);
     return 0;
 }

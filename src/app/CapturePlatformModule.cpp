@@ -3,6 +3,7 @@
 // needs them, not while Tessarel sits idle in the tray.
 
 #include "app/PlatformLoader.h"
+#include "app/PortalPermission.h"
 
 #include "capture/linux/ApplicationResourceDirectories.h"
 #include "capture/linux/FfmpegAudioWriter.h"
@@ -16,6 +17,7 @@
 #include "capture/linux/x11/X11ContentProvider.h"
 #include "capture/linux/x11/X11ScreenshotService.h"
 #include "capture/linux/x11/X11VideoCaptureService.h"
+#include "controller/linux/DesktopServices.h"
 
 #include <QApplication>
 #include <QPointer>
@@ -112,11 +114,12 @@ private:
 struct PortalLayer {
     PortalLayer()
         : portal({}, DesktopPortal::defaultGrantsDirectory()), screenshots(portal, content),
-          video(portal) {}
+          video(portal), permission(portal) {}
     WaylandContentProvider content;
     DesktopPortal portal;
     PortalScreenshotService screenshots;
     PortalVideoCaptureService video;
+    PortalPermission permission;
 };
 
 // The screen capture layer for the session Qt runs on: on a Wayland desktop the Wayland
@@ -143,11 +146,9 @@ public:
             if (WaylandContentProvider::offersScreenCapture()) {
                 wayland_.emplace();
                 wayland_->screenshots.hideForSnapshots(&applicationWindows_);
-            } else if (!portal_.emplace().portal.isReachable()) {
-                portal_.reset();
-                unavailable_.emplace(QStringLiteral(
-                    "This Wayland desktop does not let applications copy the screen, and no "
-                    "desktop portal answers to ask it for the screen."));
+            } else {
+                // Whether a portal answers is asked at capture time, off the GUI thread.
+                portal_.emplace();
             }
         } else {
             unavailable_.emplace(QStringLiteral(
@@ -168,6 +169,10 @@ public:
                : portal_  ? static_cast<ScreenshotService&>(portal_->screenshots)
                           : *unavailable_;
     }
+    ScreenCapturePermission& permission() {
+        return portal_ ? static_cast<ScreenCapturePermission&>(portal_->permission)
+                       : allowedEverywhere_;
+    }
     VideoCaptureService& video() {
         return x11_       ? static_cast<VideoCaptureService&>(x11_->video)
                : wayland_ ? static_cast<VideoCaptureService&>(wayland_->video)
@@ -183,6 +188,7 @@ private:
     };
 
     DesktopApplicationWindows applicationWindows_;
+    DesktopScreenCapturePermission allowedEverywhere_; // X11 and screen copy ask no grant
     std::optional<Layer<X11ContentProvider, X11ScreenshotService, X11VideoCaptureService>> x11_;
     std::optional<
         Layer<WaylandContentProvider, WaylandScreenshotService, WaylandVideoCaptureService>>
@@ -197,6 +203,7 @@ public:
         return {screen_.content(),     audio_,          audioWriters_,
                 screen_.screenshots(), screen_.video(), resources_};
     }
+    ScreenCapturePermission& permission() override { return screen_.permission(); }
 
 private:
     ScreenCaptureLayer screen_;

@@ -19,9 +19,19 @@ class LazyCapturePlatform final : public LoadedCapturePlatform,
                                   public AudioWriterFactory,
                                   public ScreenshotService,
                                   public VideoCaptureService,
-                                  public ApplicationResources {
+                                  public ApplicationResources,
+                                  public ScreenCapturePermission {
 public:
     CapturePlatform platform() override { return {*this, *this, *this, *this, *this, *this}; }
+    ScreenCapturePermission& permission() override { return *this; }
+
+    // Asked right before each capture, so it loads the module no sooner than the capture would.
+    bool preflightScreenCaptureAccess() override {
+        return module().permission().preflightScreenCaptureAccess();
+    }
+    std::optional<QUrl> screenRecordingSettingsURL() override {
+        return module().permission().screenRecordingSettingsURL();
+    }
 
     ShareableContent shareableContent(bool excludingDesktopWindows,
                                       bool onScreenWindowsOnly) override {
@@ -65,9 +75,11 @@ public:
 
 private:
     // Throws PlatformError when the module cannot be loaded; the next call tries again.
-    CapturePlatform loaded() {
+    CapturePlatform loaded() { return module().platform(); }
+
+    LoadedCapturePlatform& module() {
         std::call_once(loadOnce_, [this] { module_.reset(load()); });
-        return module_->platform();
+        return *module_;
     }
 
     static LoadedCapturePlatform* load() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/CapturePlatform.h"
+#include "controller/ControllerPlatform.h"
 
 #include <memory>
 
@@ -9,6 +10,9 @@ class LoadedCapturePlatform {
 public:
     virtual ~LoadedCapturePlatform() = default;
     virtual CapturePlatform platform() = 0;
+    // The screen-capture permission of the session's screen layer: the desktop portal's
+    // grant where captures go through it, else always given.
+    virtual ScreenCapturePermission& permission() = 0;
 };
 
 // The capture services, loaded from the capture module when the first call needs one. The

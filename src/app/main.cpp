@@ -35,7 +35,6 @@ int main(int argc, char** argv) {
     });
     RegionSelector selector(overlays);
 
-    DesktopScreenCapturePermission permission;
     DesktopWorkspace workspace;
     DesktopFolderChooser folderChooser;
     DesktopAlertPresenter alerts;
@@ -44,8 +43,8 @@ int main(int argc, char** argv) {
     DesktopClock clock;
     DesktopTimerScheduler timers;
     TessarelController controller(engine, selector,
-                                  {screens, permission, workspace, folderChooser, alerts, encoders,
-                                   locations, clock, timers});
+                                  {screens, capture->permission(), workspace, folderChooser, alerts,
+                                   encoders, locations, clock, timers});
 
     DesktopShell shell(controller);
     QObject::connect(&instance, &SingleInstance::activated, &shell, &DesktopShell::activate);

@@ -11,6 +11,8 @@
 
 #include <sys/prctl.h>
 
+#include <signal.h>
+
 #include <csignal>
 #include <stdexcept>
 
@@ -74,13 +76,15 @@ PortalDesktop::PortalDesktop(const WaylandDesktop& desktop, Options options) : d
         awaitFile(runtime + QStringLiteral("/pipewire-0"));
         startDaemon(QStringLiteral("wireplumber"), {}, environment);
 
-        // wlr's own portal file would also offer its ScreenCast, which needs a GPU.
-        writeFile(root.filePath(QStringLiteral("portals/wlr.portal")),
-                  "[portal]\nDBusName=org.freedesktop.impl.portal.desktop.wlr\n"
-                  "Interfaces=org.freedesktop.impl.portal.Screenshot;\nUseIn=" +
-                      kDesktopName.toUtf8() + "\n");
-        startDaemon(QStringLiteral("/usr/libexec/xdg-desktop-portal-wlr"), {}, environment);
-        awaitBusName(QStringLiteral("org.freedesktop.impl.portal.desktop.wlr"));
+        if (!options.withScreenCast) {
+            // wlr's own portal file would also offer its ScreenCast, which needs a GPU.
+            writeFile(root.filePath(QStringLiteral("portals/wlr.portal")),
+                      "[portal]\nDBusName=org.freedesktop.impl.portal.desktop.wlr\n"
+                      "Interfaces=org.freedesktop.impl.portal.Screenshot;\nUseIn=" +
+                          kDesktopName.toUtf8() + "\n");
+            startDaemon(QStringLiteral("/usr/libexec/xdg-desktop-portal-wlr"), {}, environment);
+            awaitBusName(QStringLiteral("org.freedesktop.impl.portal.desktop.wlr"));
+        }
 
         // The frontend offers Screenshot only beside an Access backend.
         writeFile(root.filePath(QStringLiteral("portals/tessarel-test.portal")),
@@ -90,6 +94,9 @@ PortalDesktop::PortalDesktop(const WaylandDesktop& desktop, Options options) : d
                                                         : "") +
                       "\nUseIn=" + kDesktopName.toUtf8() + "\n");
         QStringList arguments{control_.path()};
+        if (options.fromScreen) {
+            arguments.prepend(QStringLiteral("--from-screen"));
+        }
         int seed = 1;
         for (const WaylandDesktop::Output& output : desktop.outputs()) {
             arguments << QStringLiteral("%1:%2:%3:%4:%5:%6:%7:%8:%9")
@@ -101,14 +108,16 @@ PortalDesktop::PortalDesktop(const WaylandDesktop& desktop, Options options) : d
                              .arg(output.pixels.width())
                              .arg(output.pixels.height())
                              .arg(seed)
-                             .arg(seed == 2 ? 180 : 0);
+                             .arg(options.turns.count(output.name) > 0
+                                      ? options.turns.at(output.name)
+                                      : QStringLiteral("0"));
             ++seed;
         }
         screenCastBackend_ =
             &startDaemon(QStringLiteral(PORTAL_SCREENCAST_BACKEND), arguments, environment);
         awaitBusName(QStringLiteral("org.freedesktop.impl.portal.desktop.tessarel_test"));
-        startDaemon(QStringLiteral("/usr/libexec/xdg-desktop-portal"), {QStringLiteral("-r")},
-                    environment);
+        frontend_ = &startDaemon(QStringLiteral("/usr/libexec/xdg-desktop-portal"),
+                                 {QStringLiteral("-r")}, environment);
         awaitBusName(QStringLiteral("org.freedesktop.portal.Desktop"));
     } catch (...) {
         stop();
@@ -173,6 +182,7 @@ void PortalDesktop::stop() {
     QDBusConnection::disconnectFromBus(busAddress_);
     for (auto daemon = daemons_.rbegin(); daemon != daemons_.rend(); ++daemon) {
         if ((*daemon)->state() != QProcess::NotRunning) {
+            ::kill(static_cast<pid_t>((*daemon)->processId()), SIGCONT);
             (*daemon)->terminate();
             if (!(*daemon)->waitForFinished(5000)) {
                 (*daemon)->kill();
@@ -195,6 +205,11 @@ int PortalDesktop::grantsGiven() const {
     return linesOf(QStringLiteral("grants"), "granted");
 }
 
+int PortalDesktop::requestsReceived() const {
+    QFile lines(control_.filePath(QStringLiteral("requests")));
+    return lines.open(QIODevice::ReadOnly) ? static_cast<int>(lines.readAll().count('\n')) : 0;
+}
+
 int PortalDesktop::openSessions() const {
     return linesOf(QStringLiteral("sessions"), "opened") -
            linesOf(QStringLiteral("sessions"), "closed");
@@ -209,8 +224,16 @@ void PortalDesktop::declineGrants(bool decline) {
     }
 }
 
+void PortalDesktop::takeTimeInTheDialog(int milliseconds) {
+    writeFile(control_.filePath(QStringLiteral("dialog-ms")), QByteArray::number(milliseconds));
+}
+
 void PortalDesktop::chooseOutput(const QString& name) {
     writeFile(control_.filePath(QStringLiteral("choose")), name.toUtf8());
+}
+
+qint64 PortalDesktop::screenCastBackendProcessId() const {
+    return screenCastBackend_->processId();
 }
 
 void PortalDesktop::killScreenCastBackend() {
@@ -218,4 +241,8 @@ void PortalDesktop::killScreenCastBackend() {
         screenCastBackend_->kill();
         screenCastBackend_->waitForFinished(5000);
     }
+}
+
+void PortalDesktop::freezeFrontend() {
+    ::kill(static_cast<pid_t>(frontend_->processId()), SIGSTOP);
 }

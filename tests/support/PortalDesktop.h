@@ -7,19 +7,26 @@
 #include <QString>
 #include <QTemporaryDir>
 
+#include <map>
 #include <memory>
 #include <vector>
 
 // The desktop portal on a headless Wayland desktop, on a session bus of its own run as the
 // test's user: PipeWire with WirePlumber, the real xdg-desktop-portal frontend reading a private
-// portal folder for a desktop of its own name, xdg-desktop-portal-wlr serving Screenshot and, when
-// asked for, the test tree's ScreenCast backend sharing the desktop's outputs as PipeWire
-// video nodes (the second output's buffers upside down, with a transform saying so). Stopped by the
-// destructor.
+// portal folder for a desktop of its own name, and either the test tree's ScreenCast backend
+// sharing the desktop's outputs as PipeWire video nodes (each output's buffers turned as
+// `turns` says, with a transform saying so) or, without it, xdg-desktop-portal-wlr serving
+// Screenshot. Stopped by the destructor.
 class PortalDesktop {
 public:
     struct Options {
         bool withScreenCast = true;
+        // Output name to how the backend sends its buffers: "0", "90", "180", "270" (turned
+        // counter-clockwise), "flipped" (mirrored left to right), "flipped-90" ... .
+        std::map<QString, QString> turns{{QStringLiteral("HEADLESS-2"), QStringLiteral("180")}};
+        // The backend shares what the compositor shows, copied with wlr-screencopy, instead
+        // of its pattern.
+        bool fromScreen = false;
     };
 
     PortalDesktop(const WaylandDesktop& desktop, Options options);
@@ -36,10 +43,18 @@ public:
     int grantsGiven() const;
     // Sessions the backend opened and has not had closed.
     int openSessions() const;
+    // Every call the backend's ScreenCast or Access got.
+    int requestsReceived() const;
     void declineGrants(bool decline);
+    // How long the user looks at the dialog before answering.
+    void takeTimeInTheDialog(int milliseconds);
     void chooseOutput(const QString& name);
+    // The ScreenCast backend's process.
+    qint64 screenCastBackendProcessId() const;
     // SIGKILL for the ScreenCast backend, as if it crashed.
     void killScreenCastBackend();
+    // SIGSTOP for the frontend: it keeps its bus name but answers nothing.
+    void freezeFrontend();
 
 private:
     int linesOf(const QString& file, const QByteArray& line) const;
@@ -55,4 +70,5 @@ private:
     QString busAddress_;
     std::vector<std::unique_ptr<QProcess>> daemons_; // in start order
     QProcess* screenCastBackend_ = nullptr;
+    QProcess* frontend_ = nullptr;
 };

@@ -118,7 +118,7 @@ void WaylandDesktop::Pointer::release() {
 
 WaylandDesktop::WaylandDesktop() : WaylandDesktop(Options{}) {}
 
-WaylandDesktop::WaylandDesktop(Options options) {
+WaylandDesktop::WaylandDesktop(Options options) : options_(options) {
     try {
         start(options);
     } catch (...) {
@@ -151,6 +151,10 @@ void WaylandDesktop::start(const Options& options) {
                           QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     giveToDesktopUser(runtimeDirectory_);
     giveToDesktopUser(home_);
+    if (options.compositor == Compositor::weston) {
+        startWeston();
+        return;
+    }
 
     const QString size =
         QStringLiteral("%1x%2").arg(options.outputSize.width()).arg(options.outputSize.height());
@@ -215,11 +219,25 @@ void WaylandDesktop::start(const Options& options) {
     }
 }
 
+void WaylandDesktop::startWeston() {
+    QProcess* weston = startDaemon(asDesktopUser(
+        QStringLiteral("weston"),
+        {QStringLiteral("--backend=headless-backend.so"), QStringLiteral("--use-pixman"),
+         QStringLiteral("--width=%1").arg(options_.outputSize.width()),
+         QStringLiteral("--height=%1").arg(options_.outputSize.height()),
+         QStringLiteral("--socket=wayland-1"), QStringLiteral("--idle-time=0"),
+         // Lets weston-screenshooter take the screen.
+         QStringLiteral("--debug")}));
+    weston->setStandardOutputFile(directory_.filePath(QStringLiteral("weston.log")));
+    socket_ = QFile::encodeName(awaitFile(runtimeDirectory_, QStringLiteral("wayland-1")));
+}
+
 QProcess* WaylandDesktop::startDaemon(const QStringList& commandLine) {
     auto process = std::make_unique<QProcess>();
-    process->setStandardErrorFile(directory_.filePath(commandLine.contains(QStringLiteral("sway"))
-                                                          ? QStringLiteral("sway.err")
-                                                          : QStringLiteral("bus.err")));
+    process->setStandardErrorFile(directory_.filePath(
+        commandLine.contains(QStringLiteral("sway"))     ? QStringLiteral("sway.err")
+        : commandLine.contains(QStringLiteral("weston")) ? QStringLiteral("weston.err")
+                                                         : QStringLiteral("bus.err")));
     startProgram(*process, commandLine, environment());
     daemons_.push_back(std::move(process));
     return daemons_.back().get();
@@ -304,6 +322,10 @@ QByteArray WaylandDesktop::swaymsg(const QStringList& arguments) const {
 }
 
 std::vector<WaylandDesktop::Output> WaylandDesktop::outputs() const {
+    if (options_.compositor == Compositor::weston) {
+        return {{QStringLiteral("headless"), QRect(QPoint(0, 0), options_.outputSize), 1,
+                 options_.outputSize}};
+    }
     std::vector<Output> result;
     const QJsonArray listed =
         QJsonDocument::fromJson(

@@ -16,14 +16,18 @@
 // A private headless Wayland desktop for one test binary: a session bus, sway on its
 // headless backend with the software renderer, two outputs side by side ("HEADLESS-1" at
 // scale 1, "HEADLESS-2" at scale 2) and, when asked for, swaybar with a tray on every
-// output. sway refuses to run as root, so when the test runs as root the session runs as
-// "nobody" in a runtime directory and home of its own; the test's process still connects
-// to it (root may open the sockets). Stopped by the destructor.
+// output. Or, as a compositor that lets no application copy the screen, weston on its
+// headless backend with one output ("headless" at scale 1). sway refuses to run as root,
+// so when the test runs as root the session runs as "nobody" in a runtime directory and
+// home of its own; the test's process still connects to it (root may open the sockets).
+// Stopped by the destructor.
 class WaylandDesktop {
 public:
+    enum class Compositor { sway, weston };
     struct Options {
         QSize outputSize{1280, 720}; // each output's mode, in pixels
         bool withBar = false;        // swaybar at the top, hosting a tray on every output
+        Compositor compositor = Compositor::sway;
     };
 
     // One output as sway reports it.
@@ -93,7 +97,7 @@ public:
     QStringList asDesktopUser(const QString& program, const QStringList& arguments) const;
 
     // Runs a tool against the desktop and returns what it printed; throws
-    // std::runtime_error when it fails.
+    // std::runtime_error when it fails. swaymsg, grim, showWindow and pointer need sway.
     QByteArray run(const QString& program, const QStringList& arguments) const;
     QByteArray swaymsg(const QStringList& arguments) const;
     std::vector<Output> outputs() const;
@@ -112,9 +116,11 @@ public:
 
 private:
     void start(const Options& options);
+    void startWeston();
     void stop();
     QProcess* startDaemon(const QStringList& commandLine);
 
+    Options options_;
     QTemporaryDir directory_;
     QString runtimeDirectory_;
     QString home_;

@@ -1,20 +1,29 @@
 // A desktop portal backend for tests: the backend side of ScreenCast and of Access (the
-// frontend's permission dialogs). Its "dialog" grants at once, or declines while the file
-// `decline` exists in its control folder, and picks the output named in `choose` there (else
-// the first); a restored session is granted without asking. In that folder it counts each
-// grant it gives as a line in `grants`, and each session opened and closed as a line in
-// `sessions`. Each shared monitor is a real PipeWire video node in shared memory: the test
-// pattern of its seed, a block sliding through its lower quarter, a crop that leaves out a
-// strip of other pixels at the right, damage for the rows that changed and, when asked for,
-// the pointer as metadata (a 16 × 16 magenta square at (40, 40)); now and then a corrupted
-// and an empty buffer, which a consumer must pass over.
+// frontend's permission dialogs). Its "dialog" grants, or declines while the file `decline`
+// exists in its control folder, after as many milliseconds as the file `dialog-ms` there
+// says (else at once), and picks the output named in `choose` there (else the first); a
+// restored session is granted without asking. In that folder it counts each grant it gives
+// as a line in `grants`, each session opened and closed as a line in `sessions`, and each
+// call it gets as a line in `requests`. Each shared monitor is a real PipeWire video node in
+// shared memory: the test pattern of its seed, a block sliding through its lower quarter, a
+// crop that leaves out a strip of other pixels at the right, damage for the rows that
+// changed and, when asked for, the pointer as metadata (a 16 × 16 magenta square at
+// (40, 40)); now and then a corrupted and an empty buffer, which a consumer must pass over.
 //
-//   portal_screencast_backend <control folder> <monitor> ...
+//   portal_screencast_backend [--from-screen] <control folder> <monitor> ...
+//
+// With --from-screen each monitor's pictures are instead those of the output of its name on
+// the Wayland compositor named by WAYLAND_DISPLAY, copied with wlr-screencopy as
+// xdg-desktop-portal-wlr does, with the compositor's damage and the pointer drawn in (a
+// consumer that asks for it as metadata gets none).
 //
 // where each monitor is <name>:<x>:<y>:<width>:<height>:<pixel width>:<pixel height>:<seed>:<turn>
-// and <turn> 180 sends its buffers upside down with a transform saying so (0: upright).
+// and <turn> sends its buffers turned, with a transform saying so: "0" upright, "90", "180",
+// "270" turned counter-clockwise, "flipped" mirrored left to right, "flipped-90" ... mirrored
+// and then turned (the Wayland output transforms).
 // Prints "ready" once it owns its bus name.
 
+#include "ScreenFeed.h"
 #include "support/VirtualDisplay.h"
 
 #include <QCoreApplication>
@@ -28,6 +37,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTextStream>
+#include <QThread>
 
 #include <cstdio>
 #include <cstring>
@@ -55,12 +65,23 @@ constexpr uint32_t kCursorModes = 1 | 4; // hidden, metadata
 const QString kVendor = QStringLiteral("tessarel-test");
 
 struct Monitor {
+    bool fromScreen = false; // the compositor's output of this name, not the pattern
     QString name;
     QRect logical;
     QSize pixels;
     int seed = 0;
-    bool upsideDown = false; // buffers come turned by 180°, with a transform saying so
+    uint32_t transform = SPA_META_TRANSFORMATION_None; // how its buffers come turned
 };
+
+// The buffer's picture for the upright `picture`: mirrored left to right when the transform
+// flips, then turned counter-clockwise by its angle.
+QImage turned(const QImage& picture, uint32_t transform) {
+    const QImage flipped =
+        transform >= SPA_META_TRANSFORMATION_Flipped ? picture.mirrored(true, false) : picture;
+    const int angle = static_cast<int>(transform % 4) * 90;
+    // QTransform turns clockwise on the screen's downward y axis.
+    return angle == 0 ? flipped : flipped.transformed(QTransform().rotate(-angle));
+}
 
 struct Stream {
     uint32_t node = 0;
@@ -126,7 +147,8 @@ class PatternSource {
 public:
     PatternSource(pw_thread_loop* loop, pw_core* core, const Monitor& monitor, bool withPointer)
         : loop_(loop), monitor_(monitor), withPointer_(withPointer),
-          pattern_(VirtualDisplay::testPattern(monitor.pixels, monitor.seed)) {
+          pattern_(VirtualDisplay::testPattern(monitor.pixels, monitor.seed)),
+          feed_(monitor.fromScreen ? std::make_unique<ScreenFeed>(monitor.name) : nullptr) {
         events_.version = PW_VERSION_STREAM_EVENTS;
         events_.param_changed = [](void* data, uint32_t id, const spa_pod* param) {
             static_cast<PatternSource*>(data)->paramChanged(id, param);
@@ -138,8 +160,8 @@ public:
         stream_ = pw_stream_new(core, "tessarel-test-monitor",
                                 pw_properties_new(PW_KEY_MEDIA_CLASS, "Video/Source", nullptr));
         pw_stream_add_listener(stream_, &hook_, &events_, this);
-        const int width = monitor.pixels.width() + kCropStrip;
-        const int height = monitor.pixels.height();
+        const int width = bufferSize().width() + kCropStrip;
+        const int height = bufferSize().height();
         uint8_t space[1024];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof(space));
         spa_rectangle size =
@@ -182,7 +204,7 @@ private:
         if (id != SPA_PARAM_Format || param == nullptr) {
             return;
         }
-        const int stride = (monitor_.pixels.width() + kCropStrip) * 4;
+        const int stride = (bufferSize().width() + kCropStrip) * 4;
         uint8_t space[1024];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof(space));
         const spa_pod* params[] = {
@@ -190,7 +212,7 @@ private:
                 &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers,
                 SPA_PARAM_BUFFERS_buffers, SPA_POD_CHOICE_RANGE_Int(4, 2, 8),
                 SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size,
-                SPA_POD_Int(stride * monitor_.pixels.height()), SPA_PARAM_BUFFERS_stride,
+                SPA_POD_Int(stride * bufferSize().height()), SPA_PARAM_BUFFERS_stride,
                 SPA_POD_Int(stride), SPA_PARAM_BUFFERS_dataType,
                 SPA_POD_CHOICE_FLAGS_Int(1 << SPA_DATA_MemFd))),
             metaParam(builder, SPA_META_Header, sizeof(spa_meta_header)),
@@ -209,19 +231,62 @@ private:
             SPA_POD_Id(type), SPA_PARAM_META_size, SPA_POD_Int(static_cast<int>(size))));
     }
 
-    // Turns the picture's `width` × `height` pixels by 180° in place.
-    static void turnAround(uint8_t* pixels, int width, int height, int stride) {
-        for (int y = 0; y < (height + 1) / 2; ++y) {
-            const int otherY = height - 1 - y;
-            for (int x = 0; x < (y == otherY ? width / 2 : width); ++x) {
-                auto* here =
-                    reinterpret_cast<uint32_t*>(pixels + static_cast<ptrdiff_t>(y) * stride) + x;
-                auto* there =
-                    reinterpret_cast<uint32_t*>(pixels + static_cast<ptrdiff_t>(otherY) * stride) +
-                    (width - 1 - x);
-                std::swap(*here, *there);
-            }
+    bool sideways() const { return monitor_.transform % 2 == 1; }
+    // The buffer's picture size, without the cropped-off strip.
+    QSize bufferSize() const { return sideways() ? monitor_.pixels.transposed() : monitor_.pixels; }
+
+    // Sends the compositor's next picture of the output in `buffer`, with its damage; nothing
+    // when nothing changed.
+    void sendScreen(pw_buffer& buffer, int stride) {
+        spa_buffer* spa = buffer.buffer;
+        spa_data& plane = spa->datas[0];
+        // Waiting no longer than a frame: the loop is locked meanwhile.
+        const std::optional<ScreenFeed::Picture> picture =
+            feed_->next(withPointer_, std::chrono::milliseconds(1000 / kFramesPerSecond));
+        if (!picture || picture->width != monitor_.pixels.width() ||
+            picture->height != monitor_.pixels.height()) {
+            pw_stream_queue_buffer(stream_, &buffer);
+            return;
         }
+        const bool first = count_++ == 0;
+        auto* pixels = static_cast<uint8_t*>(plane.data);
+        for (int y = 0; y < picture->height; ++y) {
+            std::memcpy(pixels + static_cast<ptrdiff_t>(y) * stride,
+                        picture->pixels + static_cast<ptrdiff_t>(y) * picture->stride,
+                        static_cast<size_t>(picture->width) * 4);
+        }
+        if (auto* header = static_cast<spa_meta_header*>(
+                spa_buffer_find_meta_data(spa, SPA_META_Header, sizeof(spa_meta_header)))) {
+            header->flags = 0;
+            header->seq = count_;
+        }
+        if (auto* turn = static_cast<spa_meta_videotransform*>(spa_buffer_find_meta_data(
+                spa, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)))) {
+            turn->transform = SPA_META_TRANSFORMATION_None;
+        }
+        if (auto* crop = static_cast<spa_meta_region*>(
+                spa_buffer_find_meta_data(spa, SPA_META_VideoCrop, sizeof(spa_meta_region)))) {
+            crop->region = SPA_REGION(0, 0, static_cast<uint32_t>(picture->width),
+                                      static_cast<uint32_t>(picture->height));
+        }
+        if (spa_meta* damage = spa_buffer_find_meta(spa, SPA_META_VideoDamage)) {
+            auto* regions = static_cast<spa_meta_region*>(damage->data);
+            const int top = first ? 0 : picture->changedTop;
+            const int bottom = first ? picture->height : picture->changedBottom;
+            regions[0].region = SPA_REGION(0, top, static_cast<uint32_t>(picture->width),
+                                           static_cast<uint32_t>(std::max(bottom - top, 0)));
+            regions[1].region = SPA_REGION(0, 0, 0, 0);
+        }
+        if (auto* cursor = static_cast<spa_meta_cursor*>(
+                spa_buffer_find_meta_data(spa, SPA_META_Cursor, sizeof(spa_meta_cursor)))) {
+            cursor->id = 0; // drawn in
+        }
+        plane.chunk->offset = 0;
+        plane.chunk->stride = stride;
+        plane.chunk->size = static_cast<uint32_t>(stride * picture->height);
+        plane.chunk->flags = 0;
+        pw_stream_queue_buffer(stream_, &buffer);
+        pw_stream_trigger_process(stream_);
     }
 
     // Writes the next picture into a free buffer and sends it.
@@ -234,10 +299,15 @@ private:
         spa_data& plane = spa->datas[0];
         const int width = monitor_.pixels.width();
         const int height = monitor_.pixels.height();
-        const int stride = (width + kCropStrip) * 4;
+        const int stride = (bufferSize().width() + kCropStrip) * 4;
+        const int bufferBytes = stride * bufferSize().height();
         auto* pixels = static_cast<uint8_t*>(plane.data);
-        if (pixels == nullptr || plane.maxsize < static_cast<uint32_t>(stride * height)) {
+        if (pixels == nullptr || plane.maxsize < static_cast<uint32_t>(bufferBytes)) {
             pw_stream_queue_buffer(stream_, buffer);
+            return;
+        }
+        if (feed_) {
+            sendScreen(*buffer, stride);
             return;
         }
         ++count_;
@@ -249,57 +319,53 @@ private:
             header->flags = corrupted ? SPA_META_HEADER_FLAG_CORRUPTED : 0;
             header->seq = count_;
         }
-        for (int y = 0; y < height && pixels; ++y) {
-            uint8_t* row = pixels + static_cast<ptrdiff_t>(y) * stride;
-            if (corrupted) { // pure red where the picture would be
-                for (int x = 0; x < width; ++x) {
-                    row[x * 4] = 0;
-                    row[x * 4 + 1] = 0;
-                    row[x * 4 + 2] = 255;
+        // The upright picture: the pattern with the block sliding through the lower quarter,
+        // two pixels a frame; a corrupted buffer is pure red.
+        QImage picture = pattern_.copy();
+        const int travel = width - kBlockSide;
+        const int step = (count_ * 2) % (2 * travel);
+        const int blockX = step < travel ? step : 2 * travel - step;
+        const int blockY = height - height / 8 - kBlockSide / 2;
+        if (corrupted) {
+            picture.fill(QColor(255, 0, 0));
+        } else {
+            for (int y = blockY; y < blockY + kBlockSide; ++y) {
+                auto* row = reinterpret_cast<QRgb*>(picture.scanLine(y));
+                for (int x = blockX; x < blockX + kBlockSide; ++x) {
+                    row[x] = qRgb(40, 200, 60);
                 }
-            } else {
-                std::memcpy(row, pattern_.constScanLine(y), static_cast<size_t>(width) * 4);
             }
-            for (int x = width; x < width + kCropStrip; ++x) { // the cropped-off strip: green
+        }
+        const QImage sent = turned(picture, monitor_.transform);
+        for (int y = 0; y < sent.height(); ++y) {
+            uint8_t* row = pixels + static_cast<ptrdiff_t>(y) * stride;
+            std::memcpy(row, sent.constScanLine(y), static_cast<size_t>(sent.width()) * 4);
+            for (int x = sent.width(); x < sent.width() + kCropStrip; ++x) { // cut off: green
                 row[x * 4] = 0;
                 row[x * 4 + 1] = 255;
                 row[x * 4 + 2] = 0;
             }
         }
-        // The block slides through the lower quarter, two pixels a frame.
-        const int travel = width - kBlockSide;
-        const int step = (count_ * 2) % (2 * travel);
-        const int blockX = step < travel ? step : 2 * travel - step;
-        const int blockY = height - height / 8 - kBlockSide / 2;
-        for (int y = blockY; y < blockY + kBlockSide && pixels && !corrupted; ++y) {
-            uint8_t* row = pixels + static_cast<ptrdiff_t>(y) * stride;
-            for (int x = blockX; x < blockX + kBlockSide; ++x) {
-                row[x * 4] = 60;
-                row[x * 4 + 1] = 200;
-                row[x * 4 + 2] = 40;
-            }
-        }
-        if (monitor_.upsideDown && pixels && !corrupted) {
-            turnAround(pixels, width, height, stride);
-        }
         if (auto* turn = static_cast<spa_meta_videotransform*>(spa_buffer_find_meta_data(
                 spa, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)))) {
-            turn->transform =
-                monitor_.upsideDown ? SPA_META_TRANSFORMATION_180 : SPA_META_TRANSFORMATION_None;
+            turn->transform = monitor_.transform;
         }
         if (auto* crop = static_cast<spa_meta_region*>(
                 spa_buffer_find_meta_data(spa, SPA_META_VideoCrop, sizeof(spa_meta_region)))) {
-            crop->region =
-                SPA_REGION(0, 0, static_cast<uint32_t>(width), static_cast<uint32_t>(height));
+            crop->region = SPA_REGION(0, 0, static_cast<uint32_t>(sent.width()),
+                                      static_cast<uint32_t>(sent.height()));
         }
         if (spa_meta* damage = spa_buffer_find_meta(spa, SPA_META_VideoDamage)) {
+            // The block's band as the buffer holds it; a sideways band, all of it.
             auto* regions = static_cast<spa_meta_region*>(damage->data);
-            const bool whole = count_ == 1;
+            const bool whole = count_ == 1 || sideways();
+            const bool upsideDown = monitor_.transform == SPA_META_TRANSFORMATION_180 ||
+                                    monitor_.transform == SPA_META_TRANSFORMATION_Flipped180;
             regions[0].region =
-                whole
-                    ? SPA_REGION(0, 0, static_cast<uint32_t>(width), static_cast<uint32_t>(height))
-                    : SPA_REGION(0, monitor_.upsideDown ? height - blockY - kBlockSide : blockY,
-                                 static_cast<uint32_t>(width), static_cast<uint32_t>(kBlockSide));
+                whole ? SPA_REGION(0, 0, static_cast<uint32_t>(sent.width()),
+                                   static_cast<uint32_t>(sent.height()))
+                      : SPA_REGION(0, upsideDown ? height - blockY - kBlockSide : blockY,
+                                   static_cast<uint32_t>(width), static_cast<uint32_t>(kBlockSide));
             regions[1].region = SPA_REGION(0, 0, 0, 0);
         }
         if (auto* cursor = static_cast<spa_meta_cursor*>(
@@ -328,7 +394,7 @@ private:
         }
         plane.chunk->offset = 0;
         plane.chunk->stride = stride;
-        plane.chunk->size = empty ? 0 : static_cast<uint32_t>(stride * height);
+        plane.chunk->size = empty ? 0 : static_cast<uint32_t>(bufferBytes);
         plane.chunk->flags = 0;
         pw_stream_queue_buffer(stream_, buffer);
         pw_stream_trigger_process(stream_);
@@ -338,6 +404,7 @@ private:
     const Monitor monitor_;
     const bool withPointer_;
     const QImage pattern_;
+    const std::unique_ptr<ScreenFeed> feed_;
     pw_stream* stream_ = nullptr;
     pw_stream_events events_{};
     spa_hook hook_{};
@@ -391,6 +458,7 @@ public:
             connection.send(message.createReply());
             return true;
         }
+        note("requests", member.toUtf8());
         const QString sessionPath = arguments.value(1).value<QDBusObjectPath>().path();
         QVariantMap results;
         uint32_t response = 0;
@@ -445,6 +513,10 @@ private:
             }
         }
         if (chosen == nullptr) { // the user is asked
+            QFile looking(control_.filePath(QStringLiteral("dialog-ms")));
+            if (looking.open(QIODevice::ReadOnly)) {
+                QThread::msleep(looking.readAll().trimmed().toULong());
+            }
             if (control_.exists(QStringLiteral("decline"))) {
                 return 1;
             }
@@ -491,15 +563,32 @@ private:
 
 } // namespace
 
+namespace {
+
+// "0", "90", "180", "270", "flipped", "flipped-90", "flipped-180", "flipped-270".
+uint32_t transformNamed(const QString& name) {
+    const bool flipped = name.startsWith(QLatin1String("flipped"));
+    const QString angle = flipped ? name.mid(8) : name;
+    return (flipped ? SPA_META_TRANSFORMATION_Flipped : SPA_META_TRANSFORMATION_None) +
+           static_cast<uint32_t>(angle.toInt() / 90);
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     qDBusRegisterMetaType<Stream>();
     qDBusRegisterMetaType<QList<Stream>>();
     qDBusRegisterMetaType<Pair>();
     qDBusRegisterMetaType<RestoreData>();
-    const QStringList arguments = application.arguments();
+    QStringList arguments = application.arguments();
+    const bool fromScreen = arguments.size() > 1 && arguments[1] == QLatin1String("--from-screen");
+    if (fromScreen) {
+        arguments.removeAt(1);
+    }
     if (arguments.size() < 3) {
-        std::fprintf(stderr, "usage: portal_screencast_backend <control folder> <monitor>...\n");
+        std::fprintf(stderr, "usage: portal_screencast_backend [--from-screen] <control folder> "
+                             "<monitor>...\n");
         return 2;
     }
     std::vector<Monitor> monitors;
@@ -510,9 +599,10 @@ int main(int argc, char** argv) {
             return 2;
         }
         monitors.push_back(
-            {parts[0],
+            {fromScreen, parts[0],
              QRect(parts[1].toInt(), parts[2].toInt(), parts[3].toInt(), parts[4].toInt()),
-             QSize(parts[5].toInt(), parts[6].toInt()), parts[7].toInt(), parts[8] == "180"});
+             QSize(parts[5].toInt(), parts[6].toInt()), parts[7].toInt(),
+             transformNamed(parts[8])});
     }
     Backend backend(QDir(arguments[1]), std::move(monitors));
     QDBusConnection bus = QDBusConnection::sessionBus();

@@ -132,7 +132,8 @@ QString DesktopPortal::defaultGrantsDirectory() {
 }
 
 bool DesktopPortal::isReachable() {
-    return connection_.isConnected() && screenCastProperty("version").has_value();
+    return connection_.isConnected() && (screenCastProperty("version").has_value() ||
+                                         property(kScreenshot, "version").has_value());
 }
 
 bool DesktopPortal::offersScreenCast() {
@@ -140,10 +141,14 @@ bool DesktopPortal::offersScreenCast() {
 }
 
 std::optional<uint32_t> DesktopPortal::screenCastProperty(const char* name) {
+    return property(kScreenCast, name);
+}
+
+std::optional<uint32_t> DesktopPortal::property(const QString& interface, const char* name) {
     QDBusMessage get = QDBusMessage::createMethodCall(
         kService, kObject, QStringLiteral("org.freedesktop.DBus.Properties"),
         QStringLiteral("Get"));
-    get << kScreenCast << QString::fromLatin1(name);
+    get << interface << QString::fromLatin1(name);
     const QDBusMessage reply = connection_.call(get, QDBus::Block, kCallTimeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) {
         return std::nullopt;
@@ -240,13 +245,24 @@ void DesktopPortal::closeSession(const QString& session) {
     connection_.call(close, QDBus::Block, kCallTimeoutMs);
 }
 
-QString DesktopPortal::restoreToken(const QString& key) const {
-    QFile file(QDir(grantsDirectory_).filePath(QStringLiteral("screencast-") + key));
+namespace {
+
+const QString kGrantPrefix = QStringLiteral("screencast-");
+
+// A grant is kept under where its monitor lies.
+QString grantFile(QPoint place) {
+    return kGrantPrefix + QStringLiteral("%1,%2").arg(place.x()).arg(place.y());
+}
+
+} // namespace
+
+QString DesktopPortal::restoreToken(QPoint place) const {
+    QFile file(QDir(grantsDirectory_).filePath(grantFile(place)));
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).trimmed() : QString();
 }
 
-void DesktopPortal::keepRestoreToken(const QString& key, const QString& token) const {
-    const QString path = QDir(grantsDirectory_).filePath(QStringLiteral("screencast-") + key);
+void DesktopPortal::keepRestoreToken(QPoint place, const QString& token) const {
+    const QString path = QDir(grantsDirectory_).filePath(grantFile(place));
     if (token.isEmpty()) {
         QFile::remove(path);
         return;
@@ -260,12 +276,27 @@ void DesktopPortal::keepRestoreToken(const QString& key, const QString& token) c
     }
 }
 
-std::unique_ptr<DesktopPortal::ScreenCast> DesktopPortal::shareMonitor(const QString& grantKey,
-                                                                       bool withPointer) {
-    const std::optional<uint32_t> version = screenCastProperty("version");
-    if (!version) {
-        throw PlatformError(QStringLiteral("The desktop offers no screen sharing."));
+bool DesktopPortal::holdsGrant() const {
+    return !QDir(grantsDirectory_)
+                .entryList({kGrantPrefix + QLatin1Char('*')}, QDir::Files)
+                .isEmpty();
+}
+
+bool DesktopPortal::askForGrant() {
+    // A desktop that keeps no grants would ask once here and again at the capture.
+    if (screenCastProperty("version").value_or(0) < kFirstVersionWithRestoreTokens) {
+        return true;
     }
+    try {
+        startSharing(std::nullopt, kCursorHidden); // the session closes at once
+        return true;
+    } catch (const ScreenCapturePermissionError&) {
+        return false;
+    }
+}
+
+std::unique_ptr<DesktopPortal::ScreenCast> DesktopPortal::shareMonitor(QPoint place,
+                                                                       bool withPointer) {
     const uint32_t cursorModes = screenCastProperty("AvailableCursorModes").value_or(0);
     uint32_t cursorMode = 0;
     if (withPointer) {
@@ -274,8 +305,27 @@ std::unique_ptr<DesktopPortal::ScreenCast> DesktopPortal::shareMonitor(const QSt
     } else {
         cursorMode = cursorModes & kCursorHidden;
     }
+    std::unique_ptr<ScreenCast> cast = startSharing(place, cursorMode);
+    QDBusMessage open = QDBusMessage::createMethodCall(kService, kObject, kScreenCast,
+                                                       QStringLiteral("OpenPipeWireRemote"));
+    open << QVariant::fromValue(QDBusObjectPath(cast->session_)) << QVariantMap();
+    const QDBusMessage remote = connection_.call(open, QDBus::Block, kCallTimeoutMs);
+    const auto descriptor = remote.arguments().value(0).value<QDBusUnixFileDescriptor>();
+    if (remote.type() != QDBusMessage::ReplyMessage || !descriptor.isValid()) {
+        throw PlatformError(QStringLiteral("The desktop portal gave no video connection."));
+    }
+    cast->remote_ = dup(descriptor.fileDescriptor());
+    return cast;
+}
+
+std::unique_ptr<DesktopPortal::ScreenCast> DesktopPortal::startSharing(std::optional<QPoint> place,
+                                                                       uint32_t cursorMode) {
+    const std::optional<uint32_t> version = screenCastProperty("version");
+    if (!version) {
+        throw PlatformError(QStringLiteral("The desktop offers no screen sharing."));
+    }
     const bool persists = *version >= kFirstVersionWithRestoreTokens;
-    QString token = persists ? restoreToken(grantKey) : QString();
+    QString token = persists && place ? restoreToken(*place) : QString();
 
     for (;;) {
         const QString sessionToken = QStringLiteral("tessarel_session%1").arg(counter_ + 1);
@@ -308,20 +358,18 @@ std::unique_ptr<DesktopPortal::ScreenCast> DesktopPortal::shareMonitor(const QSt
                 ? request(kScreenCast, QStringLiteral("Start"), {session, QString()}, {})
                 : selected;
         if (started.code == kResponseCancelled) {
-            keepRestoreToken(grantKey, {});
+            if (place) {
+                keepRestoreToken(*place, {});
+            }
             declined();
         }
         if (started.code != kResponseSuccess) {
             if (!token.isEmpty()) { // a token the desktop no longer honours: ask again
-                keepRestoreToken(grantKey, {});
+                keepRestoreToken(*place, {});
                 token.clear();
                 continue;
             }
             throw PlatformError(QStringLiteral("The desktop portal could not share the screen."));
-        }
-        if (persists) {
-            keepRestoreToken(grantKey,
-                             started.results.value(QStringLiteral("restore_token")).toString());
         }
         // One monitor was asked for; the first stream is it.
         const auto streams =
@@ -348,16 +396,11 @@ std::unique_ptr<DesktopPortal::ScreenCast> DesktopPortal::shareMonitor(const QSt
             cast->size_ = QSize(size.x(), size.y());
         }
         cast->pointerEmbedded_ = cursorMode != kCursorMetadata;
-
-        QDBusMessage open = QDBusMessage::createMethodCall(kService, kObject, kScreenCast,
-                                                           QStringLiteral("OpenPipeWireRemote"));
-        open << session << QVariantMap();
-        const QDBusMessage remote = connection_.call(open, QDBus::Block, kCallTimeoutMs);
-        const auto descriptor = remote.arguments().value(0).value<QDBusUnixFileDescriptor>();
-        if (remote.type() != QDBusMessage::ReplyMessage || !descriptor.isValid()) {
-            throw PlatformError(QStringLiteral("The desktop portal gave no video connection."));
+        if (persists) {
+            // A desktop that does not say where its monitor lies has the one at the origin.
+            keepRestoreToken(cast->position_.value_or(place.value_or(QPoint())),
+                             started.results.value(QStringLiteral("restore_token")).toString());
         }
-        cast->remote_ = dup(descriptor.fileDescriptor());
         return cast;
     }
 }

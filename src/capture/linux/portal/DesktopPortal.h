@@ -61,15 +61,24 @@ public:
     DesktopPortal(const DesktopPortal&) = delete;
     DesktopPortal& operator=(const DesktopPortal&) = delete;
 
-    // Whether a portal answers and offers ScreenCast; Screenshot is assumed with it.
+    // Whether a portal answers with ScreenCast or Screenshot.
     bool isReachable();
     bool offersScreenCast();
 
-    // Shares one monitor, with the pointer drawn in or described when asked for. The grant for
-    // `grantKey` (a screen's number) is asked for once and then kept as a restore token across
-    // runs; a token the desktop no longer honours is dropped and the user asked again. Throws
-    // PlatformError; when the user declines, the message says so.
-    std::unique_ptr<ScreenCast> shareMonitor(const QString& grantKey, bool withPointer);
+    // Shares the monitor at `place` (its top left corner in the layout's points), with the
+    // pointer drawn in or described when asked for. The grant for that monitor is asked for
+    // once and then kept as a restore token across runs; a token the desktop no longer
+    // honours is dropped and the user asked again. Throws PlatformError; when the user
+    // declines, ScreenCapturePermissionError.
+    std::unique_ptr<ScreenCast> shareMonitor(QPoint place, bool withPointer);
+
+    // Whether the desktop granted the sharing of a monitor and the grant is kept.
+    bool holdsGrant() const;
+    // Asks the user, through the portal's dialog, to grant the sharing of a monitor, and
+    // keeps the grant for the monitor chosen. False when the user declines; true without
+    // asking where the desktop keeps no grants (the capture asks); throws PlatformError when
+    // the portal cannot ask.
+    bool askForGrant();
 
     // The whole layout as the portal's screenshot gives it. Throws PlatformError.
     QImage screenshot();
@@ -92,8 +101,11 @@ private:
     QString requestPath(const QString& token) const;
     void closeSession(const QString& session);
     std::optional<uint32_t> screenCastProperty(const char* name);
-    QString restoreToken(const QString& key) const;
-    void keepRestoreToken(const QString& key, const QString& token) const;
+    std::optional<uint32_t> property(const QString& interface, const char* name);
+    // Up to Start: `place` none asks for any monitor and keeps the grant where it lies.
+    std::unique_ptr<ScreenCast> startSharing(std::optional<QPoint> place, uint32_t cursorMode);
+    QString restoreToken(QPoint place) const;
+    void keepRestoreToken(QPoint place, const QString& token) const;
 
     // The signal thread.
     void deliver(const QString& path, Response response);

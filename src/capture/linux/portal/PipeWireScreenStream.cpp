@@ -38,33 +38,22 @@ bool swapsRedAndBlue(uint32_t format) {
 }
 
 // Where output pixel (x, y) of a `width` × `height` picture lies in the buffer that was
-// turned by `transform` (counter-clockwise, flips about the vertical axis first).
+// mirrored left to right where the transform flips, then turned counter-clockwise by its
+// angle (the Wayland output transforms: a flipped 90 is the picture transposed).
 std::pair<int, int> sourceOf(uint32_t transform, int x, int y, int width, int height) {
-    const bool flipped = transform >= SPA_META_TRANSFORMATION_Flipped;
+    if (transform >= SPA_META_TRANSFORMATION_Flipped) {
+        x = width - 1 - x;
+    }
     switch (transform % 4) {
-    case 1: // 90: the buffer is `height` wide
-        std::tie(x, y) = std::pair{y, width - 1 - x};
-        if (flipped) {
-            x = height - 1 - x;
-        }
-        return {x, y};
+    case 1: // the buffer is `height` wide
+        return {y, width - 1 - x};
     case 2:
-        x = width - 1 - x;
-        y = height - 1 - y;
-        break;
+        return {width - 1 - x, height - 1 - y};
     case 3:
-        std::tie(x, y) = std::pair{height - 1 - y, x};
-        if (flipped) {
-            x = height - 1 - x;
-        }
-        return {x, y};
+        return {height - 1 - y, x};
     default:
-        break;
+        return {x, y};
     }
-    if (flipped) {
-        x = width - 1 - x;
-    }
-    return {x, y};
 }
 
 const spa_pod* videoFormats(spa_pod_builder& builder) {

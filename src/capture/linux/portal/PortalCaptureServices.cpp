@@ -6,8 +6,10 @@
 #include "capture/linux/portal/DesktopPortal.h"
 #include "capture/linux/portal/PipeWireScreenStream.h"
 
+#include <QCoreApplication>
 #include <QImage>
 #include <QRect>
+#include <QThread>
 
 #include <algorithm>
 #include <atomic>
@@ -21,16 +23,33 @@ namespace {
 
 constexpr std::chrono::seconds kFirstPictureTimeout{10};
 
-// The grant of a display is kept under its number.
-QString grantKey(const DisplayInfo& display) {
-    return QString::number(display.displayID);
+// Every capture first: a portal must answer. Asked here rather than when the layer is
+// chosen, since that may happen on the GUI thread.
+void requirePortal(DesktopPortal& portal) {
+    if (!portal.isReachable()) {
+        throw PlatformError(QStringLiteral(
+            "This Wayland desktop does not let applications copy the screen, and no desktop "
+            "portal answers to ask it for the screen."));
+    }
+}
+
+// The GUI's own thread, where nothing may wait for the portal's dialog.
+bool onGuiThread() {
+    const QCoreApplication* application = QCoreApplication::instance();
+    return application != nullptr && application->inherits("QGuiApplication") &&
+           QThread::currentThread() == application->thread();
+}
+
+// Where a display lies in the layout, in points: the portal's grants are kept by it and
+// its shared screens say where they lie.
+QPoint placeOf(const DisplayInfo& display) {
+    return {static_cast<int>(std::lround(display.frame.x)),
+            static_cast<int>(std::lround(display.frame.y))};
 }
 
 // The shared screen must be the display asked for, where the portal says which it shared.
 void checkSharedScreen(const DesktopPortal::ScreenCast& cast, const DisplayInfo& display) {
-    const QPoint origin(static_cast<int>(std::lround(display.frame.x)),
-                        static_cast<int>(std::lround(display.frame.y)));
-    if (cast.position() && *cast.position() != origin) {
+    if (cast.position() && *cast.position() != placeOf(display)) {
         throw PlatformError(QStringLiteral(
             "The desktop shared another screen than the one Tessarel asked for. Choose the "
             "screen the capture is on."));
@@ -51,6 +70,12 @@ QSizeF logicalSize(const DesktopPortal::ScreenCast& cast, const DisplayInfo& dis
 
 Image PortalScreenshotService::captureImage(const ContentFilter& filter,
                                             const ScreenshotConfiguration& configuration) {
+    // The region overlay asks from the GUI thread for a still picture of the screen; it does
+    // without one rather than freeze while the portal asks the user.
+    if (onGuiThread()) {
+        throw PlatformError(QStringLiteral("The desktop portal is not asked from the GUI."));
+    }
+    requirePortal(portal_);
     if (portal_.offersScreenCast()) {
         return fromScreenCast(filter, configuration.showsCursor);
     }
@@ -59,7 +84,7 @@ Image PortalScreenshotService::captureImage(const ContentFilter& filter,
 
 Image PortalScreenshotService::fromScreenCast(const ContentFilter& filter, bool withPointer) {
     const std::unique_ptr<DesktopPortal::ScreenCast> cast =
-        portal_.shareMonitor(grantKey(filter.display), withPointer);
+        portal_.shareMonitor(placeOf(filter.display), withPointer);
     checkSharedScreen(*cast, filter.display);
     PipeWireScreenStream stream(cast->takeRemote(), cast->nodeId(), !cast->pointerEmbedded(), {});
     stream.awaitFirstPicture(kFirstPictureTimeout);
@@ -126,7 +151,8 @@ public:
 
 private:
     void setUp(int, int) override {
-        auto cast = portal_.shareMonitor(grantKey(filter_.display), configuration().showsCursor);
+        requirePortal(portal_);
+        auto cast = portal_.shareMonitor(placeOf(filter_.display), configuration().showsCursor);
         checkSharedScreen(*cast, filter_.display);
         logicalSize_ = logicalSize(*cast, filter_.display);
         auto source = std::make_unique<PipeWireScreenStream>(cast->takeRemote(), cast->nodeId(),

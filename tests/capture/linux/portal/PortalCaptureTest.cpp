@@ -82,9 +82,8 @@ long long mismatches(const QImage& picture, const QImage& expected, int firstRow
 
 class Portal : public testing::Test {
 protected:
-    explicit Portal(bool withScreenCast = true)
-        : desktop_(WaylandDesktop::Options{kOutputPixels, false}),
-          portal_(desktop_, {withScreenCast}) {}
+    explicit Portal(PortalDesktop::Options options = {})
+        : desktop_(WaylandDesktop::Options{kOutputPixels, false}), portal_(desktop_, options) {}
 
     std::unique_ptr<DesktopPortal> client() const {
         return std::make_unique<DesktopPortal>(portal_.busAddress(), portal_.grantsDirectory());
@@ -96,7 +95,30 @@ protected:
 
 class PortalScreenshot : public Portal {
 protected:
-    PortalScreenshot() : Portal(false) {}
+    PortalScreenshot() : Portal({false}) {}
+};
+
+// The backend sharing what sway shows, as the movie benchmark records it.
+class PortalFromScreen : public Portal {
+protected:
+    PortalFromScreen() : Portal({true, {}, true}) {}
+};
+
+// Outputs whose buffers come turned, each output as one of the two transforms named.
+struct Turns {
+    QString first;
+    QString second;
+};
+void PrintTo(const Turns& turns, std::ostream* out) {
+    *out << turns.first.toStdString() << " and " << turns.second.toStdString();
+}
+
+class PortalTurned : public Portal, public testing::WithParamInterface<Turns> {
+protected:
+    PortalTurned()
+        : Portal({true,
+                  {{QStringLiteral("HEADLESS-1"), GetParam().first},
+                   {QStringLiteral("HEADLESS-2"), GetParam().second}}}) {}
 };
 
 // ---- Movies --------------------------------------------------------------------------------
@@ -242,6 +264,75 @@ TEST_F(Portal, AreaMovieOfEachOutputIsH264AtTheWallClocksPaceWithThePointerDrawn
             EXPECT_GT(magentaPixels(frame, probed.width, pointer.adjusted(2, 2, -2, -2)), 100);
         }
     }
+}
+
+TEST_P(PortalTurned, SnapshotAndMovieOfEachOutputComeOutUprightAtItsSize) {
+    const auto portal = client();
+    ListedDisplays displays(desktop_);
+    PortalScreenshotService screenshots(*portal, displays);
+    QTemporaryDir directory;
+    for (const auto& output : desktop_.outputs()) {
+        SCOPED_TRACE(output.name.toStdString());
+        portal_.chooseOutput(output.name);
+        const QImage pattern = VirtualDisplay::testPattern(output.pixels, seedOf(output.name));
+        const QImage snapshot = imageOf(screenshots.captureImage(
+            {displayOf(output), {}}, {output.logical.width(), output.logical.height(), false}));
+        ASSERT_EQ(snapshot.size(), output.pixels);
+        EXPECT_EQ(mismatches(snapshot, pattern, 0, blockBandTop()), 0);
+
+        // An area off the picture's corner, down through the block's band, from where the
+        // block starts sliding (each share starts the backend's pattern afresh).
+        const double scale = output.pixels.width() / static_cast<double>(output.logical.width());
+        const QRect pixels(10, 40, 400, kOutputPixels.height() - 40);
+        const Rect points{pixels.x() / scale, pixels.y() / scale, pixels.width() / scale,
+                          pixels.height() / scale};
+        const QString path = directory.filePath(output.name + QStringLiteral(".mp4"));
+        VideoStreamConfiguration configuration = configurationFor(points, scale);
+        configuration.showsCursor = false;
+        Recorder recorder(*portal, {displayOf(output), {}}, configuration, path);
+        recorder.stream->startCapture();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        recorder.stream->stopCapture();
+        ASSERT_TRUE(recorder.events.finished());
+        const Probe probed = probe(path);
+        ASSERT_EQ(probed.width, pixels.width());
+        ASSERT_EQ(probed.height, pixels.height());
+        const auto frames = decode(path, probed.width, probed.height);
+        ASSERT_FALSE(frames.empty());
+        std::set<int> blockPlaces;
+        for (const QByteArray& frame : frames) {
+            EXPECT_LT(meanDifference(frame, pattern, pixels,
+                                     [&](int, int y) { return y + pixels.y() < blockBandTop(); }),
+                      3.0);
+            if (const auto left =
+                    blockLeft(frame, probed.width, blockBandTop() + kBlockSide / 2 - pixels.y())) {
+                blockPlaces.insert(*left);
+            }
+        }
+        // The block slides along its band, the right way up.
+        EXPECT_GT(blockPlaces.size(), 5u);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryOutputTransform, PortalTurned,
+    testing::Values(Turns{QStringLiteral("90"), QStringLiteral("270")},
+                    Turns{QStringLiteral("flipped"), QStringLiteral("flipped-90")},
+                    Turns{QStringLiteral("flipped-180"), QStringLiteral("flipped-270")}),
+    [](const testing::TestParamInfo<Turns>& instance) {
+        QString name = instance.param.first + QStringLiteral("And") + instance.param.second;
+        return name.remove(QLatin1Char('-')).toStdString();
+    });
+
+TEST_F(PortalFromScreen, SnapshotOfTheCompositorsPictureEqualsGrimsPicture) {
+    const auto window = desktop_.showWindow(QStringLiteral("HEADLESS-1"), 5);
+    const auto portal = client();
+    ListedDisplays displays(desktop_);
+    PortalScreenshotService screenshots(*portal, displays);
+    const auto output = desktop_.output(QStringLiteral("HEADLESS-1"));
+    const QImage snapshot = imageOf(screenshots.captureImage(
+        {displayOf(output), {}}, {output.pixels.width(), output.pixels.height(), false}));
+    EXPECT_EQ(snapshot, desktop_.grim(QStringLiteral("HEADLESS-1")));
 }
 
 TEST_F(Portal, SecondCaptureAndNextRunAskNothing) {
