@@ -16,14 +16,19 @@
 // A private headless Wayland desktop for one test binary: a session bus, sway on its
 // headless backend with the software renderer, two outputs side by side ("HEADLESS-1" at
 // scale 1, "HEADLESS-2" at scale 2) and, when asked for, swaybar with a tray on every
-// output. sway refuses to run as root, so when the test runs as root the session runs as
-// "nobody" in a runtime directory and home of its own; the test's process still connects
-// to it (root may open the sockets). Stopped by the destructor.
+// output. Or, when asked for, KWin on its virtual backend with one output, compositing with
+// OpenGL in software and its blur on; only the members that name no sway work there. sway
+// refuses to run as root, so when the test runs as root the session runs as "nobody" in a
+// runtime directory and home of its own; the test's process still connects to it (root may
+// open the sockets). Stopped by the destructor.
 class WaylandDesktop {
 public:
+    enum class Compositor { sway, kwin };
+
     struct Options {
         QSize outputSize{1280, 720}; // each output's mode, in pixels
         bool withBar = false;        // swaybar at the top, hosting a tray on every output
+        Compositor compositor = Compositor::sway;
     };
 
     // One output as sway reports it.
@@ -112,6 +117,8 @@ public:
 
 private:
     void start(const Options& options);
+    void startSway(const Options& options);
+    void startKWin(const Options& options);
     void stop();
     QProcess* startDaemon(const QStringList& commandLine);
 
@@ -121,6 +128,6 @@ private:
     QByteArray socket_;
     QString swaySocket_;
     QString busAddress_;
-    std::vector<std::unique_ptr<QProcess>> daemons_; // the bus, then sway
+    std::vector<std::unique_ptr<QProcess>> daemons_; // the bus, then the compositor
     std::unique_ptr<Pointer> pointer_;
 };
