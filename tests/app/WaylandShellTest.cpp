@@ -7,9 +7,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPainter>
 #include <QProcess>
 #include <QRect>
 #include <QRegularExpression>
+#include <QSvgRenderer>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -391,6 +393,119 @@ TEST(WaylandShellTest, WhereTheCompositorDoesNotBlurThePanelIsOpaque) {
     }
     EXPECT_TRUE(backgroundMoved) << "the pattern behind did not move";
     EXPECT_LE(largestChange, 2);
+}
+
+namespace {
+
+// The home screen's audio symbol, as its drawing shows it straight at `scale`: the coverage of
+// each device pixel of its 30-point square, from 0 to 1.
+std::vector<std::vector<double>> micCoverage(int scale) {
+    const int side = 30 * scale;
+    QImage image(side, side, QImage::Format_ARGB32);
+    image.fill(Qt::transparent);
+    QPainter painter(&image);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QSvgRenderer(QStringLiteral(TESSAREL_ICONS_DIR "/mic.svg")).render(&painter);
+    painter.end();
+    std::vector<std::vector<double>> coverage(side, std::vector<double>(side));
+    for (int y = 0; y < side; ++y) {
+        for (int x = 0; x < side; ++x) {
+            coverage[y][x] = qAlpha(image.pixel(x, y)) / 255.0;
+        }
+    }
+    return coverage;
+}
+
+struct SymbolOnScreen {
+    QSize fullyCovered;           // the box of the pixels the symbol covers whole, in device pixels
+    double largestDifference = 1; // from the drawing's own coverage, 0 to 1
+};
+
+// The audio symbol as `picture` (an output's device pixels) shows it within `area`: where it is
+// covered whole, and how far each pixel's coverage of the tint over the row's background
+// departs from the drawing at `scale`. An enlarged copy of a smaller picture departs along
+// every edge.
+SymbolOnScreen audioSymbol(const QImage& picture, const QRect& area, int scale) {
+    const std::vector<QPoint> covered = pixelsNear(picture, area, kAudio);
+    QRect box;
+    for (const QPoint& point : covered) {
+        box = box.united(QRect(point, QSize(1, 1)));
+    }
+    SymbolOnScreen found{box.size()};
+    if (covered.empty()) {
+        return found;
+    }
+    const std::vector<std::vector<double>> drawing = micCoverage(scale);
+    const int side = static_cast<int>(drawing.size());
+    QRect drawingBox;
+    for (int y = 0; y < side; ++y) {
+        for (int x = 0; x < side; ++x) {
+            if (drawing[y][x] > 0.95) {
+                drawingBox = drawingBox.united(QRect(x, y, 1, 1));
+            }
+        }
+    }
+    // The drawing laid where the symbol shows, give or take a pixel.
+    for (int dy = -1; dy <= 1; ++dy) {
+        for (int dx = -1; dx <= 1; ++dx) {
+            const QPoint origin = box.topLeft() - drawingBox.topLeft() + QPoint(dx, dy);
+            const QRgb background = picture.pixel(origin);
+            double largest = 0;
+            for (int y = 0; y < side; ++y) {
+                for (int x = 0; x < side; ++x) {
+                    const QRgb pixel = picture.pixel(origin + QPoint(x, y));
+                    // Green parts the tint from a light or a dark background most.
+                    const double coverage = std::clamp(double(qGreen(background) - qGreen(pixel)) /
+                                                           (qGreen(background) - kAudio.green()),
+                                                       0.0, 1.0);
+                    largest = std::max(largest, std::abs(coverage - drawing[y][x]));
+                }
+            }
+            found.largestDifference = std::min(found.largestDifference, largest);
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+// On a real scale-2 output the compositor shows the panel's own pixels: its symbols drawn
+// again with twice the pixels, not the scale-1 picture enlarged, however often it moves.
+TEST(WaylandShellTest, AnIconOnTheScaleTwoOutputHasTwiceThePixelsAndStaysSharpAfterMoves) {
+    // Outputs large enough that the panel fits the scale-2 one whole.
+    WaylandShell shell(false, {1600, 1000});
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+
+    std::map<int, QSize> sizeAtScale;
+    for (const QString& name : {QStringLiteral("HEADLESS-2"), QStringLiteral("HEADLESS-1"),
+                                QStringLiteral("HEADLESS-2"), QStringLiteral("HEADLESS-1")}) {
+        const WaylandDesktop::Output output = shell.desktop().output(name);
+        const int scale = static_cast<int>(output.scale);
+        shell.desktop().swaymsg({QStringLiteral("[pid=%1]").arg(tessarel.processId()),
+                                 QStringLiteral("move"), QStringLiteral("container"),
+                                 QStringLiteral("to"), QStringLiteral("output"), name});
+        const std::optional<View> panel = shell.waitForView(tessarel, [&](const View& view) {
+            return view.rect.size() == kHome && output.logical.contains(view.rect);
+        });
+        ASSERT_TRUE(panel) << "the panel did not move to " << name.toStdString();
+        const QRect area(QPoint((panel->rect.topLeft() - output.logical.topLeft()) * scale),
+                         panel->rect.size() * scale);
+        // Qt draws the panel anew for the output's scale once the compositor tells it.
+        SymbolOnScreen symbol;
+        processEventsUntil([&] {
+            symbol = audioSymbol(shell.desktop().grim(name), area, scale);
+            return symbol.largestDifference <= 0.1;
+        });
+        EXPECT_LE(symbol.largestDifference, 0.1) << "on " << name.toStdString();
+        if (sizeAtScale.count(scale) == 0) {
+            sizeAtScale[scale] = symbol.fullyCovered;
+        }
+        EXPECT_EQ(symbol.fullyCovered, sizeAtScale[scale]) << "on " << name.toStdString();
+    }
+    ASSERT_FALSE(sizeAtScale[1].isEmpty());
+    EXPECT_NEAR(sizeAtScale[2].width(), 2 * sizeAtScale[1].width(), 2);
+    EXPECT_NEAR(sizeAtScale[2].height(), 2 * sizeAtScale[1].height(), 2);
 }
 
 TEST(WaylandShellTest, ATrayStartedAfterTessarelGetsItsItem) {
