@@ -8,9 +8,16 @@
 //     pages shared with other processes (the libraries) only in part,
 //   - the context switches of all its threads over an idle stretch (every timer or thread
 //     wake-up costs at least one).
+// With --captures, the same process then takes a PNG snapshot of the whole screen, a JPEG one
+// and (Tessarel only) records a movie of an area for a few seconds, driven as a person would
+// (xdotool clicks the tray icon, the popup's row, the panel's buttons), and reports its
+// resident memory and PSS a settling time after each. Flameshot takes its snapshots through
+// its own command line. The pictures and movies go to the folder $HOME names, which should be
+// a private one.
 // Repeats the start several times and prints the median.
 //
-//   app_startup [--runs N] [--idle-seconds S] [program args...]
+//   app_startup [--runs N] [--idle-seconds S] [--captures] [--settle-seconds S]
+//               [program args...]
 
 #include <xcb/xcb.h>
 
@@ -25,8 +32,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -116,6 +126,197 @@ bool iconDocked(xcb_connection_t* connection, pid_t pid) {
     return false;
 }
 
+struct Rect {
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+};
+
+// The viewable windows of process `pid`, in root coordinates.
+std::vector<Rect> windowsOf(xcb_connection_t* connection, pid_t pid) {
+    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(connection)).data->root;
+    const xcb_atom_t pidAtom = atom(connection, "_NET_WM_PID");
+    std::vector<std::pair<xcb_window_t, xcb_window_t>> windows;
+    collect(connection, root, windows);
+    std::vector<Rect> found;
+    for (const auto& [window, parent] : windows) {
+        Reply<xcb_get_property_reply_t> property(
+            xcb_get_property_reply(
+                connection,
+                xcb_get_property(connection, 0, window, pidAtom, XCB_ATOM_CARDINAL, 0, 1), nullptr),
+            &std::free);
+        Reply<xcb_get_window_attributes_reply_t> attributes(
+            xcb_get_window_attributes_reply(connection,
+                                            xcb_get_window_attributes(connection, window), nullptr),
+            &std::free);
+        Reply<xcb_get_geometry_reply_t> geometry(
+            xcb_get_geometry_reply(connection, xcb_get_geometry(connection, window), nullptr),
+            &std::free);
+        Reply<xcb_translate_coordinates_reply_t> origin(
+            xcb_translate_coordinates_reply(
+                connection, xcb_translate_coordinates(connection, window, root, 0, 0), nullptr),
+            &std::free);
+        if (!property || xcb_get_property_value_length(property.get()) != 4 ||
+            *static_cast<const uint32_t*>(xcb_get_property_value(property.get())) !=
+                static_cast<uint32_t>(pid) ||
+            !attributes || attributes->map_state != XCB_MAP_STATE_VIEWABLE || !geometry ||
+            !origin) {
+            continue;
+        }
+        found.push_back({origin->dst_x, origin->dst_y, geometry->width, geometry->height});
+    }
+    return found;
+}
+
+// Waits up to 30 s for a window of `pid` that `accept` takes.
+std::optional<Rect> waitForWindow(xcb_connection_t* connection, pid_t pid,
+                                  const std::function<bool(const Rect&)>& accept) {
+    const Clock::time_point start = Clock::now();
+    while (std::chrono::duration<double>(Clock::now() - start).count() < 30) {
+        for (const Rect& window : windowsOf(connection, pid)) {
+            if (accept(window)) {
+                return window;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return std::nullopt;
+}
+
+std::optional<Rect> waitForWindowOfSize(xcb_connection_t* connection, pid_t pid, int width,
+                                        int height) {
+    return waitForWindow(connection, pid, [&](const Rect& window) {
+        return window.width == width && window.height == height;
+    });
+}
+
+// Runs a program to its end; false when it failed.
+bool run(std::vector<std::string> arguments) {
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    int status = 0;
+    return posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 &&
+           waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool click(int x, int y) {
+    return run({"xdotool", "mousemove", std::to_string(x), std::to_string(y), "click", "1"});
+}
+
+// The files under $HOME, recursively.
+std::vector<std::filesystem::path> savedFiles() {
+    std::vector<std::filesystem::path> files;
+    std::error_code error;
+    for (auto entry = std::filesystem::recursive_directory_iterator(
+             std::getenv("HOME"), std::filesystem::directory_options::skip_permission_denied,
+             error);
+         entry != std::filesystem::recursive_directory_iterator(); entry.increment(error)) {
+        if (error) {
+            break;
+        }
+        if (entry->is_regular_file() && entry->path().string().find("/.") == std::string::npos) {
+            files.push_back(entry->path());
+        }
+    }
+    return files;
+}
+
+// Waits up to 60 s for a file ending in `extension` beyond the `before` ones.
+bool waitForNewFile(const std::vector<std::filesystem::path>& before, const char* extension) {
+    const Clock::time_point start = Clock::now();
+    while (std::chrono::duration<double>(Clock::now() - start).count() < 60) {
+        for (const auto& file : savedFiles()) {
+            if (file.extension() == extension &&
+                std::find(before.begin(), before.end(), file) == before.end()) {
+                return true;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+// Tessarel's windows and where a person clicks in them, in points from their top left.
+constexpr int popupWidth = 480, popupHeight = 402;
+constexpr int setupWidth = 700, setupHeight = 460;
+constexpr int recordingWidth = 720, recordingHeight = 220;
+constexpr int startX = 560, startY = 417;   // the set-up screens' start button
+constexpr int formatX = 400, formatY = 272; // the format menu's box
+constexpr int stopX = 600, stopY = 156;     // the movie's stop button
+
+enum class Capture { png, jpeg, movie };
+
+// Opens the set-up screen of the popup's row `row` from the tray icon.
+std::optional<Rect> openSetup(xcb_connection_t* connection, pid_t pid, int row) {
+    const auto icon = waitForWindow(connection, pid, [](const Rect& window) {
+        return window.width < 64 && window.height < 64;
+    });
+    if (!icon || !click(icon->x + icon->width / 2, icon->y + icon->height / 2)) {
+        return std::nullopt;
+    }
+    const auto popup = waitForWindowOfSize(connection, pid, popupWidth, popupHeight);
+    // The popup's rows are 92 high and start 88 below its top.
+    if (!popup || !click(popup->x + popupWidth / 2, popup->y + 88 + 46 + 92 * row)) {
+        return std::nullopt;
+    }
+    return waitForWindowOfSize(connection, pid, setupWidth, setupHeight);
+}
+
+bool captureWithTessarel(xcb_connection_t* connection, pid_t pid, Capture capture) {
+    const auto before = savedFiles();
+    const auto setup = openSetup(connection, pid, capture == Capture::movie ? 1 : 2);
+    if (!setup) {
+        return false;
+    }
+    if (capture == Capture::movie) {
+        if (!click(setup->x + startX, setup->y + startY) ||
+            !waitForWindow(connection, pid,
+                           [](const Rect& window) { return window.width >= 1600; })) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        if (!run({"xdotool", "mousemove", "400", "300", "mousedown", "1", "mousemove", "800", "500",
+                  "mousemove", "1000", "700", "mouseup", "1"})) {
+            return false;
+        }
+        const auto recording =
+            waitForWindowOfSize(connection, pid, recordingWidth, recordingHeight);
+        if (!recording) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(3));
+        return click(recording->x + stopX, recording->y + stopY) && waitForNewFile(before, ".mp4");
+    }
+    // The format menu lists PNG, JPEG and PDF; the choice stays for the next snapshot.
+    if (!click(setup->x + formatX, setup->y + formatY)) {
+        return false;
+    }
+    const auto menu = waitForWindow(connection, pid, [&](const Rect& window) {
+        return window.height < 200 && window.y > setup->y && window.width > 64;
+    });
+    if (!menu || !click(menu->x + menu->width / 2,
+                        menu->y + menu->height * (capture == Capture::png ? 1 : 3) / 6)) {
+        return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return click(setup->x + startX, setup->y + startY) &&
+           waitForNewFile(before, capture == Capture::png ? ".png" : ".jpg");
+}
+
+bool captureWithFlameshot(Capture capture) {
+    const auto before = savedFiles();
+    const std::string path = std::string(std::getenv("HOME")) + "/flameshot-" +
+                             std::to_string(before.size()) +
+                             (capture == Capture::png ? ".png" : ".jpg");
+    return run({"flameshot", "full", "--path", path}) &&
+           waitForNewFile(before, capture == Capture::png ? ".png" : ".jpg");
+}
+
 long statusField(const std::string& path, const std::string& field) {
     std::ifstream status(path);
     std::string line;
@@ -153,15 +354,33 @@ long contextSwitches(pid_t pid) {
     return total;
 }
 
-struct Run {
-    double startMs = 0;
+struct Memory {
     long rssKiB = 0;
     long pssKiB = 0;
-    long idleSwitches = 0;
-    long threads = 0;
 };
 
-Run measure(const std::vector<char*>& argv, int idleSeconds) {
+Memory memoryOf(pid_t pid) {
+    return {statusField("/proc/" + std::to_string(pid) + "/status", "VmRSS"),
+            proportionalSetSize(pid)};
+}
+
+constexpr const char* captureNames[] = {"4K PNG snapshot", "4K JPEG snapshot", "movie"};
+
+struct Run {
+    double startMs = 0;
+    Memory idle;
+    long idleSwitches = 0;
+    long threads = 0;
+    std::vector<Memory> afterCaptures; // as captureNames
+};
+
+struct Options {
+    int idleSeconds = 5;
+    bool captures = false;
+    int settleSeconds = 60;
+};
+
+Run measure(const std::vector<char*>& argv, const Options& options) {
     Connection x;
     xcb_window_t tray = trayOwner(x.connection);
     // The tray host may still be starting.
@@ -194,12 +413,25 @@ Run measure(const std::vector<char*>& argv, int idleSeconds) {
     // Let start-up work finish, then watch the idle process.
     std::this_thread::sleep_for(std::chrono::seconds(2));
     const long switchesBefore = contextSwitches(pid);
-    std::this_thread::sleep_for(std::chrono::seconds(idleSeconds));
+    std::this_thread::sleep_for(std::chrono::seconds(options.idleSeconds));
     run.idleSwitches = contextSwitches(pid) - switchesBefore;
-    const std::string status = "/proc/" + std::to_string(pid) + "/status";
-    run.rssKiB = statusField(status, "VmRSS");
-    run.threads = statusField(status, "Threads");
-    run.pssKiB = proportionalSetSize(pid);
+    run.threads = statusField("/proc/" + std::to_string(pid) + "/status", "Threads");
+    run.idle = memoryOf(pid);
+
+    const bool peer = std::strstr(argv[0], "flameshot") != nullptr;
+    for (const Capture capture : {Capture::png, Capture::jpeg, Capture::movie}) {
+        if (!options.captures || (peer && capture == Capture::movie)) {
+            break;
+        }
+        if (!(peer ? captureWithFlameshot(capture)
+                   : captureWithTessarel(x.connection, pid, capture))) {
+            std::fprintf(stderr, "the %s failed\n", captureNames[static_cast<int>(capture)]);
+            kill(pid, SIGTERM);
+            std::exit(2);
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(options.settleSeconds));
+        run.afterCaptures.push_back(memoryOf(pid));
+    }
 
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
@@ -215,13 +447,17 @@ template <typename T> T median(std::vector<T> values) {
 
 int main(int argc, char** argv) {
     int runs = 7;
-    int idleSeconds = 5;
+    Options options;
     std::vector<char*> program;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--runs") == 0 && i + 1 < argc) {
             runs = std::atoi(argv[++i]);
         } else if (std::strcmp(argv[i], "--idle-seconds") == 0 && i + 1 < argc) {
-            idleSeconds = std::atoi(argv[++i]);
+            options.idleSeconds = std::atoi(argv[++i]);
+        } else if (std::strcmp(argv[i], "--captures") == 0) {
+            options.captures = true;
+        } else if (std::strcmp(argv[i], "--settle-seconds") == 0 && i + 1 < argc) {
+            options.settleSeconds = std::atoi(argv[++i]);
         } else {
             program.push_back(argv[i]);
         }
@@ -236,17 +472,28 @@ int main(int argc, char** argv) {
     std::vector<long> rss;
     std::vector<long> pss;
     std::vector<long> switches;
+    std::vector<std::vector<long>> rssAfter(std::size(captureNames));
+    std::vector<std::vector<long>> pssAfter(std::size(captureNames));
     long threads = 0;
     for (int i = 0; i < runs; ++i) {
-        const Run run = measure(program, idleSeconds);
+        const Run run = measure(program, options);
         std::printf(
             "run %d: start to tray icon %.1f ms, resident %.1f MB, PSS %.1f MB, %ld context "
-            "switches in %d s idle, %ld threads\n",
-            i + 1, run.startMs, run.rssKiB / 1024.0, run.pssKiB / 1024.0, run.idleSwitches,
-            idleSeconds, run.threads);
+            "switches in %d s idle, %ld threads",
+            i + 1, run.startMs, run.idle.rssKiB / 1024.0, run.idle.pssKiB / 1024.0,
+            run.idleSwitches, options.idleSeconds, run.threads);
+        for (size_t capture = 0; capture < run.afterCaptures.size(); ++capture) {
+            std::printf("; %d s after a %s: resident %.1f MB, PSS %.1f MB", options.settleSeconds,
+                        captureNames[capture], run.afterCaptures[capture].rssKiB / 1024.0,
+                        run.afterCaptures[capture].pssKiB / 1024.0);
+            rssAfter[capture].push_back(run.afterCaptures[capture].rssKiB);
+            pssAfter[capture].push_back(run.afterCaptures[capture].pssKiB);
+        }
+        std::printf("\n");
+        std::fflush(stdout);
         starts.push_back(run.startMs);
-        rss.push_back(run.rssKiB);
-        pss.push_back(run.pssKiB);
+        rss.push_back(run.idle.rssKiB);
+        pss.push_back(run.idle.pssKiB);
         switches.push_back(run.idleSwitches);
         threads = run.threads;
     }
@@ -254,6 +501,14 @@ int main(int argc, char** argv) {
                 "(target <= 35), PSS %.1f MB, %ld context switches in %d s idle (target 0), %ld "
                 "threads\n",
                 runs, program.front(), median(starts), median(rss) / 1024.0, median(pss) / 1024.0,
-                median(switches), idleSeconds, threads);
+                median(switches), options.idleSeconds, threads);
+    for (size_t capture = 0; capture < std::size(captureNames); ++capture) {
+        if (!rssAfter[capture].empty()) {
+            std::printf("median of %d (%s): %d s after a %s: resident %.1f MB (target <= 40), "
+                        "PSS %.1f MB\n",
+                        runs, program.front(), options.settleSeconds, captureNames[capture],
+                        median(rssAfter[capture]) / 1024.0, median(pssAfter[capture]) / 1024.0);
+        }
+    }
     return 0;
 }

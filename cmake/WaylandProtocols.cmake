@@ -9,6 +9,8 @@ file(GLOB _wlr_protocol_dirs LIST_DIRECTORIES true
 find_path(WLR_PROTOCOLS_DIR wlr-screencopy-unstable-v1.xml
     HINTS ${_wlr_protocol_dirs} PATH_SUFFIXES wlr-protocols/unstable
     DOC "Folder holding the wlroots protocol XML files" REQUIRED)
+# KDE's protocols (KWin's blur) from Debian's plasma-wayland-protocols.
+find_package(PlasmaWaylandProtocols REQUIRED)
 
 # tessarel_wayland_protocols(<target> <xml files...>): a static library with the client
 # stubs of each protocol; its headers are included as "<protocol name>-client.h".

@@ -2,6 +2,7 @@
 
 #include "controller/TessarelController.h"
 #include "controller/linux/DesktopScreens.h"
+#include "controller/linux/WindowBlur.h"
 #include "ui/Appearance.h"
 #include "ui/Views.h"
 
@@ -162,12 +163,12 @@ void DesktopShell::configurePanel() {
     layout->addWidget(rootView_);
     // The translucent material only where the desktop blurs what shows through it; elsewhere
     // the windows behind would be read through the panel's own text.
-    const DesktopScreens screens;
-    if (screens.blursBehindWindows()) {
+    blur_ = makeWindowBlur();
+    if (blur_->available()) {
         panel_->setAttribute(Qt::WA_TranslucentBackground);
         rootView_->setMaterial(Appearance::Material::blurred);
         panel_->winId();
-        screens.blurBehind(*panel_->windowHandle());
+        blur_->blurBehind(*panel_->windowHandle());
     }
     const QSize initial = Appearance::toQSize(ShellCoordinator::initialPanelSize);
     panel_->resize(initial);

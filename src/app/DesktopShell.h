@@ -10,6 +10,7 @@
 
 class TessarelController;
 class TessarelRootView;
+class WindowBlur;
 
 // The shell on a Linux desktop: the panel window, the tray icon with its popup, and the
 // application-wide Ctrl+R, Ctrl+V and Ctrl+S. GUI thread only.
@@ -59,6 +60,8 @@ private:
     bool trayAvailable_;
     ShellCoordinator coordinator_;
     std::unique_ptr<QWidget> panel_;
+    // The desktop's blur behind the panel, asked for while the panel lives.
+    std::unique_ptr<WindowBlur> blur_;
     TessarelRootView* rootView_ = nullptr;
     std::unique_ptr<QSystemTrayIcon> tray_;
     std::unique_ptr<QWidget> popup_;

@@ -1,6 +1,6 @@
 # Installation where a Linux desktop finds the program, and the Debian package.
 install(TARGETS tessarel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS tessarel_capture LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/tessarel)
+install(TARGETS tessarel_screen tessarel_capture LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/tessarel)
 install(FILES ${PROJECT_SOURCE_DIR}/resources/${TESSAREL_APP_ID}.desktop
     DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES ${PROJECT_SOURCE_DIR}/resources/${TESSAREL_APP_ID}.svg
@@ -23,7 +23,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The library scan covers the program, its capture module and the lame it carries, and names
+# The library scan covers the program, its capture modules and the lame it carries, and names
 # libqt6gui6, which holds the xcb platform plugin. The SVG icon engine is a plugin Qt loads at run time.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libqt6svg6")
 # A sound server to record from; xdg-open shows the save folder where no file manager answers

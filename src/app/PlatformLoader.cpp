@@ -10,9 +10,26 @@
 
 namespace {
 
-// Stands in for every capture service and loads the capture module on the first call, from
-// whichever thread makes it; every call then goes to the module's service. An idle tray
-// application so maps none of the capture and encoder libraries.
+// The module beside the program at `fromProgram`, where the build and the installation both
+// put it, and its entry point `name`. Loaded for good: its threads and services live until
+// the process ends. Throws PlatformError when either is missing.
+template <typename EntryPoint> EntryPoint entryPoint(const char* fromProgram, const char* name) {
+    const QString path =
+        QDir(QCoreApplication::applicationDirPath()).filePath(QString::fromUtf8(fromProgram));
+    void* module = dlopen(QFile::encodeName(path).constData(), RTLD_NOW | RTLD_LOCAL);
+    const auto entry =
+        module ? reinterpret_cast<EntryPoint>(dlsym(module, name)) : EntryPoint{nullptr};
+    if (!entry) {
+        throw PlatformError(QStringLiteral("Tessarel could not load its capture module: %1")
+                                .arg(QString::fromLocal8Bit(dlerror())));
+    }
+    return entry;
+}
+
+// Stands in for every capture service and loads the modules on the first call that needs
+// them, from whichever thread makes it; every call then goes to the module's service. An
+// idle tray application so maps none of the capture and encoder libraries, and one that
+// took snapshots none of the recorders'.
 class LazyCapturePlatform final : public LoadedCapturePlatform,
                                   public ShareableContentProvider,
                                   public AudioCaptureService,
@@ -25,19 +42,23 @@ public:
     CapturePlatform platform() override { return {*this, *this, *this, *this, *this, *this}; }
     ScreenCapturePermission& permission() override { return *this; }
 
-    // Asked right before each capture, so it loads the module no sooner than the capture would.
+    // Asked right before each capture, so it loads a module no sooner than the capture would.
+    // Where the screen module serves the session, capture asks no grant.
     bool preflightScreenCaptureAccess() override {
-        return module().permission().preflightScreenCaptureAccess();
+        return screenModule() != nullptr || recorders().permission().preflightScreenCaptureAccess();
     }
     std::optional<QUrl> screenRecordingSettingsURL() override {
-        return module().permission().screenRecordingSettingsURL();
+        if (screenModule() != nullptr) {
+            return std::nullopt;
+        }
+        return recorders().permission().screenRecordingSettingsURL();
     }
 
     ShareableContent shareableContent(bool excludingDesktopWindows,
                                       bool onScreenWindowsOnly) override {
-        return loaded().content.shareableContent(excludingDesktopWindows, onScreenWindowsOnly);
+        return screen().content.shareableContent(excludingDesktopWindows, onScreenWindowsOnly);
     }
-    uint32_t mainDisplayID() override { return loaded().content.mainDisplayID(); }
+    uint32_t mainDisplayID() override { return screen().content.mainDisplayID(); }
 
     std::shared_ptr<AudioCaptureStream> makeStream(const ContentFilter& filter,
                                                    const AudioStreamConfiguration& config,
@@ -52,7 +73,7 @@ public:
 
     Image captureImage(const ContentFilter& filter,
                        const ScreenshotConfiguration& configuration) override {
-        return loaded().screenshots.captureImage(filter, configuration);
+        return screen().screenshots.captureImage(filter, configuration);
     }
 
     std::vector<VideoCodec> availableVideoCodecTypes() override {
@@ -74,30 +95,41 @@ public:
     }
 
 private:
-    // Throws PlatformError when the module cannot be loaded; the next call tries again.
-    CapturePlatform loaded() { return module().platform(); }
+    struct ScreenServices {
+        ShareableContentProvider& content;
+        ScreenshotService& screenshots;
+    };
 
-    LoadedCapturePlatform& module() {
-        std::call_once(loadOnce_, [this] { module_.reset(load()); });
+    // Each throws PlatformError when a module cannot be loaded; the next call tries again.
+    ScreenServices screen() {
+        if (LoadedScreenCapture* screen = screenModule()) {
+            return {screen->content(), screen->screenshots()};
+        }
+        const CapturePlatform all = loaded();
+        return {all.content, all.screenshots};
+    }
+
+    LoadedScreenCapture* screenModule() {
+        std::call_once(screenOnce_, [this] {
+            screen_.reset(entryPoint<decltype(&tessarel_make_screen_capture)>(
+                TESSAREL_SCREEN_MODULE_FROM_PROGRAM, "tessarel_make_screen_capture")());
+        });
+        return screen_.get();
+    }
+
+    CapturePlatform loaded() { return recorders().platform(); }
+
+    LoadedCapturePlatform& recorders() {
+        std::call_once(loadOnce_, [this] {
+            LoadedScreenCapture* screen = screenModule();
+            module_.reset(entryPoint<decltype(&tessarel_make_capture_platform)>(
+                TESSAREL_CAPTURE_MODULE_FROM_PROGRAM, "tessarel_make_capture_platform")(screen));
+        });
         return *module_;
     }
 
-    static LoadedCapturePlatform* load() {
-        // Beside the program, where the build and the installation both put it. Loaded for
-        // good: its threads and services live until the process ends.
-        const QString path = QDir(QCoreApplication::applicationDirPath())
-                                 .filePath(QStringLiteral(TESSAREL_CAPTURE_MODULE_FROM_PROGRAM));
-        void* module = dlopen(QFile::encodeName(path).constData(), RTLD_NOW | RTLD_LOCAL);
-        const auto make = module ? reinterpret_cast<decltype(&tessarel_make_capture_platform)>(
-                                       dlsym(module, "tessarel_make_capture_platform"))
-                                 : nullptr;
-        if (!make) {
-            throw PlatformError(QStringLiteral("Tessarel could not load its capture module: %1")
-                                    .arg(QString::fromLocal8Bit(dlerror())));
-        }
-        return make();
-    }
-
+    std::once_flag screenOnce_;
+    std::unique_ptr<LoadedScreenCapture> screen_; // outlives the capture module's use of it
     std::once_flag loadOnce_;
     std::unique_ptr<LoadedCapturePlatform> module_;
 };

@@ -15,12 +15,26 @@ public:
     virtual ScreenCapturePermission& permission() = 0;
 };
 
-// The capture services, loaded from the capture module when the first call needs one. The
-// module chooses the backends: PulseAudio and FFmpeg for sound; for the screen, by the
-// session Qt runs on, X11 or a Wayland compositor's screen copy; elsewhere (and through
-// XWayland the user did not ask for) a stand-in whose every screen capture fails with a clear
-// message.
+// The displays and snapshots of X11 sessions and of Wayland compositors that let applications
+// copy the screen, in a module of their own that needs none of the recorders' libraries
+// (FFmpeg, x264, PulseAudio, PipeWire): a snapshot loads none of them.
+class LoadedScreenCapture {
+public:
+    virtual ~LoadedScreenCapture() = default;
+    virtual ShareableContentProvider& content() = 0;
+    virtual ScreenshotService& screenshots() = 0;
+};
+
+// The capture services, loaded when the first call needs one: the displays and snapshots from
+// the screen module, the rest (and the screen where the screen module does not serve it) from
+// the capture module when first needed. The modules choose the backends: PulseAudio and FFmpeg
+// for sound; for the screen, by the session Qt runs on, X11, a Wayland compositor's screen
+// copy or the desktop portal; elsewhere (and through XWayland the user did not ask for) a
+// stand-in whose every screen capture fails with a clear message.
 std::unique_ptr<LoadedCapturePlatform> loadCapturePlatform();
 
-// What the capture module exports under this name; the loader finds it at run time.
-extern "C" LoadedCapturePlatform* tessarel_make_capture_platform();
+// What the modules export under these names; the loader finds them at run time. The screen
+// module's answer is null in sessions it does not serve; the capture module takes the
+// screen's displays and snapshots from `screen` where it does.
+extern "C" LoadedScreenCapture* tessarel_make_screen_capture();
+extern "C" LoadedCapturePlatform* tessarel_make_capture_platform(LoadedScreenCapture* screen);

@@ -14,7 +14,14 @@
 
 #include <QApplication>
 
+#include <malloc.h>
+
 int main(int argc, char** argv) {
+    // Pictures of the screen and their encodings take many megabytes each. glibc raises its
+    // threshold for mapping a block of its own once such a block is freed, and keeps later
+    // ones in its heaps after use, holding them for as long as Tessarel idles in the tray; a
+    // fixed threshold hands each back to the system when it is freed.
+    mallopt(M_MMAP_THRESHOLD, 1024 * 1024);
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Tessarel"));
     QApplication::setDesktopFileName(QStringLiteral(TESSAREL_APP_ID));

@@ -134,6 +134,31 @@ protected:
         return snapshot;
     }
 
+    // Records the area dragged out from `from` to `to` for `seconds`, from the panel opened
+    // through the tray's popup; false when the recording did not start.
+    static bool recordMovie(EndToEndSession& session, const QProcess& tessarel, const QPoint& from,
+                            const QPoint& to, int seconds) {
+        const auto setup = openFromPopup(session, tessarel, 1);
+        if (!setup) {
+            return false;
+        }
+        session.click(at(setup->geometry, kStartButton));
+        // The overlay covers the screen while the area is chosen.
+        EXPECT_TRUE(session.waitForWindow(tessarel.processId(), [](const auto& window) {
+            return window.geometry.topLeft() == QPoint(0, 0) && window.geometry.width() >= 1600;
+        })) << "no selection overlay";
+        session.drag(from, to);
+        const auto recording = session.waitForWindowOfSize(tessarel.processId(), kRecordingVideo);
+        EXPECT_TRUE(recording) << "the recording did not start";
+        if (!recording) {
+            return false;
+        }
+        session.screenshot(QStringLiteral("recording-video"));
+        QThread::sleep(seconds);
+        session.click(at(recording->geometry, kStopVideo));
+        return true;
+    }
+
     // Clicks the tray icon, then a row of the popup, and returns the panel showing the
     // set-up screen that row opens.
     static std::optional<EndToEndSession::WindowInfo>
@@ -238,14 +263,34 @@ TEST_F(EndToEndTest, TheCaptureLibrariesAreLoadedByTheFirstCaptureNotAtStart) {
     QProcess& tessarel = session.startTessarel();
     ASSERT_TRUE(session.waitForTrayIcon(tessarel.processId()));
 
-    for (const QString& name : {QStringLiteral("tessarel_capture"), QStringLiteral("libavcodec"),
-                                QStringLiteral("libx264"), QStringLiteral("libpulse\\.")}) {
+    for (const QString& name :
+         {QStringLiteral("tessarel_screen"), QStringLiteral("tessarel_capture"),
+          QStringLiteral("libavcodec"), QStringLiteral("libx264"), QStringLiteral("libpulse\\.")}) {
         EXPECT_FALSE(mapsLibrary(tessarel.processId(), name)) << name.toStdString();
     }
 
     ASSERT_TRUE(takeSnapshot(session, tessarel));
-    EXPECT_TRUE(mapsLibrary(tessarel.processId(), QStringLiteral("tessarel_capture")));
-    EXPECT_TRUE(mapsLibrary(tessarel.processId(), QStringLiteral("libavcodec")));
+    EXPECT_TRUE(mapsLibrary(tessarel.processId(), QStringLiteral("tessarel_screen")));
+}
+
+TEST_F(EndToEndTest, ASnapshotLoadsNoneOfTheRecordersLibrariesAndTheFirstMovieLoadsThem) {
+    EndToEndSession session({});
+    QProcess& tessarel = session.startTessarel();
+
+    ASSERT_TRUE(takeSnapshot(session, tessarel));
+    const QStringList recorders{QStringLiteral("tessarel_capture"), QStringLiteral("libavcodec"),
+                                QStringLiteral("libavformat"),      QStringLiteral("libx264"),
+                                QStringLiteral("libpulse\\."),      QStringLiteral("libpipewire")};
+    for (const QString& name : recorders) {
+        EXPECT_FALSE(mapsLibrary(tessarel.processId(), name)) << name.toStdString();
+    }
+
+    ASSERT_TRUE(recordMovie(session, tessarel, QPoint(100, 100), QPoint(300, 200), 1));
+    ASSERT_TRUE(session.waitForReveals(2)) << "the movie was not finished";
+    for (const QString& name : {QStringLiteral("tessarel_capture"), QStringLiteral("libavcodec"),
+                                QStringLiteral("libx264")}) {
+        EXPECT_TRUE(mapsLibrary(tessarel.processId(), name)) << name.toStdString();
+    }
 }
 
 TEST_F(EndToEndTest, ASnapshotOnAServerWithoutCompositeLeavesThePanelOutAndShowsItAgain) {
@@ -273,25 +318,11 @@ TEST_F(EndToEndTest, ASnapshotOnAServerWithoutCompositeLeavesThePanelOutAndShows
 TEST_F(EndToEndTest, ADraggedOutAreaIsRecordedAsH264AtTheEvenSizeTheEngineComputesAndRevealed) {
     EndToEndSession session({});
     QProcess& tessarel = session.startTessarel();
-    const auto setup = openFromPopup(session, tessarel, 1);
-    ASSERT_TRUE(setup);
-    const QRect panel = setup->geometry;
-
-    session.click(at(panel, kStartButton));
-    // The overlay covers the screen while the area is chosen.
-    ASSERT_TRUE(session.waitForWindow(tessarel.processId(), [](const auto& window) {
-        return window.geometry.topLeft() == QPoint(0, 0) && window.geometry.width() >= 1600;
-    })) << "no selection overlay";
     // Odd sides, so that the recording has to round them down.
     const QPoint from(301, 251);
     const QPoint to(702, 504);
     const QDateTime before = QDateTime::currentDateTime();
-    session.drag(from, to);
-    const auto recording = session.waitForWindowOfSize(tessarel.processId(), kRecordingVideo);
-    ASSERT_TRUE(recording) << "the recording did not start";
-    session.screenshot(QStringLiteral("recording-video"));
-    QThread::sleep(3);
-    session.click(at(recording->geometry, kStopVideo));
+    ASSERT_TRUE(recordMovie(session, tessarel, from, to, 3));
     const QString path = expectOneRevealedCapture(session);
     const QDateTime after = QDateTime::currentDateTime();
     ASSERT_FALSE(path.isEmpty());

@@ -7,15 +7,20 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPainter>
 #include <QProcess>
 #include <QRect>
+#include <QRegularExpression>
+#include <QSvgRenderer>
 #include <QThread>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 // Tessarel on a headless sway, driven as a person would: the pointer clicks the item in
@@ -71,6 +76,7 @@ class WaylandShell {
 public:
     explicit WaylandShell(bool withBar, QSize outputSize = {1280, 720})
         : desktop_(WaylandDesktop::Options{outputSize, withBar}) {}
+    explicit WaylandShell(const WaylandDesktop::Options& options) : desktop_(options) {}
 
     ~WaylandShell() {
         for (auto& process : tessarel_) {
@@ -84,13 +90,19 @@ public:
 
     WaylandDesktop& desktop() { return desktop_; }
 
-    // Starts Tessarel as a Wayland client of the desktop, as its session would.
-    QProcess& startTessarel() {
+    // Starts Tessarel as a Wayland client of the desktop, as its session would. Traced, it
+    // writes libwayland's record of every request and event to its standard error, kept for
+    // the test to read.
+    QProcess& startTessarel(bool traced = false) {
         auto process = std::make_unique<QProcess>();
+        QStringList settings{QStringLiteral("XDG_SESSION_TYPE=wayland")};
+        if (traced) {
+            settings << QStringLiteral("WAYLAND_DEBUG=1");
+        }
         const QStringList commandLine = desktop_.asDesktopUser(
-            QStringLiteral("env"),
-            {QStringLiteral("XDG_SESSION_TYPE=wayland"), QStringLiteral(TESSAREL_PROGRAM)});
-        process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+            QStringLiteral("env"), settings << QStringLiteral(TESSAREL_PROGRAM));
+        process->setProcessChannelMode(traced ? QProcess::SeparateChannels
+                                              : QProcess::ForwardedErrorChannel);
         process->start(commandLine.front(), commandLine.mid(1));
         EXPECT_TRUE(process->waitForStarted(10000));
         tessarel_.push_back(std::move(process));
@@ -286,6 +298,214 @@ TEST(WaylandShellTest, WithoutATrayThePanelComesUpAtStartAndASecondStartRaisesIt
     EXPECT_TRUE(second.waitForFinished(20000));
     EXPECT_EQ(second.exitCode(), 0);
     EXPECT_TRUE(shell.waitForFloatingView(tessarel, kHome)) << "the panel did not come back";
+}
+
+namespace {
+
+// Whether libwayland's `trace` of a client shows a blur committed for the surface of its
+// toplevel titled `title`. Object numbers are reused once freed, so each is read as the
+// trace stood when the request named it.
+bool blurCommittedForToplevel(const QString& trace, const QString& title) {
+    static const QRegularExpression xdgSurfaceMade(
+        QStringLiteral(R"re(get_xdg_surface\(new id xdg_surface@(\d+), wl_surface@(\d+)\))re"));
+    static const QRegularExpression toplevelMade(
+        QStringLiteral(R"re(xdg_surface@(\d+)\.get_toplevel\(new id xdg_toplevel@(\d+)\))re"));
+    static const QRegularExpression titled(
+        QStringLiteral(R"re(xdg_toplevel@(\d+)\.set_title\("(.*)"\))re"));
+    static const QRegularExpression blurMade(QStringLiteral(
+        R"re(org_kde_kwin_blur_manager@\d+\.create\(new id org_kde_kwin_blur@(\d+), wl_surface@(\d+)\))re"));
+    static const QRegularExpression blurCommitted(
+        QStringLiteral(R"re(org_kde_kwin_blur@(\d+)\.commit\(\))re"));
+    std::map<QString, QString> surfaceOfXdgSurface;
+    std::map<QString, QString> surfaceOfToplevel;
+    std::map<QString, QString> surfaceOfBlur;
+    std::set<QString> titledSurfaces;
+    std::set<QString> blurredSurfaces;
+    for (const QString& line : trace.split(QLatin1Char('\n'))) {
+        QRegularExpressionMatch match;
+        if ((match = xdgSurfaceMade.match(line)).hasMatch()) {
+            surfaceOfXdgSurface[match.captured(1)] = match.captured(2);
+        } else if ((match = toplevelMade.match(line)).hasMatch()) {
+            surfaceOfToplevel[match.captured(2)] = surfaceOfXdgSurface[match.captured(1)];
+        } else if ((match = titled.match(line)).hasMatch() && match.captured(2) == title) {
+            titledSurfaces.insert(surfaceOfToplevel[match.captured(1)]);
+        } else if ((match = blurMade.match(line)).hasMatch()) {
+            surfaceOfBlur[match.captured(1)] = match.captured(2);
+        } else if ((match = blurCommitted.match(line)).hasMatch()) {
+            blurredSurfaces.insert(surfaceOfBlur[match.captured(1)]);
+        }
+    }
+    return std::any_of(titledSurfaces.begin(), titledSurfaces.end(),
+                       [&](const QString& surface) { return blurredSurfaces.count(surface) > 0; });
+}
+
+} // namespace
+
+TEST(WaylandShellTest, OnKWinWithItsBlurOnThePanelAsksForTheBlurBehindItsSurface) {
+    WaylandShell shell(
+        WaylandDesktop::Options{{1280, 720}, false, WaylandDesktop::Compositor::kwin});
+    QProcess& tessarel = shell.startTessarel(true);
+    QString trace;
+    const bool asked = processEventsUntil([&] {
+        trace += QString::fromUtf8(tessarel.readAllStandardError());
+        return blurCommittedForToplevel(trace, QStringLiteral("Tessarel"));
+    });
+    EXPECT_TRUE(asked) << "no blur for the panel's surface; the trace ends with:\n"
+                       << trace.right(3000).toStdString();
+    EXPECT_EQ(tessarel.state(), QProcess::Running);
+}
+
+TEST(WaylandShellTest, WhereTheCompositorDoesNotBlurThePanelIsOpaque) {
+    WaylandShell shell(false);
+    // Behind the panel, a pattern sliding on the whole output.
+    const auto behind =
+        shell.desktop().showWindow(QStringLiteral("HEADLESS-1"), 7, WaylandDesktop::Motion::slide);
+    QProcess& tessarel = shell.startTessarel();
+    const std::optional<View> panel = shell.waitForFloatingView(tessarel, kHome);
+    ASSERT_TRUE(panel);
+    // Once Qt has drawn the panel, it stays as it is.
+    QImage before = shell.desktop().grim(QStringLiteral("HEADLESS-1"));
+    processEventsUntil([&] {
+        const QImage now = shell.desktop().grim(QStringLiteral("HEADLESS-1"));
+        const bool settled = now.copy(panel->rect) == before.copy(panel->rect);
+        before = now;
+        return settled;
+    });
+
+    int largestChange = 0;
+    bool backgroundMoved = false;
+    for (int look = 0; look < 5; ++look) {
+        QThread::msleep(200);
+        const QImage after = shell.desktop().grim(QStringLiteral("HEADLESS-1"));
+        // The pattern beside the panel moved...
+        const QRect beside(panel->rect.right() + 1, panel->rect.top(), 64, panel->rect.height());
+        backgroundMoved = backgroundMoved || after.copy(beside) != before.copy(beside);
+        // ...and none of it shows through the panel.
+        for (int y = panel->rect.top(); y <= panel->rect.bottom(); ++y) {
+            for (int x = panel->rect.left(); x <= panel->rect.right(); ++x) {
+                const QRgb was = before.pixel(x, y);
+                const QRgb is = after.pixel(x, y);
+                largestChange = std::max({largestChange, std::abs(qRed(was) - qRed(is)),
+                                          std::abs(qGreen(was) - qGreen(is)),
+                                          std::abs(qBlue(was) - qBlue(is))});
+            }
+        }
+    }
+    EXPECT_TRUE(backgroundMoved) << "the pattern behind did not move";
+    EXPECT_LE(largestChange, 2);
+}
+
+namespace {
+
+// The home screen's audio symbol, as its drawing shows it straight at `scale`: the coverage of
+// each device pixel of its 30-point square, from 0 to 1.
+std::vector<std::vector<double>> micCoverage(int scale) {
+    const int side = 30 * scale;
+    QImage image(side, side, QImage::Format_ARGB32);
+    image.fill(Qt::transparent);
+    QPainter painter(&image);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QSvgRenderer(QStringLiteral(TESSAREL_ICONS_DIR "/mic.svg")).render(&painter);
+    painter.end();
+    std::vector<std::vector<double>> coverage(side, std::vector<double>(side));
+    for (int y = 0; y < side; ++y) {
+        for (int x = 0; x < side; ++x) {
+            coverage[y][x] = qAlpha(image.pixel(x, y)) / 255.0;
+        }
+    }
+    return coverage;
+}
+
+struct SymbolOnScreen {
+    QSize fullyCovered;           // the box of the pixels the symbol covers whole, in device pixels
+    double largestDifference = 1; // from the drawing's own coverage, 0 to 1
+};
+
+// The audio symbol as `picture` (an output's device pixels) shows it within `area`: where it is
+// covered whole, and how far each pixel's coverage of the tint over the row's background
+// departs from the drawing at `scale`. An enlarged copy of a smaller picture departs along
+// every edge.
+SymbolOnScreen audioSymbol(const QImage& picture, const QRect& area, int scale) {
+    const std::vector<QPoint> covered = pixelsNear(picture, area, kAudio);
+    QRect box;
+    for (const QPoint& point : covered) {
+        box = box.united(QRect(point, QSize(1, 1)));
+    }
+    SymbolOnScreen found{box.size()};
+    if (covered.empty()) {
+        return found;
+    }
+    const std::vector<std::vector<double>> drawing = micCoverage(scale);
+    const int side = static_cast<int>(drawing.size());
+    QRect drawingBox;
+    for (int y = 0; y < side; ++y) {
+        for (int x = 0; x < side; ++x) {
+            if (drawing[y][x] > 0.95) {
+                drawingBox = drawingBox.united(QRect(x, y, 1, 1));
+            }
+        }
+    }
+    // The drawing laid where the symbol shows, give or take a pixel.
+    for (int dy = -1; dy <= 1; ++dy) {
+        for (int dx = -1; dx <= 1; ++dx) {
+            const QPoint origin = box.topLeft() - drawingBox.topLeft() + QPoint(dx, dy);
+            const QRgb background = picture.pixel(origin);
+            double largest = 0;
+            for (int y = 0; y < side; ++y) {
+                for (int x = 0; x < side; ++x) {
+                    const QRgb pixel = picture.pixel(origin + QPoint(x, y));
+                    // Green parts the tint from a light or a dark background most.
+                    const double coverage = std::clamp(double(qGreen(background) - qGreen(pixel)) /
+                                                           (qGreen(background) - kAudio.green()),
+                                                       0.0, 1.0);
+                    largest = std::max(largest, std::abs(coverage - drawing[y][x]));
+                }
+            }
+            found.largestDifference = std::min(found.largestDifference, largest);
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+// On a real scale-2 output the compositor shows the panel's own pixels: its symbols drawn
+// again with twice the pixels, not the scale-1 picture enlarged, however often it moves.
+TEST(WaylandShellTest, AnIconOnTheScaleTwoOutputHasTwiceThePixelsAndStaysSharpAfterMoves) {
+    // Outputs large enough that the panel fits the scale-2 one whole.
+    WaylandShell shell(false, {1600, 1000});
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+
+    std::map<int, QSize> sizeAtScale;
+    for (const QString& name : {QStringLiteral("HEADLESS-2"), QStringLiteral("HEADLESS-1"),
+                                QStringLiteral("HEADLESS-2"), QStringLiteral("HEADLESS-1")}) {
+        const WaylandDesktop::Output output = shell.desktop().output(name);
+        const int scale = static_cast<int>(output.scale);
+        shell.desktop().swaymsg({QStringLiteral("[pid=%1]").arg(tessarel.processId()),
+                                 QStringLiteral("move"), QStringLiteral("container"),
+                                 QStringLiteral("to"), QStringLiteral("output"), name});
+        const std::optional<View> panel = shell.waitForView(tessarel, [&](const View& view) {
+            return view.rect.size() == kHome && output.logical.contains(view.rect);
+        });
+        ASSERT_TRUE(panel) << "the panel did not move to " << name.toStdString();
+        const QRect area(QPoint((panel->rect.topLeft() - output.logical.topLeft()) * scale),
+                         panel->rect.size() * scale);
+        // Qt draws the panel anew for the output's scale once the compositor tells it.
+        SymbolOnScreen symbol;
+        processEventsUntil([&] {
+            symbol = audioSymbol(shell.desktop().grim(name), area, scale);
+            return symbol.largestDifference <= 0.1;
+        });
+        EXPECT_LE(symbol.largestDifference, 0.1) << "on " << name.toStdString();
+        if (sizeAtScale.count(scale) == 0) {
+            sizeAtScale[scale] = symbol.fullyCovered;
+        }
+        EXPECT_EQ(symbol.fullyCovered, sizeAtScale[scale]) << "on " << name.toStdString();
+    }
+    ASSERT_FALSE(sizeAtScale[1].isEmpty());
+    EXPECT_NEAR(sizeAtScale[2].width(), 2 * sizeAtScale[1].width(), 2);
+    EXPECT_NEAR(sizeAtScale[2].height(), 2 * sizeAtScale[1].height(), 2);
 }
 
 TEST(WaylandShellTest, ATrayStartedAfterTessarelGetsItsItem) {

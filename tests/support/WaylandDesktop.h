@@ -17,13 +17,16 @@
 // headless backend with the software renderer, two outputs side by side ("HEADLESS-1" at
 // scale 1, "HEADLESS-2" at scale 2) and, when asked for, swaybar with a tray on every
 // output. Or, as a compositor that lets no application copy the screen, weston on its
-// headless backend with one output ("headless" at scale 1). sway refuses to run as root,
-// so when the test runs as root the session runs as "nobody" in a runtime directory and
-// home of its own; the test's process still connects to it (root may open the sockets).
-// Stopped by the destructor.
+// headless backend with one output ("headless" at scale 1). Or KWin on its virtual backend
+// with one output, compositing with OpenGL in software and its blur on. Only the members that
+// name no sway work on weston and KWin. sway
+// refuses to run as root, so when the test runs as root the session runs as "nobody" in a
+// runtime directory and home of its own; the test's process still connects to it (root may
+// open the sockets). Stopped by the destructor.
 class WaylandDesktop {
 public:
-    enum class Compositor { sway, weston };
+    enum class Compositor { sway, weston, kwin };
+
     struct Options {
         QSize outputSize{1280, 720}; // each output's mode, in pixels
         bool withBar = false;        // swaybar at the top, hosting a tray on every output
@@ -116,6 +119,8 @@ public:
 
 private:
     void start(const Options& options);
+    void startSway(const Options& options);
+    void startKWin(const Options& options);
     void startWeston();
     void stop();
     QProcess* startDaemon(const QStringList& commandLine);
@@ -127,6 +132,6 @@ private:
     QByteArray socket_;
     QString swaySocket_;
     QString busAddress_;
-    std::vector<std::unique_ptr<QProcess>> daemons_; // the bus, then sway
+    std::vector<std::unique_ptr<QProcess>> daemons_; // the bus, then the compositor
     std::unique_ptr<Pointer> pointer_;
 };

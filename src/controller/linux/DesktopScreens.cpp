@@ -1,38 +1,17 @@
 #include "controller/linux/DesktopScreens.h"
 
 #include "capture/OutputNumbering.h"
+#include "controller/linux/X11Atoms.h"
 #include "screen/ScreenCoordinates.h"
 
 #include <QGuiApplication>
 #include <QScreen>
 #include <QWindow>
-#include <QtGui/qguiapplication_platform.h>
 
-#include <xcb/xcb.h>
-
-#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
 namespace {
-
-xcb_connection_t* x11Connection() {
-    auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
-    return x11 != nullptr ? x11->connection() : nullptr;
-}
-
-std::optional<xcb_atom_t> internAtom(xcb_connection_t* connection, const QByteArray& name) {
-    const std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> reply(
-        xcb_intern_atom_reply(
-            connection,
-            xcb_intern_atom(connection, 0, static_cast<uint16_t>(name.size()), name.constData()),
-            nullptr),
-        &std::free);
-    if (!reply) {
-        return std::nullopt;
-    }
-    return reply->atom;
-}
 
 QVariant displayNumber(const QScreen& screen) {
     // On Wayland the screen's name is its output's name.
@@ -76,55 +55,6 @@ bool DesktopScreens::compositing() const {
                                       nullptr),
         &std::free);
     return owner && owner->owner != XCB_NONE;
-}
-
-namespace {
-
-constexpr QByteArrayView blurBehindRegion("_KDE_NET_WM_BLUR_BEHIND_REGION");
-
-} // namespace
-
-bool DesktopScreens::blursBehindWindows() const {
-    xcb_connection_t* connection = x11Connection();
-    if (connection == nullptr) {
-        return false;
-    }
-    const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(connection)).data;
-    const std::unique_ptr<xcb_intern_atom_reply_t, decltype(&std::free)> atom(
-        xcb_intern_atom_reply(connection,
-                              xcb_intern_atom(connection, 1,
-                                              static_cast<uint16_t>(blurBehindRegion.size()),
-                                              blurBehindRegion.data()),
-                              nullptr),
-        &std::free);
-    if (!atom || atom->atom == XCB_NONE) {
-        return false;
-    }
-    const std::unique_ptr<xcb_list_properties_reply_t, decltype(&std::free)> properties(
-        xcb_list_properties_reply(connection, xcb_list_properties(connection, screen->root),
-                                  nullptr),
-        &std::free);
-    if (!properties) {
-        return false;
-    }
-    const xcb_atom_t* names = xcb_list_properties_atoms(properties.get());
-    const int count = xcb_list_properties_atoms_length(properties.get());
-    return std::find(names, names + count, atom->atom) != names + count;
-}
-
-void DesktopScreens::blurBehind(QWindow& window) const {
-    xcb_connection_t* connection = x11Connection();
-    const std::optional<xcb_atom_t> atom =
-        connection != nullptr ? internAtom(connection, blurBehindRegion.toByteArray())
-                              : std::nullopt;
-    if (!atom) {
-        return;
-    }
-    // An empty region means the whole window.
-    xcb_change_property(connection, XCB_PROP_MODE_REPLACE,
-                        static_cast<xcb_window_t>(window.winId()), *atom, XCB_ATOM_CARDINAL, 32, 0,
-                        nullptr);
-    xcb_flush(connection);
 }
 
 std::optional<ScreenDescription> DesktopScreens::mainScreen() {

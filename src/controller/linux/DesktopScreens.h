@@ -22,12 +22,5 @@ public:
     // Qt runs as a Wayland client.
     static bool wayland();
 
-    // Whether the compositor blurs what lies behind a window that asks for it. Only KWin does:
-    // on X11 it announces _KDE_NET_WM_BLUR_BEHIND_REGION on the root window. Elsewhere, and
-    // on Wayland where asking takes KWin's own protocol, the answer is no.
-    bool blursBehindWindows() const;
-    // Asks for the blur behind the whole of `window`.
-    void blurBehind(QWindow& window) const;
-
     std::optional<ScreenDescription> mainScreen() override;
 };
