@@ -300,6 +300,10 @@ void CaptureEngine::finishWriting() {
         throw CaptureEngineError::cannotEncode(
             finishing->error().value_or(QStringLiteral("Unknown encoding error")));
     }
+    // The file is complete, but not where the user expects it: they are told where it is.
+    if (const std::optional<QString> whereItWent = finishing->error()) {
+        throw PlatformError(*whereItWent);
+    }
     const std::optional<PendingMP3Conversion> conversion =
         withLock([&] { return std::exchange(pendingMP3Conversion, std::nullopt); });
     if (conversion) {

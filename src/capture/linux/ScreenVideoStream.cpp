@@ -71,7 +71,7 @@ void ScreenVideoStream::startCapture() {
     } catch (...) {
         queue_->close(startNs);
         if (recorder_) {
-            recorder_->finish();
+            recorder_->abandon();
         }
         converter_.reset();
         release();

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+class RecordingFile;
 class VideoFrameQueue;
 
 // Writes the frames of a video stream into an MPEG-4 file on its own thread, and tells its
@@ -43,6 +44,8 @@ public:
     // The stream's thread, after the queue was closed: blocks until the file is complete or
     // has failed and the delegate has been told which.
     void finish();
+    // The same where the capture could not start after all: no file is left.
+    void abandon();
 
     // Any thread: frames handed to the encoder so far.
     long long encodedFrames() const;
@@ -53,6 +56,7 @@ private:
 
     RecordingOutputConfiguration configuration_;
     RecordingOutputDelegate* delegate_;
+    std::unique_ptr<RecordingFile> file_;
     std::unique_ptr<Encoder> encoder_;
     std::thread thread_;
     std::atomic<long long> encodedFrames_{0};

@@ -248,3 +248,60 @@ TEST(X11Engine, DiskFullMidMovieEndsItWithTheReasonAndAPlayableFile) {
     ASSERT_EQ(stopping.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_GT(movieSeconds(path), 0.0);
 }
+
+namespace {
+
+// The save folder goes away a second into a changing movie, which goes on for another
+// second. The stop says the folder was made again, and the movie there plays to its end.
+void recordMovieWhileTheFolderGoesAway(bool unmounted) {
+    SmallFolder mounted(64 * 1024);
+    QTemporaryDir parent;
+    const QString folder =
+        unmounted ? mounted.path() : QDir(parent.path()).filePath(QStringLiteral("Movies"));
+    ASSERT_TRUE(QDir().mkpath(folder));
+    VirtualDisplay display(640, 480);
+    const auto background =
+        display.showWindow(QRect(0, 0, 640, 480), VirtualDisplay::testPattern(QSize(640, 480), 5));
+    const auto mover =
+        display.showWindow(QRect(0, 0, 100, 100), VirtualDisplay::testPattern(QSize(100, 100), 6));
+    X11Engine engine(display);
+    const QString path = QDir(folder).filePath(QStringLiteral("Tessarel Video.mp4"));
+    engine->startVideo(QUrl::fromLocalFile(path), Rect{0, 0, 640, 480}, engine.mainDisplayID(),
+                       Rect{0, 0, 640, 480}, 1.0);
+    const auto moveFor = [&](std::chrono::milliseconds duration) {
+        const auto until = std::chrono::steady_clock::now() + duration;
+        for (int step = 0; std::chrono::steady_clock::now() < until; ++step) {
+            mover->move((step * 37) % 540, (step * 53) % 380);
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        }
+    };
+    moveFor(std::chrono::milliseconds(1000));
+    if (unmounted) {
+        ASSERT_TRUE(mounted.detach());
+    } else {
+        ASSERT_TRUE(QDir(folder).removeRecursively());
+    }
+    ASSERT_FALSE(QFile::exists(path));
+    moveFor(std::chrono::milliseconds(1000));
+
+    try {
+        engine->stop();
+        ADD_FAILURE() << "the stop should have said where the movie went";
+    } catch (const PlatformError& error) {
+        EXPECT_EQ(QString::fromUtf8(error.what()),
+                  QStringLiteral("The folder “%1” went away during the recording. Tessarel made "
+                                 "it again and saved “Tessarel Video.mp4” in it.")
+                      .arg(folder));
+    }
+    EXPECT_NEAR(movieSeconds(path), 2.0, 0.3);
+}
+
+} // namespace
+
+TEST(X11Engine, SaveFolderRemovedMidMovieIsMadeAgainWithTheWholeMovie) {
+    recordMovieWhileTheFolderGoesAway(false);
+}
+
+TEST(X11Engine, SaveFolderUnmountedMidMovieGetsTheWholeMovieBack) {
+    recordMovieWhileTheFolderGoesAway(true);
+}
