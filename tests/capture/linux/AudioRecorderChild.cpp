@@ -1,4 +1,5 @@
-// Records the sound the computer plays into a file until it is killed, for the crash tests.
+// Records the sound the computer plays into a file until it is killed, for the crash tests,
+// or until its standard input closes: then it stops the recording and exits.
 // Usage: tessarel_audio_recorder_child M4A|WAV <file>
 // Prints "recording" on its standard output once the recording has begun.
 
@@ -30,7 +31,14 @@ int main(int argc, char** argv) {
     }
     std::puts("recording");
     std::fflush(stdout);
-    for (;;) {
-        ::pause();
+    char ignored = 0;
+    while (::read(STDIN_FILENO, &ignored, 1) > 0) {
     }
+    try {
+        engine.stop();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+    return 0;
 }
