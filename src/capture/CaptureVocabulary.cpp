@@ -4,6 +4,7 @@
 #include <QFileInfo>
 
 #include <cstring>
+#include <system_error>
 
 namespace {
 
@@ -80,6 +81,16 @@ PlatformError fileSystemError(const QString& path, const QString& reason) {
 
 PlatformError fileSystemError(const QString& path, int code) {
     return fileSystemError(path, QString::fromLocal8Bit(std::strerror(code)));
+}
+
+void rethrowExplained() {
+    try {
+        throw;
+    } catch (const std::system_error& refused) {
+        throw PlatformError(
+            QStringLiteral("Tessarel could not start the capture: the system refused it (%1).")
+                .arg(QString::fromLocal8Bit(refused.code().message().c_str())));
+    }
 }
 
 CaptureEngineError::CaptureEngineError(Code code, const QString& detail)

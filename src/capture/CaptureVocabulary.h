@@ -93,6 +93,11 @@ PlatformError fileSystemError(const QString& path, const QString& reason);
 // The same for the reason in errno's `code`.
 PlatformError fileSystemError(const QString& path, int code);
 
+// Rethrows the exception being handled; where the system refused a resource the program
+// asked for (a thread: std::system_error), as a PlatformError that says so in the system's
+// own words.
+[[noreturn]] void rethrowExplained();
+
 // The screen-capture permission itself was refused: the one failure that the permission
 // prompt answers. Every other failure, a folder that refuses a file included, is shown as
 // what it is.

@@ -75,7 +75,7 @@ void ScreenVideoStream::startCapture() {
         }
         converter_.reset();
         release();
-        throw;
+        rethrowExplained();
     }
 }
 

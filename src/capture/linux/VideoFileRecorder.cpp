@@ -544,7 +544,7 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
         encoder_.reset();
         file_->discard();
         file_.reset();
-        throw;
+        rethrowExplained();
     }
 }
 
