@@ -83,6 +83,13 @@ PlatformError fileSystemError(const QString& path, int code) {
     return fileSystemError(path, QString::fromLocal8Bit(std::strerror(code)));
 }
 
+QString folderMadeAgainNotice(const QString& path) {
+    const QFileInfo file(path);
+    return QStringLiteral("The folder “%1” went away during the recording. Tessarel made it "
+                          "again and saved “%2” in it.")
+        .arg(QDir::toNativeSeparators(file.absolutePath()), file.fileName());
+}
+
 void rethrowExplained() {
     try {
         throw;

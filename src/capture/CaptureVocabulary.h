@@ -93,6 +93,10 @@ PlatformError fileSystemError(const QString& path, const QString& reason);
 // The same for the reason in errno's `code`.
 PlatformError fileSystemError(const QString& path, int code);
 
+// What the user is told when the folder of a recording went away while it ran and was made
+// again for the file at `path`.
+QString folderMadeAgainNotice(const QString& path);
+
 // Rethrows the exception being handled; where the system refused a resource the program
 // asked for (a thread: std::system_error), as a PlatformError that says so in the system's
 // own words.

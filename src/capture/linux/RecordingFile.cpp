@@ -70,9 +70,7 @@ std::optional<QString> RecordingFile::keepReachable() {
     errno = 0;
     int refusal = QDir().mkpath(file.absolutePath()) ? copyTo(path_) : (errno ? errno : ENOTDIR);
     if (refusal == 0) {
-        return QStringLiteral("The folder “%1” went away during the recording. Tessarel made it "
-                              "again and saved “%2” in it.")
-            .arg(folder, file.fileName());
+        return folderMadeAgainNotice(path_);
     }
     const QDir home = QDir::home();
     for (int number = 1; number < 1000; ++number) {

@@ -397,8 +397,13 @@ enum class FolderLoss { removed, unmounted, replacedByAFile };
 void recordWhileTheFolderGoesAway(CaptureEngine& engine, SoundServer& server,
                                   AudioExportFormat format, FolderLoss loss) {
     QTemporaryDir home;
-    const QByteArray previousHome = qgetenv("HOME");
-    qputenv("HOME", home.path().toUtf8());
+    struct HomeFor {
+        explicit HomeFor(const QString& path) : previous(qgetenv("HOME")) {
+            qputenv("HOME", path.toUtf8());
+        }
+        ~HomeFor() { qputenv("HOME", previous); }
+        QByteArray previous;
+    } homeForTheTest(home.path());
     SmallFolder mounted(64 * 1024);
     QTemporaryDir parent;
     const QString folder = loss == FolderLoss::unmounted
@@ -429,7 +434,7 @@ void recordWhileTheFolderGoesAway(CaptureEngine& engine, SoundServer& server,
     try {
         engine.stop();
         ADD_FAILURE() << "the stop should have said where the recording went";
-    } catch (const PlatformError& error) {
+    } catch (const std::exception& error) {
         const QString told =
             loss == FolderLoss::replacedByAFile
                 ? QStringLiteral("The folder “%1” went away during the recording and could not "
@@ -441,7 +446,6 @@ void recordWhileTheFolderGoesAway(CaptureEngine& engine, SoundServer& server,
                       .arg(folder, name);
         EXPECT_EQ(QString::fromUtf8(error.what()), told);
     }
-    qputenv("HOME", previousHome);
     const std::optional<AudioFileFacts> facts = probeAudioFile(kept);
     ASSERT_TRUE(facts);
     // The sound of the two seconds after the folder went away is there too.
@@ -457,6 +461,11 @@ TEST_F(AudioRecording, SaveFolderRemovedDuringAWavIsMadeAgainWithTheWholeRecordi
 
 TEST_F(AudioRecording, SaveFolderRemovedDuringAnM4AIsMadeAgainWithTheWholeRecording) {
     recordWhileTheFolderGoesAway(engine, server, AudioExportFormat::m4a, FolderLoss::removed);
+}
+
+// An MP3 is made only after the stop, from sound kept in the temporary folder.
+TEST_F(AudioRecording, SaveFolderRemovedDuringAnMP3IsMadeAgainForTheWholeRecording) {
+    recordWhileTheFolderGoesAway(engine, server, AudioExportFormat::mp3, FolderLoss::removed);
 }
 
 TEST_F(AudioRecording, SaveFolderUnmountedDuringAnM4AGetsTheWholeRecordingBack) {
