@@ -109,20 +109,30 @@ public:
             return;
         }
         stopWorker(Ending::finish);
+        std::unique_ptr<RecordingFile> file;
+        {
+            std::lock_guard guard(mutex_);
+            sink_.reset();
+            file = std::move(file_);
+        }
+        // Whatever the file holds is kept, even where its folder went away meanwhile; the
+        // copy that may take runs outside the lock.
+        std::optional<QString> whereItWent;
+        std::optional<QString> lost;
+        try {
+            whereItWent = file->keepReachable();
+        } catch (const PlatformError& error) {
+            lost = QString::fromUtf8(error.what());
+        }
         std::lock_guard guard(mutex_);
-        sink_.reset();
         if (status_ == AudioWriterStatus::writing) {
             status_ = AudioWriterStatus::completed;
         }
-        // Whatever the file holds is kept, even where its folder went away meanwhile.
-        try {
-            if (const std::optional<QString> whereItWent = file_->keepReachable()) {
-                error_ = error_ ? *error_ + QLatin1Char(' ') + *whereItWent : *whereItWent;
-            }
-        } catch (const PlatformError& lost) {
-            failLocked(QString::fromUtf8(lost.what()));
+        if (lost) {
+            failLocked(*lost);
+        } else if (whereItWent) {
+            error_ = error_ ? *error_ + QLatin1Char(' ') + *whereItWent : *whereItWent;
         }
-        file_.reset();
     }
 
     void cancelWriting() override {

@@ -21,7 +21,8 @@ class VideoFrameQueue;
 // capture time. The file is fragmented MP4 (an empty moov, then a fragment at each keyframe
 // and at least every quarter second, whatever frame it starts with, flushed to disk at once),
 // so a process killed mid-recording leaves a movie that plays up to its last fragment; a
-// normal stop writes the index at the end as well.
+// normal stop writes the index at the end as well. A movie whose folder went away while it
+// was written is put back when it ends (see RecordingFile), and the delegate is told where.
 // Each frame's time stamp is its capture time, so late, dropped or skipped frames never
 // shift the rest: a frame is shown until the next one's capture time.
 class VideoFileRecorder final : public RecordingOutput {
