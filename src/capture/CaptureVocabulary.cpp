@@ -83,6 +83,15 @@ PlatformError fileSystemError(const QString& path, int code) {
     return fileSystemError(path, QString::fromLocal8Bit(std::strerror(code)));
 }
 
+QString numberedPath(const QString& path, int number) {
+    if (number <= 1) {
+        return path;
+    }
+    const QFileInfo file(path);
+    return file.path() + QLatin1Char('/') + file.completeBaseName() +
+           QStringLiteral(" (%1).").arg(number) + file.suffix();
+}
+
 QString folderMadeAgainNotice(const QString& path) {
     const QFileInfo file(path);
     return QStringLiteral("The folder “%1” went away during the recording. Tessarel made it "

@@ -17,6 +17,8 @@
 namespace {
 
 constexpr size_t kCopyChunkBytes = 1 << 20;
+// Names tried in the home folder before giving up: "name", "name (2)", ...
+constexpr int kHomeNamesTried = 1000;
 
 int createExclusively(const QString& path) {
     return ::open(QFile::encodeName(path).constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
@@ -72,14 +74,9 @@ std::optional<QString> RecordingFile::keepReachable() {
     if (refusal == 0) {
         return folderMadeAgainNotice(path_);
     }
-    const QDir home = QDir::home();
-    for (int number = 1; number < 1000; ++number) {
-        const QString name = number == 1 ? file.fileName()
-                                         : QStringLiteral("%1 (%2).%3")
-                                               .arg(file.completeBaseName())
-                                               .arg(number)
-                                               .arg(file.suffix());
-        const QString elsewhere = home.filePath(name);
+    const QString homeFile = QDir::home().filePath(file.fileName());
+    for (int number = 1; number <= kHomeNamesTried; ++number) {
+        const QString elsewhere = numberedPath(homeFile, number);
         const int homeRefusal = copyTo(elsewhere);
         if (homeRefusal == 0) {
             return QStringLiteral("The folder “%1” went away during the recording and could not "
