@@ -300,6 +300,10 @@ void CaptureEngine::finishWriting() {
         throw CaptureEngineError::cannotEncode(
             finishing->error().value_or(QStringLiteral("Unknown encoding error")));
     }
+    // The file is complete, but not where the user expects it: they are told where it is.
+    if (const std::optional<QString> whereItWent = finishing->error()) {
+        throw PlatformError(*whereItWent);
+    }
     const std::optional<PendingMP3Conversion> conversion =
         withLock([&] { return std::exchange(pendingMP3Conversion, std::nullopt); });
     if (conversion) {
@@ -318,6 +322,15 @@ void CaptureEngine::convertToMP3(const PendingMP3Conversion& conversion) {
         throw CaptureEngineError::cannotEncode(
             QStringLiteral("The bundled MP3 encoder is missing."));
     }
+    // The sound waited in the temporary folder; a save folder that went away meanwhile is
+    // made again for it, and the user is told.
+    const QString folder = QFileInfo(destinationPath).absolutePath();
+    const bool folderWasGone = !QFileInfo(folder).isDir();
+    errno = 0;
+    if (folderWasGone && !QDir().mkpath(folder)) {
+        throw CaptureEngineError::cannotEncode(QString::fromUtf8(
+            fileSystemError(destinationPath, errno != 0 ? errno : ENOTDIR).what()));
+    }
     // An argument list, never a shell: paths go through whole.
     QProcess process;
     process.setProgram(*encoder);
@@ -335,6 +348,9 @@ void CaptureEngine::convertToMP3(const PendingMP3Conversion& conversion) {
         !QFile::exists(destinationPath)) {
         throw CaptureEngineError::cannotEncode(
             QStringLiteral("macOS could not convert the recording to MP3."));
+    }
+    if (folderWasGone) {
+        throw PlatformError(folderMadeAgainNotice(destinationPath));
     }
 }
 

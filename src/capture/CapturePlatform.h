@@ -168,6 +168,8 @@ public:
     virtual void finishWriting() = 0;
     virtual void cancelWriting() = 0;
     virtual AudioWriterStatus status() = 0;
+    // Why the writer failed; for a completed writer, where the file went when it could not
+    // stay where it was made (its folder went away while writing).
     virtual std::optional<QString> error() = 0;
 };
 

@@ -4,6 +4,7 @@
 #include <QFileInfo>
 
 #include <cstring>
+#include <system_error>
 
 namespace {
 
@@ -80,6 +81,32 @@ PlatformError fileSystemError(const QString& path, const QString& reason) {
 
 PlatformError fileSystemError(const QString& path, int code) {
     return fileSystemError(path, QString::fromLocal8Bit(std::strerror(code)));
+}
+
+QString numberedPath(const QString& path, int number) {
+    if (number <= 1) {
+        return path;
+    }
+    const QFileInfo file(path);
+    return file.path() + QLatin1Char('/') + file.completeBaseName() +
+           QStringLiteral(" (%1).").arg(number) + file.suffix();
+}
+
+QString folderMadeAgainNotice(const QString& path) {
+    const QFileInfo file(path);
+    return QStringLiteral("The folder “%1” went away during the recording. Tessarel made it "
+                          "again and saved “%2” in it.")
+        .arg(QDir::toNativeSeparators(file.absolutePath()), file.fileName());
+}
+
+void rethrowExplained() {
+    try {
+        throw;
+    } catch (const std::system_error& refused) {
+        throw PlatformError(
+            QStringLiteral("Tessarel could not start the capture: the system refused it (%1).")
+                .arg(QString::fromLocal8Bit(refused.code().message().c_str())));
+    }
 }
 
 CaptureEngineError::CaptureEngineError(Code code, const QString& detail)

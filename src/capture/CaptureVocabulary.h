@@ -93,6 +93,19 @@ PlatformError fileSystemError(const QString& path, const QString& reason);
 // The same for the reason in errno's `code`.
 PlatformError fileSystemError(const QString& path, int code);
 
+// The file name `path` takes as the `number`th of its name: the name itself for the first,
+// then "name (2).ext", "name (3).ext" and so on.
+QString numberedPath(const QString& path, int number);
+
+// What the user is told when the folder of a recording went away while it ran and was made
+// again for the file at `path`.
+QString folderMadeAgainNotice(const QString& path);
+
+// Rethrows the exception being handled; where the system refused a resource the program
+// asked for (a thread: std::system_error), as a PlatformError that says so in the system's
+// own words.
+[[noreturn]] void rethrowExplained();
+
 // The screen-capture permission itself was refused: the one failure that the permission
 // prompt answers. Every other failure, a folder that refuses a file included, is shown as
 // what it is.

@@ -117,13 +117,8 @@ QString TessarelController::fileName(const QString& prefix, const QDateTime& loc
 }
 
 QUrl TessarelController::numbered(const QUrl& url, int number) {
-    if (number <= 1) {
-        return url;
-    }
-    const QFileInfo file(url.path());
     QUrl result = url;
-    result.setPath(file.path() + QLatin1Char('/') + file.completeBaseName() +
-                   QStringLiteral(" (%1).").arg(number) + file.suffix());
+    result.setPath(numberedPath(url.path(), number));
     return result;
 }
 

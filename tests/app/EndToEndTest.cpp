@@ -454,3 +454,42 @@ TEST_F(EndToEndTest, ASnapshotHasThePixelSizeAndPixelsOfTheMonitorHoldingTheFocu
     ASSERT_EQ(bigSnapshot.size(), big.size());
     EXPECT_EQ(differingPixels(bigSnapshot, session.background(), bigSnapshot.rect()), 0);
 }
+
+// Tessarel keeps no settings: a format chosen in one run is gone in the next, which starts
+// with the defaults again.
+TEST_F(EndToEndTest, ASecondRunForgetsTheFormatChosenInTheFirst) {
+    EndToEndSession session({});
+    QProcess& first = session.startTessarel();
+    const auto setup = openFromPopup(session, first, 2);
+    ASSERT_TRUE(setup);
+    session.click(at(setup->geometry, kFormatButton));
+    const auto menu = session.waitForWindow(first.processId(), [&](const auto& window) {
+        return window.geometry.size() != kSetup && window.geometry.height() < 200 &&
+               window.geometry.top() > setup->geometry.top();
+    });
+    ASSERT_TRUE(menu) << "the format menu did not open";
+    // PNG, JPEG, PDF: the second of three equal items.
+    session.click(
+        QPoint(menu->geometry.center().x(), menu->geometry.top() + menu->geometry.height() / 2));
+    session.click(at(setup->geometry, kStartButton));
+    ASSERT_TRUE(session.waitForReveals(1));
+    ASSERT_EQ(captures(session).size(), 1);
+    EXPECT_TRUE(captures(session).front().endsWith(QStringLiteral(".jpg")))
+        << captures(session).front().toStdString();
+    first.terminate();
+    ASSERT_TRUE(first.waitForFinished(30000));
+
+    QProcess& second = session.startTessarel();
+    const auto again = openFromPopup(session, second, 2);
+    ASSERT_TRUE(again);
+    session.screenshot(QStringLiteral("second-run-snapshot-setup"));
+    session.click(at(again->geometry, kStartButton));
+    ASSERT_TRUE(session.waitForReveals(2));
+    const QStringList files = captures(session);
+    ASSERT_EQ(files.size(), 2);
+    EXPECT_EQ(
+        std::count_if(files.begin(), files.end(),
+                      [](const QString& name) { return name.endsWith(QStringLiteral(".png")); }),
+        1)
+        << files.join(QStringLiteral(", ")).toStdString();
+}

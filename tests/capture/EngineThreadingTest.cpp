@@ -85,8 +85,6 @@ TEST_F(EngineThreading, SoundBuffersArrivingDuringStopAreAppendedOrDropped) {
         EXPECT_TRUE(writer.finishCalled);
         EXPECT_EQ(writer.status, AudioWriterStatus::completed);
         EXPECT_EQ(writer.appendsAfterMarkAsFinished, 0);
-        EXPECT_EQ(fileContents(destination.toLocalFile()).size(),
-                  44 + writer.appendedFrameCount() * 2 * 2);
     }
 }
 

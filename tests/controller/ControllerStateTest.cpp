@@ -55,21 +55,6 @@ TEST_F(State, ShowHomeWhileRecordingAudioChangesOnlyMode) {
     EXPECT_DOUBLE_EQ(controller->elapsed(), 0.2);
 }
 
-TEST_F(State, RestartForgetsChosenFolderAndFormats) {
-    fakes.folderChooser.answer = QUrl::fromLocalFile(QStringLiteral("/Users/a/Chosen"));
-    controller->chooseFolder();
-    controller->audioFormat.set(AudioExportFormat::wav);
-    controller->snapshotFormat.set(SnapshotExportFormat::pdf);
-    ASSERT_EQ(controller->saveFolder(), QUrl::fromLocalFile(QStringLiteral("/Users/a/Chosen")));
-
-    controller.reset();
-    controller = std::make_unique<TessarelController>(engine, selector, fakes.platform());
-
-    EXPECT_EQ(controller->saveFolder(), QUrl::fromLocalFile(folder.path()));
-    EXPECT_EQ(controller->audioFormat(), AudioExportFormat::m4a);
-    EXPECT_EQ(controller->snapshotFormat(), SnapshotExportFormat::png);
-}
-
 TEST_F(State, SettingModeToCurrentValueStillAnnounces) {
     int objectChanges = 0;
     std::vector<TessarelMode> announced;

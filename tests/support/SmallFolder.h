@@ -22,6 +22,12 @@ public:
     SmallFolder(const SmallFolder&) = delete;
     SmallFolder& operator=(const SmallFolder&) = delete;
 
+    // Unmounts the file system lazily, as `umount -l` does: files still open keep it alive,
+    // but no name leads to them any more.
+    bool detach() {
+        return ::umount2(QFile::encodeName(path_.path()).constData(), MNT_DETACH) == 0;
+    }
+
     QString path() const { return path_.path(); }
     bool isSmall() const { return mounted_; }
 

@@ -5,7 +5,8 @@ add_library(tessarel_linux_audio STATIC
     ${CMAKE_CURRENT_LIST_DIR}/FfmpegAudioWriter.cpp
     ${CMAKE_CURRENT_LIST_DIR}/PulseAudioCaptureService.cpp
 )
-target_link_libraries(tessarel_linux_audio PUBLIC tessarel_core PkgConfig::PULSE PkgConfig::FFMPEG)
+target_link_libraries(tessarel_linux_audio PUBLIC tessarel_core PkgConfig::PULSE PkgConfig::FFMPEG
+    PRIVATE tessarel_linux_files)
 tessarel_set_warnings(tessarel_linux_audio)
 
 # The MP3 encoder is the system's lame, shipped among the application's resources: in the

@@ -1,6 +1,7 @@
 #include "capture/linux/FfmpegAudioFiles.h"
 
 #include "capture/CaptureVocabulary.h"
+#include "capture/linux/FfmpegLog.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -140,8 +141,10 @@ using IoBytes = uint8_t*;
 [[noreturn]] void throwAvError(int error) {
     std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
     av_strerror(error, text.data(), text.size());
+    const QString explained = takeFfmpegErrors();
     throw PlatformError(QStringLiteral("The audio file could not be written: ") +
-                        QString::fromUtf8(text.data()));
+                        QString::fromUtf8(text.data()) +
+                        (explained.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(explained)));
 }
 
 int check(int result) {
@@ -188,6 +191,7 @@ public:
     Mpeg4AudioFileSink(int fd, const std::string& path, int sampleRate, int channelCount,
                        int bitRate)
         : fd_(fd), channelCount_(channelCount) {
+        routeFfmpegLog();
         const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
         if (!codec) {
             throw PlatformError(QStringLiteral("The AAC encoder is unavailable."));

@@ -1,19 +1,16 @@
 #include "capture/linux/FfmpegAudioWriter.h"
 
 #include "capture/linux/FfmpegAudioFiles.h"
+#include "capture/linux/RecordingFile.h"
 
 #include <QFile>
 #include <QFileInfo>
 
-#include <fcntl.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <condition_variable>
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -21,29 +18,6 @@
 namespace {
 
 enum class Container { mpeg4Audio, wave };
-
-class FileDescriptor {
-public:
-    FileDescriptor() = default;
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() { reset(); }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    int get() const { return fd_; }
-    void reset() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
-    }
-
-private:
-    int fd_ = -1;
-};
 
 // About two seconds of 20 ms buffers.
 constexpr size_t kQueueCapacity = 100;
@@ -75,25 +49,27 @@ public:
         if (status_ != AudioWriterStatus::unknown) {
             return false;
         }
-        const QByteArray path = QFile::encodeName(path_);
-        FileDescriptor fd(::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-        if (fd.get() < 0) {
-            failLocked(QString::fromUtf8(fileSystemError(path_, errno).what()));
-            return false;
-        }
+        std::unique_ptr<RecordingFile> file;
         try {
-            sink_ =
-                container_ == Container::mpeg4Audio
-                    ? makeMpeg4AudioFileSink(fd.get(), path.toStdString(), settings_.sampleRate,
-                                             settings_.numberOfChannels,
-                                             settings_.encoderBitRate.value_or(0))
-                    : makeWaveFileSink(fd.get(), settings_.sampleRate, settings_.numberOfChannels);
-        } catch (const std::exception& error) {
-            ::unlink(path.constData());
+            file = std::make_unique<RecordingFile>(path_);
+        } catch (const PlatformError& error) {
             failLocked(QString::fromUtf8(error.what()));
             return false;
         }
-        fd_ = std::move(fd);
+        try {
+            sink_ = container_ == Container::mpeg4Audio
+                        ? makeMpeg4AudioFileSink(file->descriptor(),
+                                                 QFile::encodeName(path_).toStdString(),
+                                                 settings_.sampleRate, settings_.numberOfChannels,
+                                                 settings_.encoderBitRate.value_or(0))
+                        : makeWaveFileSink(file->descriptor(), settings_.sampleRate,
+                                           settings_.numberOfChannels);
+        } catch (const std::exception& error) {
+            file->discard();
+            failLocked(QString::fromUtf8(error.what()));
+            return false;
+        }
+        file_ = std::move(file);
         status_ = AudioWriterStatus::writing;
         worker_ = std::thread([this] { encode(); });
         pthread_setname_np(worker_.native_handle(), "Tessarel.audio");
@@ -133,11 +109,29 @@ public:
             return;
         }
         stopWorker(Ending::finish);
+        std::unique_ptr<RecordingFile> file;
+        {
+            std::lock_guard guard(mutex_);
+            sink_.reset();
+            file = std::move(file_);
+        }
+        // Whatever the file holds is kept, even where its folder went away meanwhile; the
+        // copy that may take runs outside the lock.
+        std::optional<QString> whereItWent;
+        std::optional<QString> lost;
+        try {
+            whereItWent = file->keepReachable();
+        } catch (const PlatformError& error) {
+            lost = QString::fromUtf8(error.what());
+        }
         std::lock_guard guard(mutex_);
-        sink_.reset();
-        fd_.reset();
         if (status_ == AudioWriterStatus::writing) {
             status_ = AudioWriterStatus::completed;
+        }
+        if (lost) {
+            failLocked(*lost);
+        } else if (whereItWent) {
+            error_ = error_ ? *error_ + QLatin1Char(' ') + *whereItWent : *whereItWent;
         }
     }
 
@@ -146,8 +140,8 @@ public:
             stopWorker(Ending::cancel);
             std::lock_guard guard(mutex_);
             sink_.reset();
-            fd_.reset();
-            ::unlink(QFile::encodeName(path_).constData());
+            file_->discard();
+            file_.reset();
             status_ = AudioWriterStatus::cancelled;
             return;
         }
@@ -276,7 +270,7 @@ private:
     std::optional<int64_t> sessionStartNs_;
     std::deque<SampleBuffer> queue_;
     Ending ending_ = Ending::none;
-    FileDescriptor fd_;
+    std::unique_ptr<RecordingFile> file_;
     // Used by the encoding thread while it runs; released under the mutex after it ended.
     std::unique_ptr<AudioFileSink> sink_;
     std::thread worker_;

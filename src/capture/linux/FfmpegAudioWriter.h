@@ -7,7 +7,9 @@
 // the process dies while writing.
 //
 // A writer never replaces a file: makeWriter refuses a destination that already exists, and
-// the file is created exclusively when writing starts. Samples are placed by their
+// the file is created exclusively when writing starts. A file whose folder went away while
+// it was written is put back when the writing ends (see RecordingFile); error() of the
+// completed writer then says where it is. Samples are placed by their
 // presentation time relative to the session start; gaps become silence, so the file's
 // duration follows the clock. append hands each buffer to the writer's own encoding thread
 // through a bounded queue and never waits for the encoder.

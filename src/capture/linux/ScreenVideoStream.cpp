@@ -71,11 +71,11 @@ void ScreenVideoStream::startCapture() {
     } catch (...) {
         queue_->close(startNs);
         if (recorder_) {
-            recorder_->finish();
+            recorder_->abandon();
         }
         converter_.reset();
         release();
-        throw;
+        rethrowExplained();
     }
 }
 

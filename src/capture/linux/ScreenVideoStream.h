@@ -16,7 +16,8 @@ class VideoFrameQueue;
 // up its source, how it grabs on the capture thread and how that thread is told to stop.
 //
 // The start is all or nothing: where the recorder or the capture thread cannot start, what
-// the layer set up is released again and a recorder already started is finished. A second
+// the layer set up is released again and a recorder already started is ended
+// without leaving its file. A second
 // stop does nothing. A failure on the capture thread reaches the delegate from there.
 class ScreenVideoStream : public VideoCaptureStream {
 public:

@@ -8,5 +8,5 @@ add_library(tessarel_linux_video STATIC
 )
 target_link_libraries(tessarel_linux_video
     PUBLIC tessarel_core
-    PRIVATE PkgConfig::FFMPEG PkgConfig::X264 tessarel_yuv)
+    PRIVATE PkgConfig::FFMPEG PkgConfig::X264 tessarel_yuv tessarel_linux_files)
 tessarel_set_warnings(tessarel_linux_video)

@@ -1,5 +1,7 @@
 #include "capture/linux/VideoFileRecorder.h"
 
+#include "capture/linux/FfmpegLog.h"
+#include "capture/linux/RecordingFile.h"
 #include "capture/linux/VideoFrameQueue.h"
 
 extern "C" {
@@ -9,11 +11,7 @@ extern "C" {
 
 #include <x264.h>
 
-#include <fcntl.h>
 #include <pthread.h>
-#include <unistd.h>
-
-#include <QFile>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,7 +19,6 @@ extern "C" {
 #include <cstring>
 #include <deque>
 #include <map>
-#include <mutex>
 
 namespace {
 
@@ -62,7 +59,10 @@ constexpr int kMacroblockPixels = 16;
 [[noreturn]] void fail(const QString& what, int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(code, text, sizeof text);
-    throw PlatformError(QStringLiteral("%1 (%2)").arg(what, QString::fromUtf8(text)));
+    const QString explained = takeFfmpegErrors();
+    throw PlatformError(QStringLiteral("%1 (%2)").arg(
+        what, explained.isEmpty() ? QString::fromUtf8(text)
+                                  : QString::fromUtf8(text) + QStringLiteral("; ") + explained));
 }
 
 void check(int code, const QString& what) {
@@ -404,9 +404,7 @@ public:
             int64_t frameIntervalNs)
         : frameInterval_(
               std::max<int64_t>(av_rescale_q(frameIntervalNs, kNanoseconds, kTimeBase), 1)) {
-        // Tessarel writes nothing to the console; failures come back as errors.
-        static std::once_flag quiet;
-        std::call_once(quiet, [] { av_log_set_level(AV_LOG_QUIET); });
+        routeFfmpegLog();
         const QByteArray localPath = path.toUtf8();
         AVFormatContext* format = nullptr;
         check(avformat_alloc_output_context2(&format, nullptr, "mp4", localPath.constData()),
@@ -537,20 +535,16 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
     // Created exclusively: a file already under this name is never truncated. Until the
     // encoder thread runs, a failure removes what this start created.
     const QString path = configuration_.outputURL.toLocalFile();
-    const QByteArray localPath = QFile::encodeName(path);
-    const int fd = ::open(localPath.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        throw fileSystemError(path, errno);
-    }
-    ::close(fd);
+    file_ = std::make_unique<RecordingFile>(path);
     try {
         encoder_ = std::make_unique<Encoder>(path, configuration_.videoCodecType, width, height,
                                              frameIntervalNs);
         startEncoding(queue, startTimeNs);
     } catch (...) {
         encoder_.reset();
-        ::unlink(localPath.constData());
-        throw;
+        file_->discard();
+        file_.reset();
+        rethrowExplained();
     }
 }
 
@@ -577,6 +571,18 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
             error = std::current_exception();
         }
         encoder_.reset();
+        // Whatever the movie holds is kept, even where its folder went away meanwhile.
+        const auto tell = [&error](const QString& news) {
+            error = std::make_exception_ptr(PlatformError(
+                error ? localizedDescription(error) + QLatin1Char(' ') + news : news));
+        };
+        try {
+            if (const std::optional<QString> whereItWent = file_->keepReachable()) {
+                tell(*whereItWent);
+            }
+        } catch (const PlatformError& lost) {
+            tell(QString::fromUtf8(lost.what()));
+        }
         if (error) {
             delegate_->recordingOutputDidFail(error);
         } else {
@@ -588,5 +594,12 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
 void VideoFileRecorder::finish() {
     if (thread_.joinable()) {
         thread_.join();
+    }
+}
+
+void VideoFileRecorder::abandon() {
+    finish();
+    if (file_) {
+        file_->discard();
     }
 }

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+class RecordingFile;
 class VideoFrameQueue;
 
 // Writes the frames of a video stream into an MPEG-4 file on its own thread, and tells its
@@ -20,7 +21,8 @@ class VideoFrameQueue;
 // capture time. The file is fragmented MP4 (an empty moov, then a fragment at each keyframe
 // and at least every quarter second, whatever frame it starts with, flushed to disk at once),
 // so a process killed mid-recording leaves a movie that plays up to its last fragment; a
-// normal stop writes the index at the end as well.
+// normal stop writes the index at the end as well. A movie whose folder went away while it
+// was written is put back when it ends (see RecordingFile), and the delegate is told where.
 // Each frame's time stamp is its capture time, so late, dropped or skipped frames never
 // shift the rest: a frame is shown until the next one's capture time.
 class VideoFileRecorder final : public RecordingOutput {
@@ -43,6 +45,8 @@ public:
     // The stream's thread, after the queue was closed: blocks until the file is complete or
     // has failed and the delegate has been told which.
     void finish();
+    // The same where the capture could not start after all: no file is left.
+    void abandon();
 
     // Any thread: frames handed to the encoder so far.
     long long encodedFrames() const;
@@ -53,6 +57,7 @@ private:
 
     RecordingOutputConfiguration configuration_;
     RecordingOutputDelegate* delegate_;
+    std::unique_ptr<RecordingFile> file_;
     std::unique_ptr<Encoder> encoder_;
     std::thread thread_;
     std::atomic<long long> encodedFrames_{0};

@@ -57,3 +57,30 @@ TEST(AudioCrash, KilledRecordingLeavesAPlayableM4AMissingAtMostTheLastSecond) {
 TEST(AudioCrash, KilledRecordingLeavesAPlayableWavMissingAtMostTheLastSecond) {
     expectPlayableAfterKill(AudioExportFormat::wav);
 }
+
+// FFmpeg's libraries log to the console unless told otherwise (the AAC encoder's closing
+// statistics, for one); a whole M4A recording leaves the console empty.
+TEST(AudioConsole, M4ARecordingWritesNothingToTheConsole) {
+    SoundServer server;
+    server.playTone(1000, 60);
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("Tessarel Audio quiet.m4a"));
+
+    QProcess recorder;
+    recorder.setProcessEnvironment(server.clientEnvironment());
+    recorder.start(QStringLiteral(TESSAREL_RECORDER_CHILD),
+                   {AudioExportFormat(AudioExportFormat::m4a).rawValue(), path});
+    ASSERT_TRUE(recorder.waitForStarted(30000));
+    ASSERT_TRUE(recorder.waitForReadyRead(30000));
+    ASSERT_TRUE(recorder.readLine().startsWith("recording "));
+    QThread::msleep(2000);
+    recorder.closeWriteChannel();
+    ASSERT_TRUE(recorder.waitForFinished(30000));
+
+    EXPECT_EQ(recorder.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(recorder.exitCode(), 0);
+    EXPECT_EQ(QString::fromLocal8Bit(recorder.readAllStandardError()).toStdString(), "");
+    const std::optional<AudioFileFacts> facts = probeAudioFile(path);
+    ASSERT_TRUE(facts);
+    EXPECT_GT(facts->durationSeconds, 1.5);
+}

@@ -387,3 +387,97 @@ TEST_F(AudioRecording, ReadOnlySaveFolderRefusesAnMP3RecordingAtTheStart) {
     EXPECT_TRUE(readOnly.isEmpty());
     EXPECT_TRUE(temporaryWaves(tempDir.path()).isEmpty());
 }
+
+namespace {
+
+// What happens to the save folder while the recording runs.
+enum class FolderLoss { removed, unmounted, replacedByAFile };
+
+// The save folder goes away two seconds into a four-second recording. The stop tells where
+// the recording is, and that file holds the whole recording, playable.
+void recordWhileTheFolderGoesAway(CaptureEngine& engine, SoundServer& server,
+                                  AudioExportFormat format, FolderLoss loss) {
+    QTemporaryDir home;
+    struct HomeFor {
+        explicit HomeFor(const QString& path) : previous(qgetenv("HOME")) {
+            qputenv("HOME", path.toUtf8());
+        }
+        ~HomeFor() { qputenv("HOME", previous); }
+        QByteArray previous;
+    } homeForTheTest(home.path());
+    SmallFolder mounted(64 * 1024);
+    QTemporaryDir parent;
+    const QString folder = loss == FolderLoss::unmounted
+                               ? mounted.path()
+                               : QDir(parent.path()).filePath(QStringLiteral("Recordings"));
+    ASSERT_TRUE(QDir().mkpath(folder));
+    const QString path = audioDestination(folder, format);
+    server.playTone(1000, 60);
+    engine.startAudio(QUrl::fromLocalFile(path), format);
+    const Clock::time_point started = Clock::now();
+    QThread::msleep(2000);
+    if (loss == FolderLoss::unmounted) {
+        ASSERT_TRUE(mounted.detach());
+    } else {
+        ASSERT_TRUE(QDir(folder).removeRecursively());
+    }
+    if (loss == FolderLoss::replacedByAFile) {
+        QFile standIn(folder);
+        ASSERT_TRUE(standIn.open(QIODevice::WriteOnly));
+    }
+    ASSERT_FALSE(QFile::exists(path));
+    const Clock::time_point gone = Clock::now();
+    QThread::msleep(2000);
+
+    const QString name = QFileInfo(path).fileName();
+    const QString kept =
+        loss == FolderLoss::replacedByAFile ? QDir(home.path()).filePath(name) : path;
+    try {
+        engine.stop();
+        ADD_FAILURE() << "the stop should have said where the recording went";
+    } catch (const std::exception& error) {
+        const QString told =
+            loss == FolderLoss::replacedByAFile
+                ? QStringLiteral("The folder “%1” went away during the recording and could not "
+                                 "be made again (File exists). Tessarel saved the recording as "
+                                 "“%2” instead.")
+                      .arg(folder, kept)
+                : QStringLiteral("The folder “%1” went away during the recording. Tessarel made "
+                                 "it again and saved “%2” in it.")
+                      .arg(folder, name);
+        EXPECT_EQ(QString::fromUtf8(error.what()), told);
+    }
+    const std::optional<AudioFileFacts> facts = probeAudioFile(kept);
+    ASSERT_TRUE(facts);
+    // The sound of the two seconds after the folder went away is there too.
+    EXPECT_GT(facts->durationSeconds, secondsBetween(started, gone) + 1.5);
+    expectTone(kept);
+}
+
+} // namespace
+
+TEST_F(AudioRecording, SaveFolderRemovedDuringAWavIsMadeAgainWithTheWholeRecording) {
+    recordWhileTheFolderGoesAway(engine, server, AudioExportFormat::wav, FolderLoss::removed);
+}
+
+TEST_F(AudioRecording, SaveFolderRemovedDuringAnM4AIsMadeAgainWithTheWholeRecording) {
+    recordWhileTheFolderGoesAway(engine, server, AudioExportFormat::m4a, FolderLoss::removed);
+}
+
+// An MP3 is made only after the stop, from sound kept in the temporary folder.
+TEST_F(AudioRecording, SaveFolderRemovedDuringAnMP3IsMadeAgainForTheWholeRecording) {
+    recordWhileTheFolderGoesAway(engine, server, AudioExportFormat::mp3, FolderLoss::removed);
+}
+
+TEST_F(AudioRecording, SaveFolderUnmountedDuringAnM4AGetsTheWholeRecordingBack) {
+    recordWhileTheFolderGoesAway(engine, server, AudioExportFormat::m4a, FolderLoss::unmounted);
+}
+
+TEST_F(AudioRecording, SaveFolderUnmountedDuringAWavGetsTheWholeRecordingBack) {
+    recordWhileTheFolderGoesAway(engine, server, AudioExportFormat::wav, FolderLoss::unmounted);
+}
+
+TEST_F(AudioRecording, SaveFolderThatCannotBeMadeAgainSendsTheRecordingHome) {
+    recordWhileTheFolderGoesAway(engine, server, AudioExportFormat::wav,
+                                 FolderLoss::replacedByAFile);
+}

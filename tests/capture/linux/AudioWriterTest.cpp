@@ -202,3 +202,22 @@ TEST_F(AudioWriter, WriterEndsItsFileWhenDroppedWhileWriting) {
     ASSERT_TRUE(facts);
     EXPECT_NEAR(facts->durationSeconds, 1.0, 0.05);
 }
+
+// FFmpeg explains its refusals only in its log; that explanation reaches the writer's error
+// instead of the console, and the file the start created is gone again.
+TEST_F(AudioWriter, EncoderRefusalCarriesFFmpegsOwnWords) {
+    AudioWriterSettings settings = CaptureEngine::audioWriterSettings(AudioExportFormat::m4a);
+    settings.sampleRate = 1234;
+    path = dir.filePath(QStringLiteral("odd rate.m4a"));
+    auto writer = factory.makeWriter(QUrl::fromLocalFile(path), settings);
+    writer->addInput();
+
+    EXPECT_FALSE(writer->startWriting());
+    EXPECT_EQ(writer->status(), AudioWriterStatus::failed);
+    const QString error = writer->error().value_or(QString());
+    EXPECT_TRUE(error.startsWith(QStringLiteral("The audio file could not be written: ")))
+        << error.toStdString();
+    EXPECT_TRUE(error.contains(QStringLiteral("(aac: ")) && error.contains(QStringLiteral("1234")))
+        << error.toStdString();
+    EXPECT_FALSE(QFile::exists(path));
+}

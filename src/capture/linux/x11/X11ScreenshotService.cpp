@@ -2,11 +2,13 @@
 
 #include "capture/linux/x11/X11AreaGrabber.h"
 #include "capture/linux/x11/X11Connection.h"
+#include "capture/linux/x11/X11Pointer.h"
 #include "capture/linux/x11/X11ShmImage.h"
 
 #include <libyuv.h>
 
 #include <cmath>
+#include <optional>
 
 X11ScreenshotService::X11ScreenshotService(QByteArray displayName,
                                            std::chrono::milliseconds keepPixelsFor)
@@ -67,11 +69,24 @@ Image X11ScreenshotService::captureImage(const ContentFilter& filter,
     for (const RunningApplication& application : filter.excludedApplications) {
         excluded.push_back(application.processID);
     }
-    // X servers never put the pointer into an image they are asked for, so leaving it out
-    // (configuration.showsCursor is false for snapshots) needs no work.
+    // X servers never put the pointer into an image they are asked for: leaving it out needs
+    // no work, showing it means drawing its own image over the picture.
+    std::optional<xcb_xfixes_get_cursor_image_cookie_t> cursorRequest;
+    if (configuration.showsCursor) {
+        requirePointerImages(*connection_);
+        cursorRequest = xcb_xfixes_get_cursor_image(connection_->get());
+    }
     X11AreaGrabber(*connection_, area, std::move(excluded),
                    X11AreaGrabber::WithoutComposition::hideWhileGrabbing)
         .grab(*image_);
+    if (cursorRequest) {
+        const XcbReply<xcb_xfixes_get_cursor_image_reply_t> cursor(
+            xcb_xfixes_get_cursor_image_reply(connection_->get(), *cursorRequest, nullptr));
+        if (!cursor) {
+            throw PlatformError(QStringLiteral("The X server cannot show the pointer."));
+        }
+        drawPointer(*cursor, area, *image_);
+    }
 
     // One copy, straight from the segment into the image's buffer: the last image's, when
     // its receiver has let go of it, as fresh pages cost more to fill than the copy itself.

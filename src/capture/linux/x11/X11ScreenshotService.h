@@ -13,12 +13,12 @@
 class X11Connection;
 class X11ShmImage;
 
-// One still image of a display at the requested pixel size, without the pointer and
-// without the excluded applications' windows. Any thread; captures run one at a time on a
-// connection, a shared-memory segment and a pixel buffer that are kept for the next one,
-// since fresh pages cost more to fill than the copy itself. Once no capture has come for
-// `keepPixelsFor`, a thread of the service lets go of the segment and the buffer (about
-// twice the largest image's bytes), so an idle tray application holds none of them.
+// One still image of a display at the requested pixel size, without the excluded
+// applications' windows, and with the pointer only where the configuration shows it. Any thread;
+// captures run one at a time on a connection, a shared-memory segment and a pixel buffer that are
+// kept for the next one, since fresh pages cost more to fill than the copy itself. Once no capture
+// has come for `keepPixelsFor`, a thread of the service lets go of the segment and the buffer
+// (about twice the largest image's bytes), so an idle tray application holds none of them.
 class X11ScreenshotService final : public ScreenshotService {
 public:
     // An empty name means $DISPLAY.

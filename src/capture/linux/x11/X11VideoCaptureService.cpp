@@ -5,6 +5,7 @@
 #include "capture/linux/VideoPacing.h"
 #include "capture/linux/x11/X11AreaGrabber.h"
 #include "capture/linux/x11/X11Connection.h"
+#include "capture/linux/x11/X11Pointer.h"
 #include "capture/linux/x11/X11ShmImage.h"
 
 #include <xcb/xfixes.h>
@@ -49,15 +50,7 @@ private:
         std::array<std::unique_ptr<X11ShmImage>, 2> grabs{
             std::make_unique<X11ShmImage>(*connection), std::make_unique<X11ShmImage>(*connection)};
         if (configuration().showsCursor) {
-            xcb_connection_t* c = connection->get();
-            XcbReply<xcb_xfixes_query_version_reply_t> version;
-            if (connection->offers(xcb_xfixes_id)) {
-                version.reset(xcb_xfixes_query_version_reply(
-                    c, xcb_xfixes_query_version(c, XCB_XFIXES_MAJOR_VERSION, 0), nullptr));
-            }
-            if (!version) {
-                throw PlatformError(QStringLiteral("The X server cannot show the pointer."));
-            }
+            requirePointerImages(*connection);
         }
         connection_ = std::move(connection);
         grabber_ = std::move(grabber);
@@ -203,7 +196,8 @@ private:
             }
             collectCursor();
             lastPointer_ = pointerInArea(cursor.get());
-            pointerRows_[current] = lastPointer_ ? drawPointer(*cursor, image) : PixelSpan{};
+            pointerRows_[current] =
+                lastPointer_ ? drawPointer(*cursor, grabber_->area(), image) : PixelSpan{};
             // Outside these rows both pictures are the screen as it is.
             PixelSpan mayDiffer = read.screenAsItIs ? read.read : everyRow;
             mayDiffer.unite(pointerRows_[current]);
@@ -222,33 +216,6 @@ private:
         }
         lastPassedOnNs_ = captureNs;
         passOnFrame(captureNs);
-    }
-
-    // Blends the pointer's premultiplied ARGB image over the grabbed pixels; returns the rows
-    // it covers.
-    PixelSpan drawPointer(const xcb_xfixes_get_cursor_image_reply_t& cursor,
-                          X11ShmImage& image) const {
-        const PixelRect& area = grabber_->area();
-        const int left = cursor.x - cursor.xhot - area.x;
-        const int top = cursor.y - cursor.yhot - area.y;
-        const uint32_t* source = xcb_xfixes_get_cursor_image_cursor_image(&cursor);
-        for (int y = std::max(0, -top); y < cursor.height && top + y < image.height(); ++y) {
-            uint8_t* row = image.pixels() + static_cast<ptrdiff_t>(top + y) * image.bytesPerRow();
-            for (int x = std::max(0, -left); x < cursor.width && left + x < image.width(); ++x) {
-                const uint32_t argb = source[y * cursor.width + x];
-                const uint32_t alpha = argb >> 24;
-                if (alpha == 0) {
-                    continue;
-                }
-                uint8_t* pixel = row + static_cast<ptrdiff_t>(left + x) * 4;
-                for (int channel = 0; channel < 3; ++channel) {
-                    const uint32_t over = (argb >> (8 * channel)) & 0xff;
-                    pixel[channel] = static_cast<uint8_t>(
-                        std::min<uint32_t>(255, over + pixel[channel] * (255 - alpha) / 255));
-                }
-            }
-        }
-        return {std::max(0, top), std::min(image.height(), top + static_cast<int>(cursor.height))};
     }
 
     const QByteArray displayName_;

@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -247,4 +249,157 @@ TEST(X11Engine, DiskFullMidMovieEndsItWithTheReasonAndAPlayableFile) {
     });
     ASSERT_EQ(stopping.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_GT(movieSeconds(path), 0.0);
+}
+
+namespace {
+
+// The save folder goes away a second into a changing movie, which goes on for another
+// second. The stop says the folder was made again, and the movie there plays to its end.
+void recordMovieWhileTheFolderGoesAway(bool unmounted) {
+    SmallFolder mounted(64 * 1024);
+    QTemporaryDir parent;
+    const QString folder =
+        unmounted ? mounted.path() : QDir(parent.path()).filePath(QStringLiteral("Movies"));
+    ASSERT_TRUE(QDir().mkpath(folder));
+    VirtualDisplay display(640, 480);
+    const auto background =
+        display.showWindow(QRect(0, 0, 640, 480), VirtualDisplay::testPattern(QSize(640, 480), 5));
+    const auto mover =
+        display.showWindow(QRect(0, 0, 100, 100), VirtualDisplay::testPattern(QSize(100, 100), 6));
+    X11Engine engine(display);
+    const QString path = QDir(folder).filePath(QStringLiteral("Tessarel Video.mp4"));
+    engine->startVideo(QUrl::fromLocalFile(path), Rect{0, 0, 640, 480}, engine.mainDisplayID(),
+                       Rect{0, 0, 640, 480}, 1.0);
+    const auto moveFor = [&](std::chrono::milliseconds duration) {
+        const auto until = std::chrono::steady_clock::now() + duration;
+        for (int step = 0; std::chrono::steady_clock::now() < until; ++step) {
+            mover->move((step * 37) % 540, (step * 53) % 380);
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        }
+    };
+    moveFor(std::chrono::milliseconds(1000));
+    if (unmounted) {
+        ASSERT_TRUE(mounted.detach());
+    } else {
+        ASSERT_TRUE(QDir(folder).removeRecursively());
+    }
+    ASSERT_FALSE(QFile::exists(path));
+    moveFor(std::chrono::milliseconds(1000));
+
+    try {
+        engine->stop();
+        ADD_FAILURE() << "the stop should have said where the movie went";
+    } catch (const PlatformError& error) {
+        EXPECT_EQ(QString::fromUtf8(error.what()),
+                  QStringLiteral("The folder “%1” went away during the recording. Tessarel made "
+                                 "it again and saved “Tessarel Video.mp4” in it.")
+                      .arg(folder));
+    }
+    // The second after the folder went away is there too.
+    EXPECT_GT(movieSeconds(path), 1.5);
+}
+
+} // namespace
+
+TEST(X11Engine, SaveFolderRemovedMidMovieIsMadeAgainWithTheWholeMovie) {
+    recordMovieWhileTheFolderGoesAway(false);
+}
+
+TEST(X11Engine, SaveFolderUnmountedMidMovieGetsTheWholeMovieBack) {
+    recordMovieWhileTheFolderGoesAway(true);
+}
+
+namespace {
+
+int threadsOfThisProcess() {
+    return static_cast<int>(QDir(QStringLiteral("/proc/self/task"))
+                                .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
+                                .size());
+}
+
+// Runs as the unprivileged user "nobody", whom the system lets have at most `tasks` threads
+// (root is never refused one), and becomes root again at the end of the scope.
+class ThreadAllowance {
+public:
+    static constexpr uid_t kNobody = 65534;
+    static constexpr gid_t kNoGroup = 65534;
+
+    explicit ThreadAllowance(rlim_t tasks) {
+        ::getrlimit(RLIMIT_NPROC, &previous_);
+        dropped_ = ::setresgid(kNoGroup, kNoGroup, 0) == 0 && ::setresuid(kNobody, kNobody, 0) == 0;
+        const rlimit limited{tasks, previous_.rlim_max};
+        limited_ = dropped_ && ::setrlimit(RLIMIT_NPROC, &limited) == 0;
+    }
+    ~ThreadAllowance() {
+        ::setresuid(0, 0, 0);
+        ::setresgid(0, 0, 0);
+        ::setrlimit(RLIMIT_NPROC, &previous_);
+    }
+    ThreadAllowance(const ThreadAllowance&) = delete;
+    ThreadAllowance& operator=(const ThreadAllowance&) = delete;
+
+    bool holds() const { return limited_; }
+
+private:
+    rlimit previous_{};
+    bool dropped_ = false;
+    bool limited_ = false;
+};
+
+} // namespace
+
+// The system refuses the movie's threads, one allowance after another: the recorder's, then
+// the capture's own, the last one the start makes. Each refused start leaves no thread
+// behind, no file, and a message that says what happened; the first allowance large enough
+// starts the movie, and the engine records as before.
+TEST(X11Engine, MovieStartRefusedAThreadLeavesNoThreadNoFileAndSaysWhy) {
+    ASSERT_EQ(::geteuid(), 0u) << "needs root to become another user";
+    VirtualDisplay display(640, 480);
+    const auto background =
+        display.showWindow(QRect(0, 0, 640, 480), VirtualDisplay::testPattern(QSize(640, 480), 3));
+    X11Engine engine(display);
+    QTemporaryDir directory;
+    // Open to the unprivileged user.
+    ASSERT_EQ(::chmod(QFile::encodeName(directory.path()).constData(), 0777), 0);
+    const QString path = directory.filePath(QStringLiteral("Tessarel Video.mp4"));
+    const int threadsBefore = threadsOfThisProcess();
+
+    int refusals = 0;
+    bool started = false;
+    for (int extra = 0; extra <= 64 && !started; ++extra) {
+        QString refusal;
+        {
+            const ThreadAllowance allowance(static_cast<rlim_t>(threadsBefore + extra));
+            ASSERT_TRUE(allowance.holds());
+            try {
+                engine->startVideo(QUrl::fromLocalFile(path), Rect{0, 0, 320, 240},
+                                   engine.mainDisplayID(), Rect{0, 0, 640, 480}, 1.0);
+                started = true;
+            } catch (...) {
+                refusal = localizedDescription(std::current_exception());
+            }
+        }
+        if (started) {
+            break;
+        }
+        ++refusals;
+        SCOPED_TRACE(extra);
+        EXPECT_EQ(threadsOfThisProcess(), threadsBefore);
+        EXPECT_FALSE(QFile::exists(path));
+        EXPECT_EQ(refusal.toStdString(), "Tessarel could not start the capture: the system "
+                                         "refused it (Resource temporarily unavailable).");
+        auto stopping = std::async(std::launch::async, [&] { engine->stop(); });
+        ASSERT_EQ(stopping.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    }
+    ASSERT_TRUE(started);
+    EXPECT_GE(refusals, 2);
+    // The unprivileged user's frames may not reach the X server; what matters is that the
+    // engine is whole after the refusals: as root again it records a movie.
+    engine->stop();
+    ASSERT_TRUE(QFile::remove(path));
+    engine->startVideo(QUrl::fromLocalFile(path), Rect{0, 0, 320, 240}, engine.mainDisplayID(),
+                       Rect{0, 0, 640, 480}, 1.0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    engine->stop();
+    EXPECT_GT(movieSeconds(path), 0.3);
 }

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -205,6 +206,53 @@ TEST(X11Snapshot, TestPatternIsCapturedPixelExactWithoutThePointer) {
     ASSERT_EQ(image.width, 1920);
     ASSERT_EQ(image.height, 1080);
     EXPECT_EQ(mismatches(image, pattern, QRect(0, 0, 1920, 1080)), 0);
+}
+
+namespace {
+
+// Where the snapshot differs from the pattern: the bounding box of the differing pixels, and
+// how many there are.
+std::pair<QRect, long long> differences(const Image& image, const QImage& pattern) {
+    QRect box;
+    long long count = 0;
+    for (int y = 0; y < image.height; ++y) {
+        for (int x = 0; x < image.width; ++x) {
+            const QRgb want = pattern.pixel(x, y);
+            const unsigned char* got = image.row(y) + 4 * x;
+            if (got[0] != qBlue(want) || got[1] != qGreen(want) || got[2] != qRed(want)) {
+                box |= QRect(x, y, 1, 1);
+                ++count;
+            }
+        }
+    }
+    return {box, count};
+}
+
+} // namespace
+
+// The same snapshot with and without the pointer: asked for, its image lies around its hot
+// spot, and follows it; not asked for, the picture is the pattern exactly.
+TEST(X11Snapshot, PointerIsInTheSnapshotWhereItIsOnlyWhenAskedFor) {
+    VirtualDisplay display(640, 480);
+    const QImage pattern = VirtualDisplay::testPattern(QSize(640, 480), 11);
+    const auto window = display.showWindow(QRect(0, 0, 640, 480), pattern);
+    X11ContentProvider provider(display.name());
+    X11ScreenshotService screenshots(display.name());
+    const DisplayInfo screen = displayNamed(provider, provider.mainDisplayID());
+    const ScreenshotConfiguration withPointer{640, 480, true};
+    const ScreenshotConfiguration withoutPointer{640, 480, false};
+
+    for (const QPoint at : {QPoint(200, 150), QPoint(450, 330)}) {
+        display.movePointer(at.x(), at.y());
+        const auto [box, count] =
+            differences(screenshots.captureImage({screen, {}}, withPointer), pattern);
+        EXPECT_GT(count, 20);
+        // X cursors are at most 64 pixels wide and high around their hot spot.
+        EXPECT_TRUE(QRect(at - QPoint(64, 64), QSize(128, 128)).contains(box))
+            << box.x() << "," << box.y() << " " << box.width() << "×" << box.height();
+        EXPECT_EQ(
+            differences(screenshots.captureImage({screen, {}}, withoutPointer), pattern).second, 0);
+    }
 }
 
 TEST(X11Snapshot, EachMonitorIsCapturedAtItsOwnPixelSizeAndContent) {
