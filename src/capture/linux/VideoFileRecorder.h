@@ -13,9 +13,10 @@ class VideoFrameQueue;
 // Writes the frames of a video stream into an MPEG-4 file on its own thread, and tells its
 // delegate from that thread that the movie has started, finished or failed.
 //
-// H.264 goes through libx264 with preset "veryfast" and constant rate factor 23, no tune
-// (lookahead and macroblock tree stay on) and no B-frames; each picture tells x264 which of
-// its macroblocks did not change, which x264 then skips without searching them. MPEG-4
+// H.264 goes through libx264 with preset "veryfast", whole-pixel motion search only and
+// constant rate factor 22, no tune (lookahead and macroblock tree stay on) and no B-frames;
+// each picture tells x264 which of its macroblocks did not change, which x264 then skips
+// without searching them. MPEG-4
 // Visual, when asked for, goes through libavcodec. A keyframe comes every ten seconds of
 // capture time. The file is fragmented MP4 (an empty moov, then a fragment at each keyframe
 // and at least every quarter second, whatever frame it starts with, flushed to disk at once),
