@@ -220,6 +220,7 @@ struct Result : MovieFacts {
     long long duplicated = -1;    // ffmpeg's only: frames it repeated, and dropped
     long long dropped = -1;
     std::optional<X11VideoCaptureService::Counts> counts; // Tessarel's only
+    int leastEffortStep = 0;
 };
 
 // The longest time between two frames of the movie at `path`.
@@ -278,7 +279,9 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     // As the engine does: this process's windows are left out.
     auto stream =
         video.makeStream({content.displays.front(), {{getpid(), {}}}}, configuration, &silent);
-    stream->addRecordingOutput(video.makeRecordingOutput(movieAt(path), &silent));
+    const auto recorder = std::dynamic_pointer_cast<VideoFileRecorder>(
+        video.makeRecordingOutput(movieAt(path), &silent));
+    stream->addRecordingOutput(recorder);
     rusage before{};
     getrusage(RUSAGE_SELF, &before);
     stream->startCapture();
@@ -289,6 +292,7 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     Result result;
     result.cpuSeconds = cpuSeconds(after) - cpuSeconds(before);
     result.counts = X11VideoCaptureService::counts(*stream);
+    result.leastEffortStep = recorder->leastEffortStep();
     probeMovieInto(result, path);
     result.longestGapSeconds = longestGapSeconds(path);
     return result;
@@ -410,7 +414,9 @@ double encodeWithTessarel(const QString& source, const QString& path) {
             timeNs - lastPassedOnNs < kLongestFrameIntervalNs) {
             continue;
         }
-        while (passedOn - recorder.encodedFrames() >= kDepth - 1) {
+        // One frame at most waits, so the encoder never finds itself behind and works at
+        // full effort.
+        while (passedOn - recorder.encodedFrames() >= 2) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         VideoFrame& frame = queue.acquire();
@@ -583,14 +589,15 @@ int main(int argc, char** argv) {
             std::snprintf(
                 line, sizeof line,
                 "%-9s tessarel: %lld ticks, %lld screen reads of %.0f rows on average, %lld "
-                "skipped as identical, %lld dropped by the queue, %lld encoded; windows listed "
-                "%lld times; cpu s: %.2f capture thread, %.2f encoding (x264, muxer)",
+                "skipped as identical, %lld dropped by the queue, %lld encoded, at most %d steps "
+                "below full effort; windows listed %lld times; cpu s: %.2f capture thread, %.2f "
+                "encoding (x264, muxer)",
                 scene, counts->captured, counts->screenReads,
                 counts->screenReads ? static_cast<double>(counts->rowsRead) /
                                           static_cast<double>(counts->screenReads)
                                     : 0.0,
                 counts->skippedIdentical, counts->droppedByQueue, counts->encoded,
-                counts->windowListings, counts->captureCpuSeconds,
+                ours.leastEffortStep, counts->windowListings, counts->captureCpuSeconds,
                 ours.cpuSeconds - counts->captureCpuSeconds);
             details.emplace_back(line);
         }
