@@ -7,7 +7,7 @@
 // and a moving pointer), full-screen motion, and a desktop where nothing moves at all, which
 // shows what an unchanged screen costs. A child process of this program draws the scene.
 //
-// Quality first: each scene is recorded once without loss (x11grab, lossless RGB x264), and
+// Quality first: each scene is recorded once without loss (x11grab, raw pixels), and
 // that same source is encoded by ffmpeg (`-c:v libx264 -preset veryfast -crf 23`) and by
 // Tessarel's converter and recorder, fed the decoded frames as its stream feeds them; SSIM
 // and PSNR of each against the source (ffmpeg's ssim and psnr filters, I420 at 30 fps) are
@@ -334,6 +334,8 @@ Result recordWithFfmpeg(const QByteArray& display, const QString& path, int seco
 // ---- Quality at the same source ------------------------------------------------------------
 
 // Records the screen without loss, at a constant 30 fps (the frame numbers are the times).
+// Raw pixels, since anything that costs time would make x11grab repeat frames on a busy
+// machine, and a source with repeated frames is not the scene.
 void captureLosslessly(const QByteArray& display, const QString& path, int seconds) {
     const pid_t pid = spawn({"ffmpeg",
                              "-nostdin",
@@ -355,11 +357,7 @@ void captureLosslessly(const QByteArray& display, const QString& path, int secon
                              "-r",
                              "30",
                              "-c:v",
-                             "libx264rgb",
-                             "-preset",
-                             "ultrafast",
-                             "-qp",
-                             "0",
+                             "rawvideo",
                              path.toStdString()});
     waitpid(pid, nullptr, 0);
 }
@@ -524,7 +522,7 @@ int main(int argc, char** argv) {
             return directory.filePath(QStringLiteral("%1-%2.mp4").arg(sceneName, what));
         };
         if (qualitySeconds > 0) {
-            const QString source = directory.filePath(sceneName + QStringLiteral("-source.mkv"));
+            const QString source = directory.filePath(sceneName + QStringLiteral("-source.nut"));
             captureLosslessly(display.name(), source, qualitySeconds);
             const double ourCpu = encodeWithTessarel(source, file("tessarel-q"));
             const double peerCpu = encodeWithFfmpeg(source, file("ffmpeg-q"));
