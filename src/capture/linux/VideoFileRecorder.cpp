@@ -276,7 +276,8 @@ private:
 
     // Step 1: the smallest motion search and 16 × 16 blocks only; step 2 besides: no 8 × 8
     // transform, no deblocking, and a rate factor 4 higher, which leaves fewer coefficients
-    // to code. Each roughly halves what step 0 spends per picture.
+    // to code. (Sub-pixel search, the usual first thing to give up, is off already, and
+    // x264 cannot change threads, lookahead or entropy coding mid-stream.)
     static void lessEffort(x264_param_t& param, int step) {
         if (step >= 1) {
             param.analyse.i_me_method = X264_ME_DIA;
