@@ -55,6 +55,9 @@ constexpr AVRational kTimeBase{1, 30'000};
 // a cut-off file playable, so keyframes are only as frequent as a player's seeking needs.
 constexpr int64_t kKeyframeIntervalSeconds = 10;
 constexpr int kMacroblockPixels = 16;
+// x264's constant rate factor: at whole-pixel motion as good to look at (SSIM) as its
+// default 23 with sub-pixel motion, in a smaller file.
+constexpr float kRateFactor = 22;
 
 [[noreturn]] void fail(const QString& what, int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -122,6 +125,9 @@ public:
     virtual void encode(int64_t pts, bool keyframe, std::deque<PacketPtr>& packets) = 0;
     // Appends all that is still held back to `packets`.
     virtual void flush(std::deque<PacketPtr>& packets) = 0;
+    // Told before each picture how many frames wait behind it; may spend less effort per
+    // picture while they pile up. Returns how many steps below its full effort it works.
+    virtual int keepUp(size_t framesWaiting) = 0;
 };
 
 // H.264 through libx264 itself, which, unlike libavcodec's wrapper, takes the hint of which
@@ -138,15 +144,21 @@ public:
             throw PlatformError(QStringLiteral("Tessarel could not start the video encoder."));
         }
         param.i_log_level = X264_LOG_NONE;
-        // One thread: a screen recording's frame takes a small part of its interval, and
-        // frame threads cost some 5 % more CPU time for their hand-overs (measured against
-        // two at 1080p); the queue absorbs a slow keyframe.
-        param.i_threads = 1;
+        // One thread up to 1080p: a screen recording's frame takes a small part of its
+        // interval there, and frame threads cost some 5 % more CPU time for their hand-overs
+        // (measured against two at 1080p); the queue absorbs a slow keyframe. A larger area's
+        // frame takes about a whole interval on one core (4K full motion), so two threads.
+        param.i_threads = static_cast<int64_t>(width) * height > kOneThreadPixels ? 2 : 1;
         param.i_width = width;
         param.i_height = height;
         param.i_csp = X264_CSP_I420;
         param.rc.i_rc_method = X264_RC_CRF;
-        param.rc.f_rf_constant = 23;
+        param.rc.f_rf_constant = kRateFactor;
+        // Whole-pixel motion only: things on a screen move by whole pixels (scrolling,
+        // dragging), so the sub-pixel search finds little, and without it x264 neither
+        // searches nor interpolates the picture at half and quarter pixels. That takes some
+        // 30 % of the encoding time; the slightly lower rate factor buys back the quality.
+        param.analyse.i_subpel_refine = 0;
         // Without B-frames decoding order is display order: each frame's duration is exactly
         // the time until the next capture, and the movie starts at zero.
         param.i_bframe = 0;
@@ -228,6 +240,28 @@ public:
         picture_.prop.mb_info_free = nullptr;
     }
 
+    // One step less effort as soon as frames pile up, one step back after a second without
+    // any waiting. Only what x264 can change between two pictures of one stream is changed.
+    int keepUp(size_t framesWaiting) override {
+        int wanted = effortStep_;
+        if (framesWaiting >= kFramesWaitingForLessEffort) {
+            wanted = std::min(effortStep_ + 1, kLeastEffortStep);
+            caughtUpFrames_ = 0;
+        } else if (framesWaiting == 0 && effortStep_ > 0 &&
+                   ++caughtUpFrames_ >= kCaughtUpFramesForMoreEffort) {
+            wanted = effortStep_ - 1;
+            caughtUpFrames_ = 0;
+        }
+        if (wanted != effortStep_) {
+            x264_param_t param = fullEffort_;
+            lessEffort(param, wanted);
+            if (x264_encoder_reconfig(encoder_.get(), &param) == 0) {
+                effortStep_ = wanted;
+            }
+        }
+        return effortStep_;
+    }
+
     void flush(std::deque<PacketPtr>& packets) override {
         while (x264_encoder_delayed_frames(encoder_.get()) > 0) {
             encodeInto(nullptr, packets);
@@ -235,6 +269,29 @@ public:
     }
 
 private:
+    static constexpr size_t kFramesWaitingForLessEffort = 2;
+    static constexpr int kCaughtUpFramesForMoreEffort = 30;
+    static constexpr int kLeastEffortStep = 2;
+    static constexpr int64_t kOneThreadPixels = 1920 * 1080;
+
+    // Step 1: the smallest motion search and 16 × 16 blocks only; step 2 besides: no 8 × 8
+    // transform, no deblocking, and a rate factor 4 higher, which leaves fewer coefficients
+    // to code. (Sub-pixel search, the usual first thing to give up, is off already, and
+    // x264 cannot change threads, lookahead or entropy coding mid-stream.)
+    static void lessEffort(x264_param_t& param, int step) {
+        if (step >= 1) {
+            param.analyse.i_me_method = X264_ME_DIA;
+            param.analyse.inter = 0;
+            param.analyse.intra = X264_ANALYSE_I4x4;
+        }
+        if (step >= 2) {
+            param.analyse.b_transform_8x8 = 0;
+            param.analyse.intra = 0;
+            param.b_deblocking_filter = 0;
+            param.rc.f_rf_constant += 4;
+        }
+    }
+
     static int macroblocks(int pixels) {
         return (pixels + kMacroblockPixels - 1) / kMacroblockPixels;
     }
@@ -312,6 +369,9 @@ private:
     bool pictureAllocated_ = false;
     std::vector<uint8_t> changed_; // per macroblock: changed since the last encoded picture
     std::vector<uint8_t> configuration_;
+    x264_param_t fullEffort_{};
+    int effortStep_ = 0;
+    int caughtUpFrames_ = 0; // in a row with nothing waiting, at the current step
 };
 
 // libavcodec's own MPEG-4 Visual encoder, for when H.264 is not wanted.
@@ -369,6 +429,9 @@ public:
     }
 
     void flush(std::deque<PacketPtr>& packets) override { send(nullptr, packets); }
+
+    // MPEG-4 Visual costs a fraction of H.264's time: always full effort.
+    int keepUp(size_t) override { return 0; }
 
 private:
     void send(const AVFrame* picture, std::deque<PacketPtr>& packets) {
@@ -439,7 +502,7 @@ public:
 
     // Brings the picture up to `frame`; false when the frame comes too soon after the last
     // one encoded to have a time of its own.
-    bool encode(const VideoFrame& frame, int64_t timeNs) {
+    bool encode(const VideoFrame& frame, int64_t timeNs, size_t framesWaiting) {
         codec_->apply(frame);
         const int64_t pts = av_rescale_q(timeNs, kNanoseconds, kTimeBase);
         if (lastPts_ && pts <= *lastPts_) {
@@ -458,10 +521,13 @@ public:
         if (keyframeDue) {
             lastKeyframePts_ = pts;
         }
+        leastEffortStep_ = std::max(leastEffortStep_, codec_->keepUp(framesWaiting));
         codec_->encode(pts, keyframeDue, pending_);
         write();
         return true;
     }
+
+    int leastEffortStep() const { return leastEffortStep_; }
 
     // The movie ends at `endTimeNs`, and never sooner than one frame interval per encoded
     // frame after the first (capture jitter must not push the average rate above the cap).
@@ -506,6 +572,7 @@ private:
     std::optional<int64_t> lastPts_;
     int64_t encodedFrames_ = 0;
     std::optional<int64_t> lastKeyframePts_;
+    int leastEffortStep_ = 0; // the most steps below full effort so far
 };
 
 VideoFileRecorder::VideoFileRecorder(RecordingOutputConfiguration configuration,
@@ -528,6 +595,10 @@ std::vector<VideoCodec> VideoFileRecorder::availableCodecs() {
 
 long long VideoFileRecorder::encodedFrames() const {
     return encodedFrames_;
+}
+
+int VideoFileRecorder::leastEffortStep() const {
+    return leastEffortStep_;
 }
 
 void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
@@ -557,8 +628,9 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
             while (VideoFrame* frame = queue.next()) {
                 const int64_t timeNs = frame->captureTimeNs - startTimeNs;
                 try {
-                    if (encoder_->encode(*frame, timeNs)) {
+                    if (encoder_->encode(*frame, timeNs, queue.waiting())) {
                         ++encodedFrames_;
+                        leastEffortStep_ = encoder_->leastEffortStep();
                     }
                 } catch (...) {
                     queue.recycle(*frame);

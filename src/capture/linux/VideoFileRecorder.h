@@ -14,15 +14,21 @@ class VideoFrameQueue;
 // Writes the frames of a video stream into an MPEG-4 file on its own thread, and tells its
 // delegate from that thread that the movie has started, finished or failed.
 //
-// H.264 goes through libx264 with preset "veryfast" and constant rate factor 23, no tune
-// (lookahead and macroblock tree stay on) and no B-frames; each picture tells x264 which of
-// its macroblocks did not change, which x264 then skips without searching them. MPEG-4
+// H.264 goes through libx264 with preset "veryfast", whole-pixel motion search only and
+// constant rate factor 22, no tune (lookahead and macroblock tree stay on) and no B-frames;
+// each picture tells x264 which of its macroblocks did not change, which x264 then skips
+// without searching them. MPEG-4
 // Visual, when asked for, goes through libavcodec. A keyframe comes every ten seconds of
 // capture time. The file is fragmented MP4 (an empty moov, then a fragment at each keyframe
 // and at least every quarter second, whatever frame it starts with, flushed to disk at once),
 // so a process killed mid-recording leaves a movie that plays up to its last fragment; a
 // normal stop writes the index at the end as well. A movie whose folder went away while it
 // was written is put back when it ends (see RecordingFile), and the delegate is told where.
+// When frames pile up in the queue, the H.264 encoder spends less effort on each picture
+// (a smaller motion search, fewer block sizes, then no deblocking and a higher rate factor),
+// changed between two pictures, and goes back once it has kept up for a second: a busy
+// machine gets a lighter movie at full pace rather than dropped frames. Areas larger than
+// 1080p are encoded on two threads.
 // Each frame's time stamp is its capture time, so late, dropped or skipped frames never
 // shift the rest: a frame is shown until the next one's capture time.
 class VideoFileRecorder final : public RecordingOutput {
@@ -50,6 +56,9 @@ public:
 
     // Any thread: frames handed to the encoder so far.
     long long encodedFrames() const;
+    // Any thread: the most steps below its full effort the encoder has worked at so far
+    // (0: never behind).
+    int leastEffortStep() const;
 
 private:
     class Encoder;
@@ -61,4 +70,5 @@ private:
     std::unique_ptr<Encoder> encoder_;
     std::thread thread_;
     std::atomic<long long> encodedFrames_{0};
+    std::atomic<int> leastEffortStep_{0};
 };

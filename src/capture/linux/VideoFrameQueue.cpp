@@ -71,6 +71,11 @@ int64_t VideoFrameQueue::endTimeNs() const {
     return endTimeNs_.value_or(0);
 }
 
+size_t VideoFrameQueue::waiting() const {
+    std::lock_guard guard(mutex_);
+    return waiting_.size();
+}
+
 long long VideoFrameQueue::droppedFrames() const {
     std::lock_guard guard(mutex_);
     return dropped_;

@@ -48,6 +48,8 @@ public:
     void recycle(VideoFrame& frame);
     // Consumer, after next() returned none.
     int64_t endTimeNs() const;
+    // Consumer: frames waiting behind the one it holds, which tells how far it is behind.
+    size_t waiting() const;
 
     // Any thread.
     long long droppedFrames() const;
