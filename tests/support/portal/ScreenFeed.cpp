@@ -19,6 +19,7 @@ namespace {
 // Version 2 brings damage; later versions add nothing the feed uses.
 constexpr uint32_t kScreencopyVersion = 2;
 constexpr uint32_t kOutputVersionWithName = 4;
+constexpr std::chrono::seconds kStillScreenRefresh{1};
 
 } // namespace
 
@@ -41,6 +42,7 @@ struct ScreenFeed::State {
 
     // The copy under way, kept across calls until the compositor made it.
     zwlr_screencopy_frame_v1* frame = nullptr;
+    std::chrono::steady_clock::time_point asked;
     bool copiedBefore = false;
     bool done = false;
     bool failed = false;
@@ -196,7 +198,14 @@ ScreenFeed::~ScreenFeed() {
 std::optional<ScreenFeed::Picture> ScreenFeed::next(bool withPointer,
                                                     std::chrono::milliseconds wait) {
     State& state = *state_;
+    if (state.frame != nullptr && state.copiedBefore &&
+        std::chrono::steady_clock::now() - state.asked > kStillScreenRefresh) {
+        zwlr_screencopy_frame_v1_destroy(state.frame);
+        state.frame = nullptr;
+        state.copiedBefore = false; // the whole picture, at once
+    }
     if (state.frame == nullptr) {
+        state.asked = std::chrono::steady_clock::now();
         state.done = false;
         state.failed = false;
         state.yInverted = false;

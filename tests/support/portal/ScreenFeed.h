@@ -30,9 +30,11 @@ public:
     ScreenFeed(const ScreenFeed&) = delete;
     ScreenFeed& operator=(const ScreenFeed&) = delete;
 
-    // The output's picture (the first at once, then the next once something on it changed),
-    // with the pointer drawn in when asked for; none when the compositor failed the copy or
-    // has not made it within `wait` (the copy then goes on, for the next call to take).
+    // The output's picture (the first at once, then the next once something on it changed,
+    // and the whole picture again after a second without change, as a stream's consumer that
+    // joined late or lost a buffer would otherwise wait for the next change on a still
+    // screen), with the pointer drawn in when asked for; none when the compositor failed the copy
+    // or has not made it within `wait` (the copy then goes on, for the next call to take).
     std::optional<Picture> next(bool withPointer, std::chrono::milliseconds wait);
 
     struct State; // the Wayland objects, known to the listeners in the source file
