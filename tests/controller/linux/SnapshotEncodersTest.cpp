@@ -1,5 +1,6 @@
 #include "DesktopPattern.h"
 
+#include "controller/linux/JpegStripEncoder.h"
 #include "controller/linux/LinuxSnapshotEncoders.h"
 #include "controller/linux/ScanlineEncoder.h"
 
@@ -211,6 +212,25 @@ TEST(SnapshotEncoders, JpegDecodesWithTheImageSizeAndPixelsWithinJpegTolerance) 
     const QString path = write(dir, "snapshot.jpg", *jpeg);
     EXPECT_EQ(identify(path, "%m %w %h"), "JPEG 1921 1081");
     EXPECT_LT(meanDifference(rgbThroughImageMagick(path), rgbOf(image)), 3.0);
+}
+
+TEST(SnapshotEncoders, JpegStripsJoinIntoTheFileOneEncoderWrites) {
+    // 63 rows of blocks, the last one short, so that the restart numbers wrap several times
+    // and strips end where they do not wrap; noise across the strips' edges.
+    Image image = desktopLike(1000, 1000);
+    const Image stripe = noise(1000, 200);
+    image.pixels.replace(400 * image.bytesPerRow, stripe.pixels.size(), stripe.pixels);
+    const auto oneStrip = JpegStripEncoder::encode(image, 92, 1);
+    ASSERT_TRUE(oneStrip);
+    for (const int strips : {2, 3, 7, 63}) {
+        SCOPED_TRACE(strips);
+        EXPECT_EQ(JpegStripEncoder::encode(image, 92, strips), oneStrip);
+    }
+    QTemporaryDir dir;
+    const QString path = write(dir, "snapshot.jpg", *oneStrip);
+    EXPECT_EQ(identify(path, "%m %w %h"), "JPEG 1000 1000");
+    // Decoded to the end, where a restart marker out of order would be a warning.
+    EXPECT_EQ(run("convert", {"-regard-warnings", path, "ppm:/dev/null"}).exitCode, 0);
 }
 
 TEST(SnapshotEncoders, JpegAtQualityPointNineTwoShowsQuality92) {
