@@ -12,16 +12,16 @@
 // and (Tessarel only) records a movie of an area for a few seconds, driven as a person would
 // (xdotool clicks the tray icon, the popup's row, the panel's buttons), and reports its
 // resident memory and PSS a settling time after each, and for each snapshot the time from the
-// start button's click to the file on disk (polled every millisecond; the file appears whole,
-// by renaming). Flameshot takes its snapshots through its own command line, timed from its
-// start. The pictures and movies go to the folder $HOME names, which should be
-// a private one.
-// Repeats the start several times and prints the median.
+// start button's click (sent through XTest) to the finished file on disk, polled every
+// millisecond. Flameshot takes its snapshots through its own command line, timed
+// from its start. The pictures and movies go to the folder $HOME names, which should be a private
+// one. Repeats the start several times and prints the median.
 //
 //   app_startup [--runs N] [--idle-seconds S] [--captures] [--settle-seconds S]
 //               [program args...]
 
 #include <xcb/xcb.h>
+#include <xcb/xtest.h>
 
 #include <signal.h>
 #include <spawn.h>
@@ -315,11 +315,18 @@ bool captureWithTessarel(xcb_connection_t* connection, pid_t pid, Capture captur
                         menu->y + menu->height * (capture == Capture::png ? 1 : 3) / 6)) {
         return false;
     }
+    // The pointer goes to the start button first; the click itself is sent from here, since
+    // xdotool takes longer to start than a snapshot takes.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    if (!click(setup->x + startX, setup->y + startY)) {
+    if (!run({"xdotool", "mousemove", std::to_string(setup->x + startX),
+              std::to_string(setup->y + startY)})) {
         return false;
     }
     const Clock::time_point clicked = Clock::now();
+    for (const uint8_t type : {XCB_BUTTON_PRESS, XCB_BUTTON_RELEASE}) {
+        xcb_test_fake_input(connection, type, 1, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+    }
+    xcb_flush(connection);
     if (!waitForNewFile(before, capture == Capture::png ? ".png" : ".jpg")) {
         return false;
     }
