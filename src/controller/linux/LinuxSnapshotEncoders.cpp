@@ -1,11 +1,11 @@
 #include "controller/linux/LinuxSnapshotEncoders.h"
 
+#include "controller/linux/JpegStripEncoder.h"
 #include "controller/linux/ScanlineEncoder.h"
 
 #include <QFile>
 
 #include <libdeflate.h>
-#include <turbojpeg.h>
 
 #include <algorithm>
 #include <cmath>
@@ -28,13 +28,6 @@ void appendPngChunk(QByteArray& png, const char (&type)[5], const char* data, qs
                                                static_cast<std::size_t>(size) + 4);
     appendBigEndian32(png, crc);
 }
-
-struct TurboJpegDeleter {
-    void operator()(void* handle) const { tjDestroy(handle); }
-};
-struct TurboJpegBufferDeleter {
-    void operator()(unsigned char* buffer) const { tjFree(buffer); }
-};
 
 // A PDF number: integers as they are, other values in plain decimal (PDF has no exponents).
 QByteArray pdfNumber(double value) {
@@ -126,21 +119,10 @@ std::optional<QByteArray> LinuxSnapshotEncoders::encodePNG(const Image& image) {
 std::optional<QByteArray> LinuxSnapshotEncoders::encodeJPEG(const Image& image, double quality) {
     if (!holdsPixels(image) || !std::isfinite(quality))
         return std::nullopt;
-    const std::unique_ptr<void, TurboJpegDeleter> compressor(tjInitCompress());
-    if (!compressor)
-        return std::nullopt;
     const int hundredths = std::clamp(static_cast<int>(std::lround(quality * 100)), 1, 100);
     // 4:2:0 chroma, as libjpeg's own default: at quality 92, 4:4:4 made a 4K desktop's file
     // 16 % larger and took half again as long, for colour fringes few would notice.
-    unsigned char* jpeg = nullptr;
-    unsigned long size = 0;
-    const int status =
-        tjCompress2(compressor.get(), image.row(0), image.width, image.bytesPerRow, image.height,
-                    TJPF_BGRX, &jpeg, &size, TJSAMP_420, hundredths, 0);
-    const std::unique_ptr<unsigned char, TurboJpegBufferDeleter> owner(jpeg);
-    if (status != 0 || jpeg == nullptr)
-        return std::nullopt;
-    return QByteArray(reinterpret_cast<const char*>(jpeg), static_cast<qsizetype>(size));
+    return JpegStripEncoder::encode(image, hundredths);
 }
 
 bool LinuxSnapshotEncoders::writePDF(const Image& image, const QUrl& url, const Size& mediaBox) {

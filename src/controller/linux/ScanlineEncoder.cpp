@@ -321,6 +321,26 @@ void subtractRow(const unsigned char* row, const unsigned char* above, unsigned 
         out[i] = static_cast<unsigned char>(row[i] - above[i]);
 }
 
+// Rows are filtered and compressed a piece at a time, each piece continuing the stream
+// like a band: the filtered bytes are still in the cache when compressed, and no band-sized
+// buffer has fresh pages to fault in on every snapshot (a fifth of the time at 4K).
+constexpr std::size_t kPieceBytes = 1 << 20;
+
+int rowsPerPiece(std::size_t rowSize) {
+    return static_cast<int>(std::max<std::size_t>(1, kPieceBytes / rowSize));
+}
+
+// Room for `rows` rows compressed piece by piece, each piece left continuable.
+std::size_t bandCapacity(int rows, std::size_t rowSize) {
+    const int pieceRows = rowsPerPiece(rowSize);
+    std::size_t capacity = 0;
+    for (int done = 0; done < rows; done += pieceRows) {
+        const auto pieceSize = rowSize * static_cast<std::size_t>(std::min(pieceRows, rows - done));
+        capacity += libdeflate_deflate_compress_bound(nullptr, pieceSize) + kSyncFlushBytes;
+    }
+    return capacity;
+}
+
 struct Band {
     int firstRow = 0;
     int endRow = 0;
@@ -334,7 +354,10 @@ struct Band {
 
 void compressBand(const Image& image, Band& band) noexcept try {
     const std::size_t rowSize = 1 + 3 * static_cast<std::size_t>(image.width);
-    const std::unique_ptr<unsigned char[]> filtered(new unsigned char[band.filteredSize]);
+    const int pieceRows = rowsPerPiece(rowSize);
+    const std::unique_ptr<unsigned char[]> filtered(
+        new unsigned char[rowSize * static_cast<std::size_t>(
+                                        std::min(pieceRows, band.endRow - band.firstRow))]);
     // Each row in R, G, B order, beside the row above it (zeros above the first).
     const std::size_t rgbSize = rowSize - 1;
     const std::unique_ptr<unsigned char[]> rgbRows(new unsigned char[2 * rgbSize]);
@@ -345,23 +368,36 @@ void compressBand(const Image& image, Band& band) noexcept try {
                           static_cast<int>(rgbSize), image.width, 1);
     else
         std::fill_n(above, rgbSize, 0);
-    for (int y = band.firstRow; y < band.endRow; ++y) {
-        unsigned char* out = filtered.get() + rowSize * static_cast<std::size_t>(y - band.firstRow);
-        libyuv::ARGBToRAW(image.row(y), image.bytesPerRow, current, static_cast<int>(rgbSize),
-                          image.width, 1);
-        out[0] = ScanlineEncoder::kRowFilter;
-        subtractRow(current, above, out + 1, rgbSize);
-        std::swap(above, current);
-    }
-    band.adler = libdeflate_adler32(1, filtered.get(), band.filteredSize);
 
     const Compressor compressor(libdeflate_alloc_compressor(kCompressionLevel));
     if (!compressor)
         return;
-    const std::size_t size =
-        libdeflate_deflate_compress(compressor.get(), filtered.get(), band.filteredSize, band.out,
-                                    band.capacity - kSyncFlushBytes);
-    band.size = band.isLast || size == 0 ? size : openFinalBlock(band.out, size);
+    std::uint32_t adler = 1;
+    std::size_t written = 0;
+    for (int first = band.firstRow; first < band.endRow; first += pieceRows) {
+        const int end = std::min(first + pieceRows, band.endRow);
+        for (int y = first; y < end; ++y) {
+            unsigned char* out = filtered.get() + rowSize * static_cast<std::size_t>(y - first);
+            libyuv::ARGBToRAW(image.row(y), image.bytesPerRow, current, static_cast<int>(rgbSize),
+                              image.width, 1);
+            out[0] = ScanlineEncoder::kRowFilter;
+            subtractRow(current, above, out + 1, rgbSize);
+            std::swap(above, current);
+        }
+        const std::size_t pieceSize = rowSize * static_cast<std::size_t>(end - first);
+        adler = libdeflate_adler32(adler, filtered.get(), pieceSize);
+        unsigned char* out = band.out + written;
+        const std::size_t size =
+            libdeflate_deflate_compress(compressor.get(), filtered.get(), pieceSize, out,
+                                        band.capacity - written - kSyncFlushBytes);
+        const bool endsStream = band.isLast && end == band.endRow;
+        const std::size_t kept = endsStream || size == 0 ? size : openFinalBlock(out, size);
+        if (kept == 0)
+            return;
+        written += kept;
+    }
+    band.adler = adler;
+    band.size = written;
 } catch (const std::bad_alloc&) {
     band.size = 0;
 }
@@ -401,8 +437,7 @@ std::optional<QByteArray> ScanlineEncoder::encode(const Image& image, int bandCo
         band.endRow = static_cast<int>(static_cast<long long>(image.height) * (i + 1) / bandCount);
         band.isLast = i == bandCount - 1;
         band.filteredSize = rowSize * static_cast<std::size_t>(band.endRow - band.firstRow);
-        band.capacity =
-            libdeflate_deflate_compress_bound(nullptr, band.filteredSize) + kSyncFlushBytes;
+        band.capacity = bandCapacity(band.endRow - band.firstRow, rowSize);
         capacity += band.capacity;
     }
     // Each band compresses into its own stretch of the result; the stretches are closed up

@@ -1,5 +1,6 @@
 #include "DesktopPattern.h"
 
+#include "controller/linux/JpegStripEncoder.h"
 #include "controller/linux/LinuxSnapshotEncoders.h"
 #include "controller/linux/ScanlineEncoder.h"
 
@@ -144,6 +145,39 @@ TEST(SnapshotEncoders, PngIgnoresRowPaddingAndTheFourthByte) {
     EXPECT_EQ(rgbOf(QImage::fromData(*png, "PNG")), rgbOf(image));
 }
 
+namespace {
+
+// The image's scanline stream cut into `bands` bands decodes as one zlib stream, checksum
+// included, into the image's own pixels behind the Up filter.
+void expectScanlinesOf(const Image& image, int bands) {
+    SCOPED_TRACE(bands);
+    const std::size_t rowSize = 1 + 3 * static_cast<std::size_t>(image.width);
+    const auto height = static_cast<std::size_t>(image.height);
+    const auto stream = ScanlineEncoder::encode(image, bands);
+    ASSERT_TRUE(stream);
+    std::vector<unsigned char> rows(rowSize * height);
+    libdeflate_decompressor* decompressor = libdeflate_alloc_decompressor();
+    const libdeflate_result result = libdeflate_zlib_decompress(
+        decompressor, stream->constData(), static_cast<std::size_t>(stream->size()), rows.data(),
+        rows.size(), nullptr);
+    libdeflate_free_decompressor(decompressor);
+    ASSERT_EQ(result, LIBDEFLATE_SUCCESS); // also checks the joined Adler-32
+    // Undo the Up filter and compare.
+    QByteArray rgb;
+    for (std::size_t y = 0; y < height; ++y) {
+        unsigned char* row = rows.data() + y * rowSize;
+        ASSERT_EQ(row[0], ScanlineEncoder::kRowFilter);
+        for (std::size_t i = 1; i < rowSize; ++i) {
+            if (y > 0)
+                row[i] = static_cast<unsigned char>(row[i] + row[i - rowSize]);
+            rgb.append(static_cast<char>(row[i]));
+        }
+    }
+    EXPECT_EQ(rgb, rgbOf(image));
+}
+
+} // namespace
+
 TEST(SnapshotEncoders, ScanlineBandsJoinIntoOneValidZlibStream) {
     // Noise makes stored blocks, flat rows fixed-code blocks, the desktop dynamic ones.
     Image image = noise(300, 240);
@@ -151,31 +185,20 @@ TEST(SnapshotEncoders, ScanlineBandsJoinIntoOneValidZlibStream) {
     image.pixels.replace(160 * image.bytesPerRow, desktop.pixels.size(), desktop.pixels);
     image.pixels.replace(80 * image.bytesPerRow, 80 * image.bytesPerRow,
                          QByteArray(80 * image.bytesPerRow, '\x40'));
-    const std::size_t rowSize = 1 + 3 * 300;
-    for (const int bands : {1, 2, 7, 240}) {
-        SCOPED_TRACE(bands);
-        const auto stream = ScanlineEncoder::encode(image, bands);
-        ASSERT_TRUE(stream);
-        std::vector<unsigned char> rows(rowSize * 240);
-        libdeflate_decompressor* decompressor = libdeflate_alloc_decompressor();
-        const libdeflate_result result = libdeflate_zlib_decompress(
-            decompressor, stream->constData(), static_cast<std::size_t>(stream->size()),
-            rows.data(), rows.size(), nullptr);
-        libdeflate_free_decompressor(decompressor);
-        ASSERT_EQ(result, LIBDEFLATE_SUCCESS); // also checks the joined Adler-32
-        // Undo the Up filter and compare.
-        QByteArray rgb;
-        for (std::size_t y = 0; y < 240; ++y) {
-            unsigned char* row = rows.data() + y * rowSize;
-            ASSERT_EQ(row[0], ScanlineEncoder::kRowFilter);
-            for (std::size_t i = 1; i < rowSize; ++i) {
-                if (y > 0)
-                    row[i] = static_cast<unsigned char>(row[i] + row[i - rowSize]);
-                rgb.append(static_cast<char>(row[i]));
-            }
-        }
-        EXPECT_EQ(rgb, rgbOf(image));
-    }
+    for (const int bands : {1, 2, 7, 240})
+        expectScanlinesOf(image, bands);
+}
+
+TEST(SnapshotEncoders, BandOfSeveralMegabytesIsCompressedInPiecesThatJoinIntoOneStream) {
+    // 4 MB of rows: each band is compressed a megabyte at a time. Noise at the top and
+    // where pieces meet, so that no piece is one block by chance.
+    Image image = desktopLike(1500, 900);
+    const Image stripe = noise(1500, 300);
+    for (const int row : {0, 200, 600})
+        image.pixels.replace(row * image.bytesPerRow, stripe.pixels.size() / 3,
+                             stripe.pixels.left(stripe.pixels.size() / 3));
+    for (const int bands : {1, 2, 3})
+        expectScanlinesOf(image, bands);
 }
 
 TEST(SnapshotEncoders, JpegDecodesWithTheImageSizeAndPixelsWithinJpegTolerance) {
@@ -189,6 +212,25 @@ TEST(SnapshotEncoders, JpegDecodesWithTheImageSizeAndPixelsWithinJpegTolerance) 
     const QString path = write(dir, "snapshot.jpg", *jpeg);
     EXPECT_EQ(identify(path, "%m %w %h"), "JPEG 1921 1081");
     EXPECT_LT(meanDifference(rgbThroughImageMagick(path), rgbOf(image)), 3.0);
+}
+
+TEST(SnapshotEncoders, JpegStripsJoinIntoTheFileOneEncoderWrites) {
+    // 63 rows of blocks, the last one short, so that the restart numbers wrap several times
+    // and strips end where they do not wrap; noise across the strips' edges.
+    Image image = desktopLike(1000, 1000);
+    const Image stripe = noise(1000, 200);
+    image.pixels.replace(400 * image.bytesPerRow, stripe.pixels.size(), stripe.pixels);
+    const auto oneStrip = JpegStripEncoder::encode(image, 92, 1);
+    ASSERT_TRUE(oneStrip);
+    for (const int strips : {2, 3, 7, 63}) {
+        SCOPED_TRACE(strips);
+        EXPECT_EQ(JpegStripEncoder::encode(image, 92, strips), oneStrip);
+    }
+    QTemporaryDir dir;
+    const QString path = write(dir, "snapshot.jpg", *oneStrip);
+    EXPECT_EQ(identify(path, "%m %w %h"), "JPEG 1000 1000");
+    // Decoded to the end, where a restart marker out of order would be a warning.
+    EXPECT_EQ(run("convert", {"-regard-warnings", path, "ppm:/dev/null"}).exitCode, 0);
 }
 
 TEST(SnapshotEncoders, JpegAtQualityPointNineTwoShowsQuality92) {

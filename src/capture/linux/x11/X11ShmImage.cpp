@@ -3,6 +3,7 @@
 #include "capture/CaptureVocabulary.h"
 
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/shm.h>
 
 #include <algorithm>
@@ -85,13 +86,19 @@ PixelSpan X11ShmImage::grabRows(xcb_drawable_t drawable, const PixelRect& area, 
 
 void X11ShmImage::grab(xcb_drawable_t drawable, const PixelRect& area) {
     const size_t size = static_cast<size_t>(area.width) * static_cast<size_t>(area.height) * 4;
-    if (!segment_ || segment_->size() < size) {
+    const bool fresh = !segment_ || segment_->size() < size;
+    if (fresh) {
         width_ = 0;
         height_ = 0;
         segment_.reset(); // before the new one, so two never coexist
         segment_ = std::make_unique<Segment>(connection_.get(), size);
     }
     read(drawable, area, 0);
+    if (fresh) {
+        // The server has filled the pages; map them all here at once rather than with a
+        // fault each as they are read. Only a hint where the kernel lacks it.
+        madvise(segment_->pixels(), size, MADV_POPULATE_READ);
+    }
     width_ = area.width;
     height_ = area.height;
 }
