@@ -2,9 +2,13 @@
 // server, through Tessarel's whole audio path (PulseAudio stream, engine, WAV writer) and,
 // in the same run and from the same monitor, with parec. Reports for each: recorded frames
 // against 48000 × the recording's seconds, gaps (silent runs of 1 ms or more inside the
-// tone), CPU seconds per recorded minute and peak memory, then their ratios.
+// tone), CPU seconds per recorded minute and peak memory, then their ratios. The CPU is given
+// for the whole process and, for Tessarel, for the recording alone: the app records from a
+// process that is already running, the benchmark's child has to start one first.
+// With --format m4a or mp3 Tessarel writes that format instead and only the CPU and memory
+// are compared (parec still writes WAV).
 //
-// Usage: audio_accuracy [--seconds N]   (default 600)
+// Usage: audio_accuracy [--seconds N] [--format wav|m4a|mp3]   (defaults 600, wav)
 // Run by hand; it takes N seconds and a few more.
 
 #include "support/AudioOnlyEngine.h"
@@ -42,20 +46,30 @@ struct Recording {
     long long frames = 0;
     int gaps = 0;
     double cpuSeconds = 0;
+    double recordingCpuSeconds = 0; // Tessarel only: from the start to the end of the stop
     double peakMiB = 0;
 };
 
+double processCpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
 // ---- The recorder child: Tessarel's path into a WAV file ----------------------------------
 
-int recordChild(double seconds, const QString& path) {
+int recordChild(double seconds, const QString& path, AudioExportFormat format) {
     AudioOnlyEngine recorder;
     CaptureEngine& engine = recorder.engine;
-    engine.startAudio(QUrl::fromLocalFile(path), AudioExportFormat::wav);
+    const double cpuAtStart = processCpuSeconds();
+    engine.startAudio(QUrl::fromLocalFile(path), format);
     const Clock::time_point started = Clock::now();
     std::this_thread::sleep_until(started + std::chrono::duration<double>(seconds));
     const Clock::time_point stopping = Clock::now();
     engine.stop();
-    std::printf("%.6f\n", std::chrono::duration<double>(stopping - started).count());
+    std::printf("%.6f %.6f\n", std::chrono::duration<double>(stopping - started).count(),
+                processCpuSeconds() - cpuAtStart);
     return 0;
 }
 
@@ -130,7 +144,7 @@ void analyse(const QString& path, Recording& recording) {
     }
 }
 
-void printTable(const Recording& ours, const Recording& parec) {
+void printTable(const Recording& ours, const Recording& parec, bool framesCounted) {
     const auto row = [](const char* name, double a, double b, const char* format, bool ratio) {
         std::printf("%-26s", name);
         std::printf(format, a);
@@ -146,28 +160,37 @@ void printTable(const Recording& ours, const Recording& parec) {
     };
     std::printf("%-26s%14s%14s%12s\n", "", "tessarel", "parec", "ratio");
     row("recording seconds", ours.seconds, parec.seconds, "%14.3f", false);
+    const auto perMinute = [](const Recording& r, double cpuSeconds) {
+        return cpuSeconds / (r.seconds / 60);
+    };
+    row("CPU s per recorded minute", perMinute(ours, ours.cpuSeconds),
+        perMinute(parec, parec.cpuSeconds), "%14.3f", true);
+    row("  recording alone", perMinute(ours, ours.recordingCpuSeconds),
+        perMinute(parec, parec.cpuSeconds), "%14.3f", true);
+    row("peak memory (MiB)", ours.peakMiB, parec.peakMiB, "%14.1f", true);
+    if (!framesCounted) {
+        return;
+    }
     row("frames", static_cast<double>(ours.frames), static_cast<double>(parec.frames), "%14.0f",
         false);
     row("expected frames", expected(ours), expected(parec), "%14.0f", false);
     row("frame count error (%)", accuracy(ours), accuracy(parec), "%14.4f", false);
     row("gaps (>= 1 ms silent)", ours.gaps, parec.gaps, "%14.0f", false);
-    row("CPU s per recorded minute", ours.cpuSeconds / (ours.seconds / 60),
-        parec.cpuSeconds / (parec.seconds / 60), "%14.3f", true);
-    row("peak memory (MiB)", ours.peakMiB, parec.peakMiB, "%14.1f", true);
 }
 
-int benchmark(double seconds) {
+int benchmark(double seconds, const QString& format) {
     SoundServer server;
     server.playTone(1000, seconds + 60);
     QTemporaryDir dir;
-    const QString ourFile = dir.filePath(QStringLiteral("tessarel.wav"));
+    const QString ourFile = dir.filePath(QStringLiteral("tessarel.") + format);
     const QString parecFile = dir.filePath(QStringLiteral("parec.wav"));
     const QString ourReport = dir.filePath(QStringLiteral("tessarel.txt"));
 
     Recording ours;
     Recording parec;
     const Child ourRecorder({QCoreApplication::applicationFilePath().toStdString(),
-                             "--record-child", std::to_string(seconds), ourFile.toStdString()},
+                             "--record-child", std::to_string(seconds), ourFile.toStdString(),
+                             format.toStdString()},
                             ourReport);
     const Clock::time_point parecStarted = Clock::now();
     const Child parecRecorder({"parec", "--device=" + server.monitorSourceName().toStdString(),
@@ -183,10 +206,18 @@ int benchmark(double seconds) {
     if (!report.open(QIODevice::ReadOnly)) {
         throw std::runtime_error("the recorder reported nothing");
     }
-    ours.seconds = report.readAll().trimmed().toDouble();
-    analyse(ourFile, ours);
-    analyse(parecFile, parec);
-    printTable(ours, parec);
+    const QList<QByteArray> reported = report.readAll().trimmed().split(' ');
+    if (reported.size() != 2) {
+        throw std::runtime_error("the recorder reported nothing");
+    }
+    ours.seconds = reported[0].toDouble();
+    ours.recordingCpuSeconds = reported[1].toDouble();
+    const bool framesCounted = format == QStringLiteral("wav");
+    if (framesCounted) {
+        analyse(ourFile, ours);
+        analyse(parecFile, parec);
+    }
+    printTable(ours, parec, framesCounted);
     return 0;
 }
 
@@ -196,17 +227,32 @@ int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
     try {
-        if (arguments.size() == 4 && arguments[1] == QStringLiteral("--record-child")) {
-            return recordChild(arguments[2].toDouble(), arguments[3]);
+        // Named as the app names them, in any case: wav, m4a, mp3.
+        const auto formatNamed = [](const QString& name) {
+            return AudioExportFormat::fromRawValue(name.toUpper());
+        };
+        if (arguments.size() == 5 && arguments[1] == QStringLiteral("--record-child")) {
+            return recordChild(arguments[2].toDouble(), arguments[3],
+                               formatNamed(arguments[4]).value_or(AudioExportFormat::wav));
         }
         double seconds = 600;
-        if (arguments.size() == 3 && arguments[1] == QStringLiteral("--seconds")) {
-            seconds = arguments[2].toDouble();
-        } else if (arguments.size() != 1) {
-            std::fputs("usage: audio_accuracy [--seconds N]\n", stderr);
+        QString format = QStringLiteral("wav");
+        bool understood = true;
+        for (qsizetype at = 1; at < arguments.size(); at += 2) {
+            const QString value = at + 1 < arguments.size() ? arguments[at + 1] : QString();
+            if (arguments[at] == QStringLiteral("--seconds") && value.toDouble() > 0) {
+                seconds = value.toDouble();
+            } else if (arguments[at] == QStringLiteral("--format") && formatNamed(value)) {
+                format = value.toLower();
+            } else {
+                understood = false;
+            }
+        }
+        if (!understood) {
+            std::fputs("usage: audio_accuracy [--seconds N] [--format wav|m4a|mp3]\n", stderr);
             return 2;
         }
-        return benchmark(seconds);
+        return benchmark(seconds, format);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "audio_accuracy: %s\n", error.what());
         return 1;

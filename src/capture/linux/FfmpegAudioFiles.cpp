@@ -44,6 +44,14 @@ void writeAll(int fd, const void* data, size_t size) {
 
 // ---- WAVE ------------------------------------------------------------------------------
 
+// What lrint gives in the default rounding mode, for |value| < 2^22, without a library call
+// per sample: after adding 1.5 × 2^23 a float has no fraction bits left, so the addition
+// itself rounds, ties to even.
+float roundToNearestEven(float value) {
+    constexpr float kNoFractionBias = 12'582'912.0f;
+    return (value + kNoFractionBias) - kNoFractionBias;
+}
+
 class WaveFileSink final : public AudioFileSink {
 public:
     WaveFileSink(int fd, int sampleRate, int channelCount)
@@ -87,7 +95,8 @@ public:
         }
         pcm_.resize(count);
         std::transform(samples, samples + count, pcm_.begin(), [](float sample) {
-            return static_cast<int16_t>(std::lrint(std::clamp(sample, -1.0f, 1.0f) * 32767.0f));
+            return static_cast<int16_t>(
+                roundToNearestEven(std::clamp(sample, -1.0f, 1.0f) * 32767.0f));
         });
         writeAll(fd_, pcm_.data(), count * sizeof(int16_t));
         dataBytes_ += count * sizeof(int16_t);

@@ -19,7 +19,7 @@ namespace {
 
 enum class Container { mpeg4Audio, wave };
 
-// About two seconds of 20 ms buffers.
+// About ten seconds of the sound stream's 100 ms buffers.
 constexpr size_t kQueueCapacity = 100;
 // Times closer than this to the frames already written count as continuous.
 constexpr int64_t kContinuityToleranceNs = 2'000'000;
@@ -28,7 +28,8 @@ constexpr int64_t kNsPerSecond = 1'000'000'000;
 class FfmpegAudioWriter final : public AudioFileWriter {
 public:
     FfmpegAudioWriter(QString path, Container container, const AudioWriterSettings& settings)
-        : path_(std::move(path)), container_(container), settings_(settings) {}
+        : path_(std::move(path)), container_(container), settings_(settings),
+          encodesOnItsOwnThread_(container == Container::mpeg4Audio) {}
     // A writer dropped while writing still ends its file.
     ~FfmpegAudioWriter() override { finishWriting(); }
     FfmpegAudioWriter(const FfmpegAudioWriter&) = delete;
@@ -71,8 +72,10 @@ public:
         }
         file_ = std::move(file);
         status_ = AudioWriterStatus::writing;
-        worker_ = std::thread([this] { encode(); });
-        pthread_setname_np(worker_.native_handle(), "Tessarel.audio");
+        if (encodesOnItsOwnThread_) {
+            worker_ = std::thread([this] { encode(); });
+            pthread_setname_np(worker_.native_handle(), "Tessarel.audio");
+        }
         return true;
     }
 
@@ -87,15 +90,24 @@ public:
     }
 
     bool append(SampleBuffer buffer) override {
+        int64_t sessionStartNs = 0;
         {
             std::lock_guard guard(mutex_);
             if (!readyLocked() || buffer.sampleRate != settings_.sampleRate ||
                 buffer.channelCount != settings_.numberOfChannels) {
                 return false;
             }
-            queue_.push_back(std::move(buffer));
+            if (encodesOnItsOwnThread_) {
+                queue_.push_back(std::move(buffer));
+            } else {
+                sessionStartNs = sessionStartLocked(buffer);
+            }
         }
-        wake_.notify_one();
+        if (encodesOnItsOwnThread_) {
+            wake_.notify_one();
+        } else {
+            guarded([&] { place(buffer, sessionStartNs); });
+        }
         return true;
     }
 
@@ -105,10 +117,9 @@ public:
     }
 
     void finishWriting() override {
-        if (!worker_.joinable()) {
+        if (!endEncoding(Ending::finish)) {
             return;
         }
-        stopWorker(Ending::finish);
         std::unique_ptr<RecordingFile> file;
         {
             std::lock_guard guard(mutex_);
@@ -136,8 +147,7 @@ public:
     }
 
     void cancelWriting() override {
-        if (worker_.joinable()) {
-            stopWorker(Ending::cancel);
+        if (endEncoding(Ending::cancel)) {
             std::lock_guard guard(mutex_);
             sink_.reset();
             file_->discard();
@@ -174,6 +184,34 @@ private:
         error_ = description;
     }
 
+    template <typename Body> auto withLock(Body&& body) {
+        std::lock_guard guard(mutex_);
+        return body();
+    }
+
+    // Waits for the encoding thread, or ends a WAVE file here. False when nothing is being
+    // written (never started, or already ended).
+    bool endEncoding(Ending ending) {
+        if (worker_.joinable()) {
+            stopWorker(ending);
+            return true;
+        }
+        if (!withLock([this] { return sink_ != nullptr; })) {
+            return false;
+        }
+        if (ending == Ending::finish) {
+            guarded([this] { sink_->finish(); });
+        }
+        return true;
+    }
+
+    int64_t sessionStartLocked(const SampleBuffer& buffer) {
+        if (!sessionStartNs_) {
+            sessionStartNs_ = buffer.presentationTimeNs;
+        }
+        return *sessionStartNs_;
+    }
+
     void stopWorker(Ending ending) {
         {
             std::lock_guard guard(mutex_);
@@ -183,7 +221,7 @@ private:
         worker_.join();
     }
 
-    // ---- Encoding thread ----
+    // ---- Encoding thread (MPEG-4 audio) ----
 
     // Writes every queued buffer, then ends the file unless the writing was cancelled. After
     // a failure the rest of the queue is dropped; the file keeps what was written before.
@@ -202,10 +240,7 @@ private:
                 }
                 buffer = std::move(queue_.front());
                 queue_.pop_front();
-                if (!sessionStartNs_) {
-                    sessionStartNs_ = buffer.presentationTimeNs;
-                }
-                sessionStartNs = *sessionStartNs_;
+                sessionStartNs = sessionStartLocked(buffer);
                 if (status_ != AudioWriterStatus::writing) {
                     continue;
                 }
@@ -260,6 +295,9 @@ private:
     const QString path_;
     const Container container_;
     const AudioWriterSettings settings_;
+    // AAC is encoded off the caller's thread; WAVE only converts and writes, and does so in
+    // append: a second thread would cost more in wake-ups than the writing itself.
+    const bool encodesOnItsOwnThread_;
 
     std::mutex mutex_;
     std::condition_variable wake_;
@@ -271,11 +309,12 @@ private:
     std::deque<SampleBuffer> queue_;
     Ending ending_ = Ending::none;
     std::unique_ptr<RecordingFile> file_;
-    // Used by the encoding thread while it runs; released under the mutex after it ended.
+    // Used by whoever writes (the encoding thread while it runs, append for WAVE); released
+    // under the mutex after the encoding ended.
     std::unique_ptr<AudioFileSink> sink_;
     std::thread worker_;
 
-    // Encoding thread only.
+    // Whoever writes.
     int64_t framesWritten_ = 0;
     std::vector<float> silence_;
 };

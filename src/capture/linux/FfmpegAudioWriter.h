@@ -11,8 +11,9 @@
 // it was written is put back when the writing ends (see RecordingFile); error() of the
 // completed writer then says where it is. Samples are placed by their
 // presentation time relative to the session start; gaps become silence, so the file's
-// duration follows the clock. append hands each buffer to the writer's own encoding thread
-// through a bounded queue and never waits for the encoder.
+// duration follows the clock. For M4A, append hands each buffer to the writer's own encoding
+// thread through a bounded queue and never waits for the encoder; a WAVE file is written by
+// append itself (a conversion and a write, no wait for another thread).
 //
 // Threads: makeWriter from any thread. A writer's members from any thread, one call at a time;
 // finishWriting and cancelWriting wait for the encoding thread, and so does destroying a

@@ -48,6 +48,9 @@ private:
 // Small fragments keep the sound coming promptly; what the server still holds at the stop is
 // at most one.
 constexpr pa_usec_t kFragmentUs = 20'000;
+// Fragments are collected and handed over this often: each hand-over wakes the delivery queue
+// and, through it, the writer, and those wake-ups cost more than the sound itself.
+constexpr int64_t kHandOverIntervalNs = 100'000'000;
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 // Sound servers restart on updates: a lost one is looked for this long before the recording
 // ends, every kReconnectIntervalUs.
@@ -91,6 +94,7 @@ public:
             MainloopLock lock(mainloop_.get());
             phase_ = Phase::stopped;
             disconnectStream();
+            handOverCollected();
         }
         release();
         // Buffers already handed over reach the handler before the stop is complete.
@@ -114,6 +118,7 @@ private:
         anchorNs_.reset();
         bridgeGap_ = false;
         framesDelivered_ = 0;
+        collected_.clear();
         mainloop_.reset(pa_threaded_mainloop_new());
         if (!mainloop_ || pa_threaded_mainloop_start(mainloop_.get()) < 0) {
             throw PlatformError(QStringLiteral("The sound server could not be contacted."));
@@ -382,12 +387,12 @@ private:
         }
     }
 
-    // Everything readable now goes over in one buffer: one hand-over per wake-up, not per
-    // fragment. The file gets exactly what the server delivered, in order; silence only where
-    // the server itself reports a hole in the stream's timeline or its source was suspended,
-    // and while the server was gone, never because sound arrived later than a clock expected.
+    // What is readable is collected and goes over once kHandOverIntervalNs of sound has
+    // been, not per fragment. The file gets exactly what the server delivered, in order;
+    // silence only where the server itself reports a hole in the stream's timeline or its
+    // source was suspended, and while the server was gone, never because sound arrived later
+    // than a clock expected.
     void readAvailable() {
-        std::vector<float> samples;
         while (pa_stream_readable_size(stream_.get()) > 0) {
             const void* data = nullptr;
             size_t byteCount = 0;
@@ -397,19 +402,25 @@ private:
             if (!anchorNs_) {
                 anchorNs_ = captureTimeNs();
             } else if (std::exchange(bridgeGap_, false)) {
-                bridgeTo(arrivalTimeNs(), samples);
+                bridgeTo(arrivalTimeNs());
             }
             const size_t count = byteCount / sizeof(float);
             if (data) {
                 const auto* first = static_cast<const float*>(data);
-                samples.insert(samples.end(), first, first + count);
+                collected_.insert(collected_.end(), first, first + count);
             } else {
-                samples.insert(samples.end(), count, 0.0f);
+                collected_.insert(collected_.end(), count, 0.0f);
             }
             pa_stream_drop(stream_.get());
         }
-        if (!samples.empty()) {
-            handOver(std::move(samples));
+        if (framesToNs(frameCount(collected_)) >= kHandOverIntervalNs) {
+            handOverCollected();
+        }
+    }
+
+    void handOverCollected() {
+        if (!collected_.empty()) {
+            handOver(std::exchange(collected_, {}));
         }
     }
 
@@ -438,10 +449,8 @@ private:
     // The gap between the last frame delivered and `nextFrameNs` becomes silence: the
     // buffers after it are stamped that much later, and the writer fills the time between.
     // What was collected before the gap goes over first.
-    void bridgeTo(int64_t nextFrameNs, std::vector<float>& samples) {
-        if (!samples.empty()) {
-            handOver(std::exchange(samples, {}));
-        }
+    void bridgeTo(int64_t nextFrameNs) {
+        handOverCollected();
         const int64_t gapNs = nextFrameNs - (*anchorNs_ + framesToNs(framesDelivered_));
         if (gapNs > 0) {
             framesDelivered_ += gapNs * spec_.rate / kNsPerSecond;
@@ -492,6 +501,8 @@ private:
     std::optional<int64_t> anchorNs_;
     int64_t framesDelivered_ = 0;
     bool bridgeGap_ = false;
+    // Read but not yet handed over.
+    std::vector<float> collected_;
 };
 
 } // namespace

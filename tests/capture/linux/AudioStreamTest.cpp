@@ -134,6 +134,22 @@ TEST_F(AudioStream, DeliversTimedStereoFloatBuffersOnTheGivenQueue) {
     EXPECT_NEAR(dominantFrequencyHz(leftChannel(buffers), 48000), 1000.0, 10.0);
 }
 
+// Each hand-over wakes the queue and the writer behind it: the server's 20 ms fragments go
+// over collected into tenth-of-a-second buffers; only the rest at the stop is shorter.
+TEST_F(AudioStream, HandsOverTenthOfASecondBuffersRatherThanEachFragment) {
+    server.playTone(1000, 30);
+    auto stream = makeStream();
+    stream->startCapture();
+    ASSERT_TRUE(waitFor([&] { return collector.frames() >= 48000; }));
+    stream->stopCapture();
+
+    const std::vector<SampleBuffer> buffers = collector.buffers();
+    ASSERT_GE(buffers.size(), size_t{2});
+    for (size_t i = 0; i + 1 < buffers.size(); ++i) {
+        EXPECT_GE(buffers[i].frameCount(), 48000 / 10) << "buffer " << i;
+    }
+}
+
 TEST_F(AudioStream, RecordsTheDefaultOutputEvenWhenTheDefaultInputIsElsewhere) {
     pactl(server, {QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
                    QStringLiteral("sink_name=other")});

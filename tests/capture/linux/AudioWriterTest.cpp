@@ -4,7 +4,9 @@
 #include "capture/linux/AudioFileInspection.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <QThread>
 
@@ -173,6 +175,25 @@ TEST_F(AudioWriter, WaveHeaderCountsTheDataWhileTheFileGrows) {
     const std::optional<AudioFileFacts> facts = probeAudioFile(path);
     ASSERT_TRUE(facts);
     EXPECT_NEAR(facts->durationSeconds, 1.0, 0.001);
+}
+
+// A WAVE buffer costs a conversion and a write: it is written by append itself, with no
+// thread of the writer's own to wake for it.
+TEST_F(AudioWriter, WaveIsWrittenByAppendItselfWithoutAThreadOfItsOwn) {
+    auto writer = startWriter(AudioExportFormat::wav, QStringLiteral("direct.wav"));
+    ASSERT_TRUE(writer->isReadyForMoreMediaData());
+    ASSERT_TRUE(writer->append(tone(0, 0.25)));
+    EXPECT_EQ(QFileInfo(path).size(), 44 + kRate / 4 * 4);
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile name(tasks.filePath(task + QStringLiteral("/comm")));
+        ASSERT_TRUE(name.open(QIODevice::ReadOnly));
+        EXPECT_NE(name.readAll().trimmed(), QByteArray("Tessarel.audio"));
+    }
+    writer->markAsFinished();
+    writer->finishWriting();
+    EXPECT_EQ(writer->status(), AudioWriterStatus::completed);
+    EXPECT_EQ(waveSamples(path).size(), size_t{kRate / 4 * 2});
 }
 
 TEST_F(AudioWriter, UnfinishedM4AIsReadableUpToItsLastFragment) {
