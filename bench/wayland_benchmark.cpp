@@ -233,9 +233,12 @@ public:
     }
 };
 
-Result recordWithTessarel(const QByteArray& display, const QString& path, int seconds) {
-    WaylandVideoCaptureService video(display);
-    Silent silent;
+// Records the whole output into `path` for `seconds` through `video`, with this process's CPU
+// seconds meanwhile in `cpuSeconds`; the stream comes back stopped.
+std::shared_ptr<VideoCaptureStream> recordWholeOutput(VideoCaptureService& video,
+                                                      const QByteArray& display,
+                                                      const QString& path, int seconds,
+                                                      Silent& silent, double& cpuSeconds) {
     auto stream = video.makeStream({outputDisplay(display), {}}, wholeOutput(), &silent);
     stream->addRecordingOutput(video.makeRecordingOutput(
         {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &silent));
@@ -243,8 +246,15 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     stream->startCapture();
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     stream->stopCapture();
+    cpuSeconds = ownCpuSeconds() - before;
+    return stream;
+}
+
+Result recordWithTessarel(const QByteArray& display, const QString& path, int seconds) {
+    WaylandVideoCaptureService video(display);
+    Silent silent;
     Result result;
-    result.cpuSeconds = ownCpuSeconds() - before;
+    const auto stream = recordWholeOutput(video, display, path, seconds, silent, result.cpuSeconds);
     result.counts = WaylandVideoCaptureService::counts(*stream);
     probeMovieInto(result, path);
     return result;
@@ -256,17 +266,10 @@ Result recordThroughThePortal(const QByteArray& display, const PortalDesktop& po
     DesktopPortal portal(portalDesktop.busAddress(), grants.path());
     PortalVideoCaptureService video(portal);
     Silent silent;
-    auto stream = video.makeStream({outputDisplay(display), {}}, wholeOutput(), &silent);
-    stream->addRecordingOutput(video.makeRecordingOutput(
-        {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264}, &silent));
     const qint64 backend = portalDesktop.screenCastBackendProcessId();
     const double backendBefore = processCpuSeconds(backend);
-    const double before = ownCpuSeconds();
-    stream->startCapture();
-    std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    stream->stopCapture();
     Result result;
-    result.cpuSeconds = ownCpuSeconds() - before;
+    recordWholeOutput(video, display, path, seconds, silent, result.cpuSeconds);
     result.backendCpuSeconds = processCpuSeconds(backend) - backendBefore;
     probeMovieInto(result, path);
     return result;
