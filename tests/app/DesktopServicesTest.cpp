@@ -12,6 +12,8 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <QWindow>
+#include <qpa/qwindowsysteminterface.h>
 
 #include <gtest/gtest.h>
 
@@ -113,6 +115,22 @@ TEST(DesktopServicesTest, WithoutAFocusedWindowTheMainScreenIsThePrimary) {
     const std::optional<ScreenDescription> main = screens.mainScreen();
     ASSERT_TRUE(main.has_value());
     EXPECT_EQ(main->frame, (Rect{0, 0, 1920, 1080}));
+}
+
+// On Wayland a click does not always bring the keyboard to the panel (a seat without a
+// keyboard, a compositor that keeps it elsewhere): the window the user just used still tells
+// the screen they work on.
+TEST(DesktopServicesTest, WithoutAFocusedWindowTheMainScreenIsTheShownWindows) {
+    QWindow panel;
+    panel.setScreen(QGuiApplication::screens().at(1));
+    panel.setGeometry(QRect(QPoint(2000, 100), QSize(200, 100)));
+    panel.show();
+    QWindowSystemInterface::handleWindowActivated(nullptr);
+    QCoreApplication::processEvents();
+    ASSERT_EQ(QGuiApplication::focusWindow(), nullptr);
+    const std::optional<ScreenDescription> main = DesktopScreens().mainScreen();
+    ASSERT_TRUE(main.has_value());
+    EXPECT_EQ(main->frame, (Rect{1920, 0, 1280, 1024}));
 }
 
 TEST(DesktopServicesTest, RevealingFallsBackToOpeningTheFolder) {

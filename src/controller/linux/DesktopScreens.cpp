@@ -8,6 +8,7 @@
 #include <QScreen>
 #include <QWindow>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -58,9 +59,17 @@ bool DesktopScreens::compositing() const {
 }
 
 std::optional<ScreenDescription> DesktopScreens::mainScreen() {
-    const QWindow* focused = QGuiApplication::focusWindow();
-    const QScreen* screen =
-        focused != nullptr ? focused->screen() : QGuiApplication::primaryScreen();
+    const QWindow* window = QGuiApplication::focusWindow();
+    if (window == nullptr) {
+        // On Wayland a click does not always bring the keyboard along (a seat without one, a
+        // compositor that keeps it elsewhere): the window shown is where the user works.
+        const QWindowList windows = QGuiApplication::topLevelWindows();
+        const auto shown = std::find_if(windows.begin(), windows.end(), [](const QWindow* each) {
+            return each->isVisible() && each->type() != Qt::Popup && each->type() != Qt::ToolTip;
+        });
+        window = shown != windows.end() ? *shown : nullptr;
+    }
+    const QScreen* screen = window != nullptr ? window->screen() : QGuiApplication::primaryScreen();
     if (screen == nullptr) {
         return std::nullopt;
     }
