@@ -41,6 +41,26 @@ inline std::shared_ptr<std::atomic<int>> countFailures(CaptureEngine& engine) {
     return failures;
 }
 
+// The file lasts as long as the recording took, and its first stretch, up to the change,
+// carries the tone of before; returns the decoded samples for what the caller checks next.
+struct RecordedFile {
+    std::vector<float> samples;
+    double durationSeconds = 0;
+};
+inline RecordedFile expectDurationAndToneUntil(const QString& path, Clock::time_point started,
+                                               Clock::time_point stopping, double changedAt) {
+    const std::optional<AudioFileFacts> facts = probeAudioFile(path);
+    EXPECT_TRUE(facts);
+    if (!facts) {
+        return {};
+    }
+    EXPECT_NEAR(facts->durationSeconds, secondsBetween(started, stopping), kTimelineTolerance);
+    RecordedFile file{decodeMono(path), facts->durationSeconds};
+    EXPECT_NEAR(dominantFrequencyHz(stretch(file.samples, kRate, kEdge, changedAt - kEdge), kRate),
+                kToneHz, 10.0);
+    return file;
+}
+
 // The server is killed 1.5 s into a recording and is back 2 s later; the tone plays again
 // from then. The recording goes on into the same file without a word: the tone, then silence
 // for as long as there was no server, then the tone again where the clock says, so the file
@@ -62,19 +82,15 @@ void expectTheRecordingToOutlastARestart(CaptureEngine& engine, Server& server, 
     EXPECT_NO_THROW(engine.stop());
     EXPECT_EQ(*failures, 0);
 
-    const std::optional<AudioFileFacts> facts = probeAudioFile(path);
-    ASSERT_TRUE(facts);
-    EXPECT_NEAR(facts->durationSeconds, secondsBetween(started, stopping), kTimelineTolerance);
-    const std::vector<float> samples = decodeMono(path);
     const double killedAt = secondsBetween(started, killed);
     const double audibleAt = secondsBetween(started, audibleAgain);
-    EXPECT_NEAR(dominantFrequencyHz(stretch(samples, kRate, kEdge, killedAt - kEdge), kRate),
-                kToneHz, 10.0);
+    const RecordedFile file = expectDurationAndToneUntil(path, started, stopping, killedAt);
+    ASSERT_FALSE(file.samples.empty());
     EXPECT_NEAR(
         dominantFrequencyHz(
-            stretch(samples, kRate, audibleAt + kEdge, facts->durationSeconds - kEdge), kRate),
+            stretch(file.samples, kRate, audibleAt + kEdge, file.durationSeconds - kEdge), kRate),
         kToneHz, 10.0);
-    const SilentRun gap = longestSilence(samples, kSilence);
+    const SilentRun gap = longestSilence(file.samples, kSilence);
     EXPECT_NEAR(static_cast<double>(gap.start) / kRate, killedAt, kTimelineTolerance);
     // The server was away for 2 s and more; the tone is heard again when it plays again.
     EXPECT_GE(static_cast<double>(gap.length) / kRate, 2.0 - kTimelineTolerance);
@@ -104,17 +120,13 @@ void expectTheRecordingToFollowTheDefaultOutput(CaptureEngine& engine, Server& s
     EXPECT_NO_THROW(engine.stop());
     EXPECT_EQ(*failures, 0);
 
-    const std::optional<AudioFileFacts> facts = probeAudioFile(path);
-    ASSERT_TRUE(facts);
-    EXPECT_NEAR(facts->durationSeconds, secondsBetween(started, stopping), kTimelineTolerance);
-    const std::vector<float> samples = decodeMono(path);
     const double switchedAt = secondsBetween(started, switched);
-    EXPECT_NEAR(dominantFrequencyHz(stretch(samples, kRate, kEdge, switchedAt - kEdge), kRate),
-                kToneHz, 10.0);
-    EXPECT_NEAR(
-        dominantFrequencyHz(
-            stretch(samples, kRate, switchedAt + 2 * kEdge, facts->durationSeconds - kEdge), kRate),
-        kOtherToneHz, 10.0);
+    const RecordedFile file = expectDurationAndToneUntil(path, started, stopping, switchedAt);
+    ASSERT_FALSE(file.samples.empty());
+    EXPECT_NEAR(dominantFrequencyHz(stretch(file.samples, kRate, switchedAt + 2 * kEdge,
+                                            file.durationSeconds - kEdge),
+                                    kRate),
+                kOtherToneHz, 10.0);
 }
 
 } // namespace server_changes
