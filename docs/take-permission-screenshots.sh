@@ -9,17 +9,7 @@
 # screen-sharing dialog, the tests' ScreenCast backend told to decline. Light, then dark (Qt's
 # gtk3 platform theme with Adwaita:dark, as on a GNOME desktop set to dark).
 set -euo pipefail
-build=$(realpath "${1:-build}")
-shots=$(realpath "$(dirname "$0")")/screenshots
-work=$(mktemp -d)
-trap 'kill $(jobs -p) 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
-
-width=1280
-height=800
-exec 3<> <(:)
-Xvfb -displayfd 3 -screen 0 ${width}x${height}x24 -nolisten tcp >/dev/null 2>&1 &
-read -r -t 30 number <&3
-export DISPLAY=:$number
+. "$(dirname "$0")/screenshot-display.sh" "$@"
 export XDG_RUNTIME_DIR=$work/runtime
 mkdir -p -m 0700 "$XDG_RUNTIME_DIR"
 weston --backend=x11-backend.so --use-pixman --width=$width --height=$height \

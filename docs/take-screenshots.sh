@@ -12,17 +12,7 @@ set -euo pipefail
 if [ "$(id -u)" -eq 0 ] && [ -z "${TESSAREL_PRIVATE_HOME:-}" ]; then
     TESSAREL_PRIVATE_HOME=1 exec unshare --mount --propagation private "$0" "$@"
 fi
-build=$(realpath "${1:-build}")
-shots=$(realpath "$(dirname "$0")")/screenshots
-work=$(mktemp -d)
-trap 'kill $(jobs -p) 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
-
-width=1280
-height=800
-exec 3<> <(:)
-Xvfb -displayfd 3 -screen 0 ${width}x${height}x24 -nolisten tcp >/dev/null 2>&1 &
-read -r -t 30 number <&3
-export DISPLAY=:$number
+. "$(dirname "$0")/screenshot-display.sh" "$@"
 xsetroot -solid '#5b62cc'
 openbox >/dev/null 2>&1 &
 sleep 1
