@@ -72,6 +72,34 @@ std::vector<QPoint> pixelsNear(const QImage& picture, const QRect& area, const Q
     return found;
 }
 
+// Keys as wtype types them, after a pause that lets its keyboard reach the seat; then wtype
+// holds the keyboard until this ends. The seat has a keyboard, and Tessarel a focused window,
+// only while wtype runs: whatever depends on the keyboard is checked while this holds it.
+class HeldKeyboard {
+public:
+    HeldKeyboard(const QProcessEnvironment& environment, const QStringList& keys) {
+        wtype_.setProcessEnvironment(environment);
+        wtype_.start(QStringLiteral("wtype"),
+                     QStringList{QStringLiteral("-s"), QStringLiteral("800")} + keys +
+                         QStringList{QStringLiteral("-s"), QStringLiteral("60000")});
+        started_ = wtype_.waitForStarted();
+    }
+    ~HeldKeyboard() { release(); }
+    HeldKeyboard(const HeldKeyboard&) = delete;
+    HeldKeyboard& operator=(const HeldKeyboard&) = delete;
+
+    bool started() const { return started_; }
+    bool holding() const { return wtype_.state() == QProcess::Running; }
+    void release() {
+        wtype_.kill();
+        wtype_.waitForFinished();
+    }
+
+private:
+    QProcess wtype_;
+    bool started_ = false;
+};
+
 class WaylandShell {
 public:
     explicit WaylandShell(bool withBar, QSize outputSize = {1280, 720})
@@ -267,18 +295,13 @@ TEST(WaylandShellTest, ASecondClickOnTheItemOrEscapeClosesThePopup) {
     ASSERT_TRUE(shell.waitForFloatingView(tessarel, kPopup));
     // The seat loses its keyboard, and Tessarel its focus, when wtype ends: the popup must
     // be gone while wtype still holds the keyboard.
-    QProcess typing;
-    typing.setProcessEnvironment(shell.desktop().environment());
-    typing.start(QStringLiteral("wtype"),
-                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-k"),
-                  QStringLiteral("Escape"), QStringLiteral("-s"), QStringLiteral("20000")});
-    ASSERT_TRUE(typing.waitForStarted());
-    EXPECT_TRUE(processEventsUntil(
-        [&] { return shell.views(tessarel).empty() || typing.state() == QProcess::NotRunning; }));
-    EXPECT_EQ(typing.state(), QProcess::Running) << "the popup stayed up after Escape";
+    HeldKeyboard typing(shell.desktop().environment(),
+                        {QStringLiteral("-k"), QStringLiteral("Escape")});
+    ASSERT_TRUE(typing.started());
+    EXPECT_TRUE(
+        processEventsUntil([&] { return shell.views(tessarel).empty() || !typing.holding(); }));
+    EXPECT_TRUE(typing.holding()) << "the popup stayed up after Escape";
     EXPECT_TRUE(shell.views(tessarel).empty());
-    typing.kill();
-    typing.waitForFinished();
 }
 
 TEST(WaylandShellTest, WithoutATrayThePanelComesUpAtStartAndASecondStartRaisesIt) {
@@ -592,23 +615,18 @@ TEST(WaylandShellTest, TheAreaOverlayCoversEveryOutputAndEscapeLeavesItWhileDrag
 
     // The seat loses its keyboard when wtype ends, which would end the selection too: the
     // overlays must be gone while wtype still holds the keyboard.
-    QProcess typing;
-    typing.setProcessEnvironment(shell.desktop().environment());
-    typing.start(QStringLiteral("wtype"),
-                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-k"),
-                  QStringLiteral("Escape"), QStringLiteral("-s"), QStringLiteral("20000")});
-    ASSERT_TRUE(typing.waitForStarted());
+    HeldKeyboard typing(shell.desktop().environment(),
+                        {QStringLiteral("-k"), QStringLiteral("Escape")});
+    ASSERT_TRUE(typing.started());
     const auto overlaysGone = [&] {
         const std::vector<View> shown = shell.views(tessarel);
         return std::none_of(shown.begin(), shown.end(),
                             [](const View& view) { return view.fullscreen; });
     };
-    EXPECT_TRUE(processEventsUntil(
-        [&] { return overlaysGone() || typing.state() == QProcess::NotRunning; }));
-    EXPECT_EQ(typing.state(), QProcess::Running) << "the overlays stayed up after Escape";
+    EXPECT_TRUE(processEventsUntil([&] { return overlaysGone() || !typing.holding(); }));
+    EXPECT_TRUE(typing.holding()) << "the overlays stayed up after Escape";
     EXPECT_TRUE(overlaysGone());
-    typing.kill();
-    typing.waitForFinished();
+    typing.release();
     pointer.release();
     // The set-up screen stays as it was.
     EXPECT_TRUE(shell.waitForFloatingView(tessarel, kSetup));
@@ -635,15 +653,11 @@ TEST(WaylandShellTest, ASnapshotOfEachOutputEqualsGrimsPictureWithoutThePanelOve
         desktop.swaymsg({panel, QStringLiteral("move"), QStringLiteral("container"),
                          QStringLiteral("to"), QStringLiteral("output"), name});
         desktop.swaymsg({panel, QStringLiteral("focus")});
-        // The seat has a keyboard, and Tessarel a focused window, only while wtype runs: it
-        // types Ctrl+S and stays until the snapshot is taken.
-        QProcess typing;
-        typing.setProcessEnvironment(desktop.environment());
-        typing.start(QStringLiteral("wtype"),
-                     {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-M"),
-                      QStringLiteral("ctrl"), QStringLiteral("s"), QStringLiteral("-m"),
-                      QStringLiteral("ctrl"), QStringLiteral("-s"), QStringLiteral("60000")});
-        ASSERT_TRUE(typing.waitForStarted());
+        // Ctrl+S, the keyboard held until the snapshot is taken.
+        HeldKeyboard typing(desktop.environment(),
+                            {QStringLiteral("-M"), QStringLiteral("ctrl"), QStringLiteral("s"),
+                             QStringLiteral("-m"), QStringLiteral("ctrl")});
+        ASSERT_TRUE(typing.started());
         const std::optional<View> setup = shell.waitForView(tessarel, [&](const View& view) {
             return view.rect.size() == kSetup && output.logical.contains(view.rect.center());
         });
@@ -660,8 +674,7 @@ TEST(WaylandShellTest, ASnapshotOfEachOutputEqualsGrimsPictureWithoutThePanelOve
             }
             return !snapshot.isNull();
         })) << "no snapshot saved";
-        typing.kill();
-        typing.waitForFinished();
+        typing.release();
 
         // The reference: grim's picture once the panel has gone, the pointer where it was.
         ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome))
@@ -760,16 +773,12 @@ TEST(WaylandShellTest, TheFolderChooserOpensOverThePanelAndEscapeCancelsIt) {
     WaylandShell shell(false);
     QProcess& tessarel = shell.startTessarel();
     ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
-    // wtype types Ctrl+S and holds the keyboard for the rest of the test.
-    QProcess typing;
-    typing.setProcessEnvironment(shell.desktop().environment());
-    typing.start(QStringLiteral("wtype"),
-                 {QStringLiteral("-s"), QStringLiteral("800"), QStringLiteral("-M"),
-                  QStringLiteral("ctrl"), QStringLiteral("s"), QStringLiteral("-m"),
-                  QStringLiteral("ctrl"), QStringLiteral("-s"), QStringLiteral("3000"),
-                  QStringLiteral("-k"), QStringLiteral("Escape"), QStringLiteral("-s"),
-                  QStringLiteral("60000")});
-    ASSERT_TRUE(typing.waitForStarted());
+    // Ctrl+S, and three seconds later Escape; the keyboard held for the rest of the test.
+    HeldKeyboard typing(shell.desktop().environment(),
+                        {QStringLiteral("-M"), QStringLiteral("ctrl"), QStringLiteral("s"),
+                         QStringLiteral("-m"), QStringLiteral("ctrl"), QStringLiteral("-s"),
+                         QStringLiteral("3000"), QStringLiteral("-k"), QStringLiteral("Escape")});
+    ASSERT_TRUE(typing.started());
     const std::optional<View> setup = shell.waitForFloatingView(tessarel, kSetup);
     ASSERT_TRUE(setup);
     // The "Save To" row of the set-up screen.
@@ -780,9 +789,7 @@ TEST(WaylandShellTest, TheFolderChooserOpensOverThePanelAndEscapeCancelsIt) {
     // Escape, typed three seconds after Ctrl+S, closes it; the set-up screen stays.
     EXPECT_TRUE(processEventsUntil([&] { return shell.views(tessarel).size() == 1; }));
     EXPECT_TRUE(shell.waitForFloatingView(tessarel, kSetup));
-    EXPECT_EQ(typing.state(), QProcess::Running);
-    typing.kill();
-    typing.waitForFinished();
+    EXPECT_TRUE(typing.holding());
 }
 
 TEST(WaylandShellTest, TheAboutBoxOpensFromTheOptionsMenuOverThePanel) {
