@@ -80,6 +80,18 @@ long long mismatches(const QImage& picture, const QImage& expected, int firstRow
     return count;
 }
 
+// A snapshot of the output the backend's dialog chose: the full pixel size, whatever the scale
+// (the cropped-off strip stays out), and above the sliding block the pattern exactly, without
+// a pointer.
+void expectSnapshotOfThePattern(PortalScreenshotService& screenshots,
+                                const WaylandDesktop::Output& output) {
+    const QImage pattern = VirtualDisplay::testPattern(output.pixels, seedOf(output.name));
+    const QImage snapshot = imageOf(screenshots.captureImage(
+        {displayOf(output), {}}, {output.logical.width(), output.logical.height(), false}));
+    ASSERT_EQ(snapshot.size(), output.pixels);
+    EXPECT_EQ(mismatches(snapshot, pattern, 0, blockBandTop()), 0);
+}
+
 class Portal : public testing::Test {
 protected:
     explicit Portal(PortalDesktop::Options options = {})
@@ -197,13 +209,7 @@ TEST_F(Portal, SnapshotOfEachOutputIsItsStreamsFullPixelPicture) {
     for (const auto& output : desktop_.outputs()) {
         SCOPED_TRACE(output.name.toStdString());
         portal_.chooseOutput(output.name);
-        const QImage pattern = VirtualDisplay::testPattern(output.pixels, seedOf(output.name));
-        const QImage snapshot = imageOf(screenshots.captureImage(
-            {displayOf(output), {}}, {output.logical.width(), output.logical.height(), false}));
-        // The full pixel size, whatever the scale; the cropped-off strip stays out.
-        ASSERT_EQ(snapshot.size(), output.pixels);
-        // Above the sliding block the pattern exactly, without a pointer.
-        EXPECT_EQ(mismatches(snapshot, pattern, 0, blockBandTop()), 0);
+        expectSnapshotOfThePattern(screenshots, output);
     }
     // Each snapshot's screen cast ends with it.
     EXPECT_EQ(portal_.openSessions(), 0);
@@ -274,11 +280,7 @@ TEST_P(PortalTurned, SnapshotAndMovieOfEachOutputComeOutUprightAtItsSize) {
     for (const auto& output : desktop_.outputs()) {
         SCOPED_TRACE(output.name.toStdString());
         portal_.chooseOutput(output.name);
-        const QImage pattern = VirtualDisplay::testPattern(output.pixels, seedOf(output.name));
-        const QImage snapshot = imageOf(screenshots.captureImage(
-            {displayOf(output), {}}, {output.logical.width(), output.logical.height(), false}));
-        ASSERT_EQ(snapshot.size(), output.pixels);
-        EXPECT_EQ(mismatches(snapshot, pattern, 0, blockBandTop()), 0);
+        expectSnapshotOfThePattern(screenshots, output);
 
         // An area off the picture's corner, down through the block's band, from where the
         // block starts sliding (each share starts the backend's pattern afresh).
@@ -296,6 +298,7 @@ TEST_P(PortalTurned, SnapshotAndMovieOfEachOutputComeOutUprightAtItsSize) {
         ASSERT_TRUE(recorder.events.finished());
         const Probe probed = probe(path);
         ASSERT_EQ(probed.width, pixels.width());
+        const QImage pattern = VirtualDisplay::testPattern(output.pixels, seedOf(output.name));
         ASSERT_EQ(probed.height, pixels.height());
         const auto frames = decode(path, probed.width, probed.height);
         ASSERT_FALSE(frames.empty());
