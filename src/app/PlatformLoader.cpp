@@ -6,6 +6,7 @@
 #include <QTimer>
 
 #include <dlfcn.h>
+#include <malloc.h>
 
 #include <chrono>
 #include <mutex>
@@ -14,15 +15,16 @@ namespace {
 
 // How long the capture module stays loaded once the last of its objects is gone: a recording
 // started soon after the last one finds it ready; a minute later the recorders' libraries
-// have left the process.
+// and the memory their threads used have left the process.
 constexpr std::chrono::seconds kCaptureModuleIdleTime{10};
 
-// Opens the module beside the program at `fromProgram`, where the build and the installation
-// both put it, and finds its entry point `name`. Throws PlatformError when either is missing.
 template <typename EntryPoint> struct Module {
     void* handle = nullptr;
     EntryPoint entry = nullptr;
 };
+
+// Opens the module beside the program at `fromProgram`, where the build and the installation
+// both put it, and finds its entry point `name`. Throws PlatformError when either is missing.
 template <typename EntryPoint>
 Module<EntryPoint> openModule(const char* fromProgram, const char* name) {
     const QString path =
@@ -238,7 +240,7 @@ public:
     LazyCapturePlatform() {
         idleTimer_.setSingleShot(true);
         idleTimer_.setInterval(kCaptureModuleIdleTime);
-        QObject::connect(&idleTimer_, &QTimer::timeout, [this] { unloadIfUnused(); });
+        QObject::connect(&idleTimer_, &QTimer::timeout, [this] { releaseIdleMemory(); });
     }
 
     CapturePlatform platform() override { return {*this, *this, *this, *this, *this, *this}; }
@@ -349,28 +351,41 @@ private:
                 throw;
             }
             recordersHandle_ = opened.handle;
+            keepLibrariesThatLeakWhenUnloaded();
         }
         ++uses_;
         return {ModuleUse(nullptr, [this](const void*) { released(); }), *recorders_};
     }
 
+    // pixman, drawn in by FFmpeg's image decoders through cairo, allocates its tables when
+    // loaded and never frees them: kept for good once loaded, it loses nothing per recording.
+    static void keepLibrariesThatLeakWhenUnloaded() {
+        dlopen("libpixman-1.so.0", RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+    }
+
     void released() {
         const std::lock_guard guard(moduleLock_);
-        if (--uses_ == 0 && screen_ != nullptr) {
+        if (--uses_ == 0) {
             // The timer belongs to the GUI thread; from any other the start waits for it.
             QMetaObject::invokeMethod(&idleTimer_, [this] { idleTimer_.start(); });
         }
     }
 
-    // On the GUI thread, the idle time after the last use ended.
-    void unloadIfUnused() {
-        const std::lock_guard guard(moduleLock_);
-        if (uses_ > 0 || !recorders_) {
-            return;
+    // On the GUI thread, the idle time after the last use ended: the module leaves where it
+    // only records, and the memory the capture's threads freed goes back to the system.
+    void releaseIdleMemory() {
+        {
+            const std::lock_guard guard(moduleLock_);
+            if (uses_ > 0) {
+                return;
+            }
+            if (recorders_ && screen_ != nullptr) {
+                // Its services end their threads and connections first.
+                recorders_.reset();
+                dlclose(std::exchange(recordersHandle_, nullptr));
+            }
         }
-        // Its services end their threads and connections first.
-        recorders_.reset();
-        dlclose(std::exchange(recordersHandle_, nullptr));
+        malloc_trim(0);
     }
 
     std::once_flag screenOnce_;
