@@ -236,7 +236,6 @@ class LazyCapturePlatform final : public LoadedCapturePlatform,
     }
 
 public:
-public:
     LazyCapturePlatform() {
         idleTimer_.setSingleShot(true);
         idleTimer_.setInterval(kCaptureModuleIdleTime);
