@@ -41,7 +41,7 @@ if command -v flameshot >/dev/null; then
         tee "$work/peer.txt"
     # Tessarel's medians over the peer's.
     awk 'BEGIN { n = 0 }
-         /^median/ && !/ after a / { for (i = 1; i < NF; ++i) {
+         /^median/ && !/ after a / && !/ click to file / { for (i = 1; i < NF; ++i) {
                          if ($i == "icon") start[n] = $(i + 1)
                          if ($i == "resident") resident[n] = $(i + 1)
                          if ($i == "PSS") pss[n] = $(i + 1) }

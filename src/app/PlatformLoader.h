@@ -27,10 +27,11 @@ public:
 
 // The capture services, loaded when the first call needs one: the displays and snapshots from
 // the screen module, the rest (and the screen where the screen module does not serve it) from
-// the capture module when first needed. The modules choose the backends: PulseAudio and FFmpeg
-// for sound; for the screen, by the session Qt runs on, X11, a Wayland compositor's screen
-// copy or the desktop portal; elsewhere (and through XWayland the user did not ask for) a
-// stand-in whose every screen capture fails with a clear message.
+// the capture module when first needed. Where the screen module serves the screen, the capture
+// module leaves the process a while after each recording. Made on the GUI thread. The modules
+// choose the backends: PulseAudio and FFmpeg for sound; for the screen, by the session Qt runs on,
+// X11, a Wayland compositor's screen copy or the desktop portal; elsewhere (and through XWayland
+// the user did not ask for) a stand-in whose every screen capture fails with a clear message.
 std::unique_ptr<LoadedCapturePlatform> loadCapturePlatform();
 
 // What the modules export under these names; the loader finds them at run time. The screen

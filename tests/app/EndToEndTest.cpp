@@ -293,6 +293,40 @@ TEST_F(EndToEndTest, ASnapshotLoadsNoneOfTheRecordersLibrariesAndTheFirstMovieLo
     }
 }
 
+TEST_F(EndToEndTest,
+       AMovieLeavesNoneOfTheRecordersLibrariesMappedAWhileAfterItAndTheNextLoadsThem) {
+    EndToEndSession session({});
+    QProcess& tessarel = session.startTessarel();
+    // PulseAudio's libraries ask never to be unloaded; these can leave.
+    const QStringList recorders{QStringLiteral("tessarel_capture"), QStringLiteral("libavcodec"),
+                                QStringLiteral("libavformat"), QStringLiteral("libx264")};
+    const auto noneMapped = [&] {
+        return std::none_of(recorders.begin(), recorders.end(), [&](const QString& name) {
+            return mapsLibrary(tessarel.processId(), name);
+        });
+    };
+
+    ASSERT_TRUE(recordMovie(session, tessarel, QPoint(100, 100), QPoint(300, 200), 1));
+    ASSERT_TRUE(session.waitForReveals(1)) << "the first movie was not finished";
+    EXPECT_TRUE(processEventsUntil(noneMapped, 40000));
+    for (const QString& name : recorders) {
+        EXPECT_FALSE(mapsLibrary(tessarel.processId(), name)) << name.toStdString();
+    }
+
+    ASSERT_TRUE(recordMovie(session, tessarel, QPoint(100, 100), QPoint(300, 200), 1));
+    ASSERT_TRUE(session.waitForReveals(2)) << "the second movie was not finished";
+    const QStringList movies = captures(session);
+    ASSERT_EQ(movies.size(), 2) << movies.join(QStringLiteral(", ")).toStdString();
+    for (const QString& movie : movies) {
+        const QJsonObject stream =
+            EndToEndSession::probe(QDir(session.saveFolder()).filePath(movie));
+        EXPECT_EQ(stream.value(QStringLiteral("codec_name")).toString(), QStringLiteral("h264"))
+            << movie.toStdString();
+        EXPECT_EQ(stream.value(QStringLiteral("width")).toInt(), 200) << movie.toStdString();
+        EXPECT_EQ(stream.value(QStringLiteral("height")).toInt(), 100) << movie.toStdString();
+    }
+}
+
 TEST_F(EndToEndTest, ASnapshotOnAServerWithoutCompositeLeavesThePanelOutAndShowsItAgain) {
     EndToEndSession::Options options;
     options.withheldExtensions = {QStringLiteral("COMPOSITE")};

@@ -8,6 +8,10 @@
 //       Tessarel does, saves it and prints "snapshot <width>x<height>";
 //   platform_loader_probe movie <mp4> <milliseconds>
 //       records the first display's upper left quarter through the engine and prints "movie";
+//   platform_loader_probe movies <first mp4> <second mp4> <milliseconds>
+//       records the first movie as `movie` does, keeps the GUI thread answering until the
+//       capture module has left the process (a minute at most) and prints "unloaded" or "still
+//       loaded", then records the second;
 //   platform_loader_probe preflight
 //       checks the screen-capture permission on the GUI thread, as the controller does before
 //       each capture, and prints "allowed" or "refused" and how often a 50 ms timer of the
@@ -22,6 +26,8 @@
 #include "capture/CaptureEngine.h"
 
 #include <QApplication>
+#include <QEventLoop>
+#include <QFile>
 #include <QImage>
 #include <QScreen>
 #include <QTimer>
@@ -81,6 +87,28 @@ void movie(CapturePlatform platform, const QString& path, int milliseconds) {
     std::printf("movie\n");
 }
 
+bool mapsCaptureModule() {
+    QFile maps(QStringLiteral("/proc/self/maps"));
+    return maps.open(QIODevice::ReadOnly) && maps.readAll().contains("/tessarel_capture.so");
+}
+
+void movies(CapturePlatform platform, const QStringList& arguments) {
+    const int milliseconds = arguments.value(2).toInt();
+    movie(platform, arguments.value(0), milliseconds);
+    QEventLoop loop;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&loop] {
+        if (!mapsCaptureModule()) {
+            loop.quit();
+        }
+    });
+    poll.start(100);
+    QTimer::singleShot(60000, &loop, &QEventLoop::quit);
+    loop.exec();
+    std::printf("%s\n", mapsCaptureModule() ? "still loaded" : "unloaded");
+    movie(platform, arguments.value(1), milliseconds);
+}
+
 void preflight(LoadedCapturePlatform& loaded) {
     int ticks = 0;
     QTimer timer;
@@ -104,6 +132,8 @@ int main(int argc, char** argv) {
             snapshot(loaded->platform(), arguments.value(1));
         } else if (command == QLatin1String("movie")) {
             movie(loaded->platform(), arguments.value(1), arguments.value(2).toInt());
+        } else if (command == QLatin1String("movies")) {
+            movies(loaded->platform(), arguments.mid(1));
         } else if (command == QLatin1String("preflight")) {
             preflight(*loaded);
         } else if (command == QLatin1String("overlay-picture")) {

@@ -1,19 +1,21 @@
+#include "MovieInspection.h"
 #include "capture/OutputNumbering.h"
 #include "support/VirtualDisplay.h"
 #include "support/WaylandDesktop.h"
 
 #include <QProcess>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 namespace {
 
 // What the probe prints in `environment`, on its standard output.
-QStringList probe(const QProcessEnvironment& environment) {
+QStringList probe(const QProcessEnvironment& environment, const QStringList& arguments = {}) {
     QProcess process;
     process.setProcessEnvironment(environment);
-    process.start(QStringLiteral(PLATFORM_LOADER_PROBE), {});
-    EXPECT_TRUE(process.waitForFinished(60000));
+    process.start(QStringLiteral(PLATFORM_LOADER_PROBE), arguments);
+    EXPECT_TRUE(process.waitForFinished(120000));
     EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
     return QString::fromUtf8(process.readAllStandardOutput())
         .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
@@ -81,4 +83,23 @@ TEST_F(PlatformLoader, SessionWithoutAScreenToCaptureSaysSo) {
               QStringList{QStringLiteral("unavailable: Tessarel captures the screen of X11 "
                                          "sessions and of Wayland desktops that let applications "
                                          "copy the screen.")});
+}
+
+TEST_F(PlatformLoader, TheCaptureModuleLeavesAfterAMovieAndTheNextMovieLoadsItAgain) {
+    QProcessEnvironment environment = both();
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+    const QTemporaryDir folder;
+    const QString first = folder.filePath(QStringLiteral("first.mp4"));
+    const QString second = folder.filePath(QStringLiteral("second.mp4"));
+
+    EXPECT_EQ(probe(environment, {QStringLiteral("movies"), first, second, QStringLiteral("1000")}),
+              (QStringList{QStringLiteral("movie"), QStringLiteral("unloaded"),
+                           QStringLiteral("movie")}));
+    // The upper left quarter of the 800 x 600 display.
+    for (const QString& path : {first, second}) {
+        const Probe probed = ::probe(path);
+        EXPECT_EQ(probed.codec, "h264") << path.toStdString();
+        EXPECT_EQ(probed.width, 400) << path.toStdString();
+        EXPECT_EQ(probed.height, 300) << path.toStdString();
+    }
 }

@@ -4,18 +4,27 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace {
 
 // A few lines explain a failure; a flood of them would only grow.
 constexpr size_t kKeptErrorBytes = 1024;
 
-thread_local std::string errorsOfThisThread;
+// Trivially destructible: a thread-local with a destructor would keep the module holding it
+// loaded until every thread that logged has ended.
+struct KeptErrors {
+    std::array<char, kKeptErrorBytes> text;
+    size_t size;
+};
+thread_local KeptErrors errorsOfThisThread;
 
 void keepErrors(void* context, int level, const char* format, va_list arguments) {
     if (level > AV_LOG_ERROR) {
@@ -30,13 +39,14 @@ void keepErrors(void* context, int level, const char* format, va_list arguments)
     while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
         text.pop_back();
     }
-    if (text.empty() || errorsOfThisThread.size() + text.size() > kKeptErrorBytes) {
+    KeptErrors& kept = errorsOfThisThread;
+    const std::string_view separator = kept.size > 0 ? "; " : "";
+    if (text.empty() || kept.size + separator.size() + text.size() > kept.text.size()) {
         return;
     }
-    if (!errorsOfThisThread.empty()) {
-        errorsOfThisThread += "; ";
-    }
-    errorsOfThisThread += text;
+    auto end = std::copy(separator.begin(), separator.end(), kept.text.begin() + kept.size);
+    end = std::copy(text.begin(), text.end(), end);
+    kept.size = static_cast<size_t>(end - kept.text.begin());
 }
 
 } // namespace
@@ -47,7 +57,6 @@ void routeFfmpegLog() {
 }
 
 QString takeFfmpegErrors() {
-    std::string taken;
-    taken.swap(errorsOfThisThread);
-    return QString::fromUtf8(taken.c_str());
+    KeptErrors& kept = errorsOfThisThread;
+    return QString::fromUtf8(kept.text.data(), static_cast<qsizetype>(std::exchange(kept.size, 0)));
 }
