@@ -521,13 +521,15 @@ public:
         if (keyframeDue) {
             lastKeyframePts_ = pts;
         }
-        leastEffortStep_ = std::max(leastEffortStep_, codec_->keepUp(framesWaiting));
+        effortStep_ = codec_->keepUp(framesWaiting);
+        leastEffortStep_ = std::max(leastEffortStep_, effortStep_);
         codec_->encode(pts, keyframeDue, pending_);
         write();
         return true;
     }
 
     int leastEffortStep() const { return leastEffortStep_; }
+    int effortStep() const { return effortStep_; }
 
     // The movie ends at `endTimeNs`, and never sooner than one frame interval per encoded
     // frame after the first (capture jitter must not push the average rate above the cap).
@@ -573,6 +575,7 @@ private:
     int64_t encodedFrames_ = 0;
     std::optional<int64_t> lastKeyframePts_;
     int leastEffortStep_ = 0; // the most steps below full effort so far
+    int effortStep_ = 0;      // steps below full effort at the last picture
 };
 
 VideoFileRecorder::VideoFileRecorder(RecordingOutputConfiguration configuration,
@@ -599,6 +602,10 @@ long long VideoFileRecorder::encodedFrames() const {
 
 int VideoFileRecorder::leastEffortStep() const {
     return leastEffortStep_;
+}
+
+int VideoFileRecorder::effortStep() const {
+    return effortStep_;
 }
 
 void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
@@ -629,8 +636,10 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
                 const int64_t timeNs = frame->captureTimeNs - startTimeNs;
                 try {
                     if (encoder_->encode(*frame, timeNs, queue.waiting())) {
-                        ++encodedFrames_;
                         leastEffortStep_ = encoder_->leastEffortStep();
+                        effortStep_ = encoder_->effortStep();
+                        // Last, so whoever sees the count sees the steps of that frame.
+                        ++encodedFrames_;
                     }
                 } catch (...) {
                     queue.recycle(*frame);

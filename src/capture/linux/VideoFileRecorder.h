@@ -59,6 +59,8 @@ public:
     // Any thread: the most steps below its full effort the encoder has worked at so far
     // (0: never behind).
     int leastEffortStep() const;
+    // Any thread: how many steps below its full effort the encoder works now.
+    int effortStep() const;
 
 private:
     class Encoder;
@@ -71,4 +73,5 @@ private:
     std::thread thread_;
     std::atomic<long long> encodedFrames_{0};
     std::atomic<int> leastEffortStep_{0};
+    std::atomic<int> effortStep_{0};
 };

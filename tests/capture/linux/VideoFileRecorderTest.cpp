@@ -10,9 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <random>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -40,17 +42,36 @@ struct Movie {
                                &events};
 };
 
-} // namespace
-
-TEST(VideoFileRecorder, EncoderFindingFramesPiledUpSpendsLessEffortAndKeepsEveryFrame) {
-    Movie movie;
-    std::mt19937 random(1);
-    // All waiting before the encoder starts, as when it has fallen behind.
+// Fills the queue before the encoder starts, as when it has fallen behind.
+void pileUp(Movie& movie, std::mt19937& random) {
     for (int frame = 0; frame < kDepth; ++frame) {
         VideoFrame& next = movie.queue.acquire();
         fillWithNoise(next, random, frame * kShortestFrameIntervalNs);
         movie.queue.publish(next);
     }
+}
+
+// Hands the recorder one frame, of noise or else unchanged, and waits until it is encoded, so
+// nothing ever waits behind it.
+void encodeAlone(Movie& movie, std::mt19937* noise, int frame) {
+    VideoFrame& next = movie.queue.acquire();
+    if (noise) {
+        fillWithNoise(next, *noise, frame * kShortestFrameIntervalNs);
+    } else {
+        next.captureTimeNs = frame * kShortestFrameIntervalNs;
+    }
+    movie.queue.publish(next);
+    while (movie.recorder.encodedFrames() <= frame) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+} // namespace
+
+TEST(VideoFileRecorder, EncoderFindingFramesPiledUpSpendsLessEffortAndKeepsEveryFrame) {
+    Movie movie;
+    std::mt19937 random(1);
+    pileUp(movie, random);
     movie.recorder.start(movie.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
     movie.queue.close(kDepth * kShortestFrameIntervalNs);
     movie.recorder.finish();
@@ -68,13 +89,7 @@ TEST(VideoFileRecorder, EncoderThatKeepsUpWorksAtFullEffort) {
     std::mt19937 random(1);
     movie.recorder.start(movie.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
     for (int frame = 0; frame < kDepth; ++frame) {
-        VideoFrame& next = movie.queue.acquire();
-        fillWithNoise(next, random, frame * kShortestFrameIntervalNs);
-        movie.queue.publish(next);
-        // The next frame comes once this one is encoded: nothing ever waits behind it.
-        while (movie.recorder.encodedFrames() <= frame) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        encodeAlone(movie, &random, frame);
     }
     movie.queue.close(kDepth * kShortestFrameIntervalNs);
     movie.recorder.finish();
@@ -82,4 +97,31 @@ TEST(VideoFileRecorder, EncoderThatKeepsUpWorksAtFullEffort) {
 
     EXPECT_EQ(movie.recorder.leastEffortStep(), 0);
     EXPECT_EQ(::probe(movie.path).frames, kDepth);
+}
+
+TEST(VideoFileRecorder, EncoderThatCaughtUpGoesBackToFullEffortStepByStep) {
+    Movie movie;
+    std::mt19937 random(1);
+    pileUp(movie, random);
+    movie.recorder.start(movie.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
+    while (movie.recorder.encodedFrames() < kDepth) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    // Two seconds of frames, none waiting behind another once the pile is gone: one step
+    // back after each second.
+    constexpr int kFrames = kDepth + 2 * 30;
+    std::vector<int> steps;
+    for (int frame = kDepth; frame < kFrames; ++frame) {
+        encodeAlone(movie, nullptr, frame);
+        steps.push_back(movie.recorder.effortStep());
+    }
+    movie.queue.close(kFrames * kShortestFrameIntervalNs);
+    movie.recorder.finish();
+    ASSERT_TRUE(movie.events.finished());
+
+    EXPECT_EQ(movie.recorder.leastEffortStep(), 2);
+    EXPECT_EQ(steps.front(), 2);
+    EXPECT_EQ(std::count(steps.begin(), steps.end(), 1), 30);
+    EXPECT_EQ(steps.back(), 0);
+    EXPECT_EQ(::probe(movie.path).frames, kFrames);
 }
