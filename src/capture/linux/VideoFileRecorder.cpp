@@ -179,6 +179,9 @@ public:
             throw PlatformError(QStringLiteral("Tessarel could not start the video encoder."));
         }
         pictureAllocated_ = true;
+        // What each effort step starts from: a reconfiguration takes every setting it can
+        // change from the parameters it is given.
+        x264_encoder_parameters(encoder_.get(), &fullEffort_);
         makeConfiguration();
     }
     ~X264Codec() override {

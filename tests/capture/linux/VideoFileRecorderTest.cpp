@@ -5,6 +5,7 @@
 
 #include "MovieInspection.h"
 
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <QUrl>
 
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <random>
 #include <thread>
 #include <vector>
@@ -124,4 +126,32 @@ TEST(VideoFileRecorder, EncoderThatCaughtUpGoesBackToFullEffortStepByStep) {
     EXPECT_EQ(std::count(steps.begin(), steps.end(), 1), 30);
     EXPECT_EQ(steps.back(), 0);
     EXPECT_EQ(::probe(movie.path).frames, kFrames);
+}
+
+TEST(VideoFileRecorder, EncoderAtLessEffortWritesNoLargerMovieThanAtFullEffort) {
+    // The same pictures, once piled up and once each on its own.
+    Movie piled;
+    std::mt19937 random(1);
+    pileUp(piled, random);
+    piled.recorder.start(piled.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
+    piled.queue.close(kDepth * kShortestFrameIntervalNs);
+    piled.recorder.finish();
+    Movie alone;
+    random.seed(1);
+    alone.recorder.start(alone.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
+    for (int frame = 0; frame < kDepth; ++frame) {
+        encodeAlone(alone, &random, frame);
+    }
+    alone.queue.close(kDepth * kShortestFrameIntervalNs);
+    alone.recorder.finish();
+    ASSERT_TRUE(piled.events.finished());
+    ASSERT_TRUE(alone.events.finished());
+
+    ASSERT_EQ(piled.recorder.leastEffortStep(), 2);
+    ASSERT_EQ(alone.recorder.leastEffortStep(), 0);
+    const qint64 piledBytes = QFileInfo(piled.path).size();
+    const qint64 aloneBytes = QFileInfo(alone.path).size();
+    std::printf("movie at less effort: %lld bytes, at full effort: %lld bytes\n",
+                static_cast<long long>(piledBytes), static_cast<long long>(aloneBytes));
+    EXPECT_LE(piledBytes, aloneBytes);
 }
