@@ -5,6 +5,7 @@
 
 #include "MovieInspection.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QUrl>
@@ -36,10 +37,12 @@ void fillWithNoise(VideoFrame& frame, std::mt19937& random, int64_t timeNs) {
 }
 
 struct Movie {
+    explicit Movie(int width = kWidth, int height = kHeight) : queue(kDepth, width, height) {}
+
     QTemporaryDir directory;
     QString path = directory.filePath(QStringLiteral("movie.mp4"));
     RecorderEvents events;
-    VideoFrameQueue queue{kDepth, kWidth, kHeight};
+    VideoFrameQueue queue;
     VideoFileRecorder recorder{{QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264},
                                &events};
 };
@@ -154,4 +157,38 @@ TEST(VideoFileRecorder, EncoderAtLessEffortWritesNoLargerMovieThanAtFullEffort) 
     std::printf("movie at less effort: %lld bytes, at full effort: %lld bytes\n",
                 static_cast<long long>(piledBytes), static_cast<long long>(aloneBytes));
     EXPECT_LE(piledBytes, aloneBytes);
+}
+
+namespace {
+
+// The settings x264 wrote into a movie of `width` × `height` pixels, one flat grey picture
+// long, as it names them in its stream ("... threads=2 ... rc_lookahead=4 ...").
+QByteArray encoderSettings(int width, int height) {
+    Movie movie(width, height);
+    VideoFrame& frame = movie.queue.acquire();
+    std::fill(frame.changed.begin(), frame.changed.end(), PixelSpan{0, width});
+    movie.queue.publish(frame);
+    movie.recorder.start(movie.queue, width, height, 0, kShortestFrameIntervalNs);
+    movie.queue.close(kShortestFrameIntervalNs);
+    movie.recorder.finish();
+    EXPECT_TRUE(movie.events.finished());
+    QFile file(movie.path);
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray bytes = file.readAll();
+    const qsizetype begin = bytes.indexOf("x264 - core");
+    return begin < 0 ? QByteArray() : bytes.mid(begin, bytes.indexOf('\0', begin) - begin);
+}
+
+} // namespace
+
+TEST(VideoFileRecorder, AreaLargerThan1080pIsEncodedOnTwoThreadsWithAShorterLookahead) {
+    const QByteArray large = encoderSettings(3840, 2160);
+    const QByteArray hd = encoderSettings(1920, 1080);
+
+    EXPECT_TRUE(large.contains(" threads=2 ")) << large.constData();
+    EXPECT_TRUE(large.contains(" rc_lookahead=4 ")) << large.constData();
+    EXPECT_TRUE(large.contains(" crf=20.0 ")) << large.constData();
+    EXPECT_TRUE(hd.contains(" threads=1 ")) << hd.constData();
+    EXPECT_TRUE(hd.contains(" rc_lookahead=10 ")) << hd.constData();
+    EXPECT_TRUE(hd.contains(" crf=22.0 ")) << hd.constData();
 }
