@@ -159,8 +159,8 @@ public:
             // Each picture the lookahead holds is a whole frame of memory to fault in and
             // analyse before the first one is encoded: at 4K, ten of them took a second
             // at the start of a movie, while the queue holds a fifth of one. Four pictures
-            // ahead cost some 15 % less time; the lower rate factor keeps the movie as good
-            // to look at (SSIM) in a file of the same size.
+            // ahead cost no more time; the lower rate factor keeps the movie as good to look
+            // at (SSIM) in a file of about the same size.
             param.rc.i_lookahead = kLargeAreaLookahead;
             param.rc.f_rf_constant = kLargeAreaRateFactor;
         }
