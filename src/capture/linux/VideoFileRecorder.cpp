@@ -148,12 +148,22 @@ public:
         // interval there, and frame threads cost some 5 % more CPU time for their hand-overs
         // (measured against two at 1080p); the queue absorbs a slow keyframe. A larger area's
         // frame takes about a whole interval on one core (4K full motion), so two threads.
-        param.i_threads = static_cast<int64_t>(width) * height > kOneThreadPixels ? 2 : 1;
+        const bool largeArea = static_cast<int64_t>(width) * height > kOneThreadPixels;
+        param.i_threads = largeArea ? 2 : 1;
         param.i_width = width;
         param.i_height = height;
         param.i_csp = X264_CSP_I420;
         param.rc.i_rc_method = X264_RC_CRF;
         param.rc.f_rf_constant = kRateFactor;
+        if (largeArea) {
+            // Each picture the lookahead holds is a whole frame of memory to fault in and
+            // analyse before the first one is encoded: at 4K, ten of them took a second
+            // at the start of a movie, while the queue holds a fifth of one. Four pictures
+            // ahead cost no more time; the lower rate factor keeps the movie as good to look
+            // at (SSIM) in a file of about the same size.
+            param.rc.i_lookahead = kLargeAreaLookahead;
+            param.rc.f_rf_constant = kLargeAreaRateFactor;
+        }
         // Whole-pixel motion only: things on a screen move by whole pixels (scrolling,
         // dragging), so the sub-pixel search finds little, and without it x264 neither
         // searches nor interpolates the picture at half and quarter pixels. That takes some
@@ -179,6 +189,9 @@ public:
             throw PlatformError(QStringLiteral("Tessarel could not start the video encoder."));
         }
         pictureAllocated_ = true;
+        // What each effort step starts from: a reconfiguration takes every setting it can
+        // change from the parameters it is given.
+        x264_encoder_parameters(encoder_.get(), &fullEffort_);
         makeConfiguration();
     }
     ~X264Codec() override {
@@ -273,6 +286,8 @@ private:
     static constexpr int kCaughtUpFramesForMoreEffort = 30;
     static constexpr int kLeastEffortStep = 2;
     static constexpr int64_t kOneThreadPixels = 1920 * 1080;
+    static constexpr int kLargeAreaLookahead = 4;
+    static constexpr float kLargeAreaRateFactor = 20;
 
     // Step 1: the smallest motion search and 16 × 16 blocks only; step 2 besides: no 8 × 8
     // transform, no deblocking, and a rate factor 4 higher, which leaves fewer coefficients
@@ -311,9 +326,14 @@ private:
         if (!packet) {
             throw PlatformError(QStringLiteral("Tessarel is out of memory."));
         }
-        check(av_new_packet(packet.get(), size), QStringLiteral("Tessarel is out of memory"));
+        // The first picture carries the encoder's settings, as x264's own files do.
+        const auto settingsBytes = static_cast<int>(settings_.size());
+        check(av_new_packet(packet.get(), settingsBytes + size),
+              QStringLiteral("Tessarel is out of memory"));
+        std::copy(settings_.begin(), settings_.end(), packet->data);
+        settings_.clear();
         // The NAL units of one picture lie one after the other.
-        std::memcpy(packet->data, units[0].p_payload, static_cast<size_t>(size));
+        std::memcpy(packet->data + settingsBytes, units[0].p_payload, static_cast<size_t>(size));
         packet->pts = output.i_pts;
         packet->dts = output.i_dts;
         if (output.b_keyframe) {
@@ -343,6 +363,9 @@ private:
             } else if (units[unit].i_type == NAL_PPS) {
                 pps = payload;
                 ppsBytes = bytes;
+            } else if (units[unit].i_type == NAL_SEI) {
+                settings_.assign(units[unit].p_payload,
+                                 units[unit].p_payload + units[unit].i_payload);
             }
         }
         if (!sps || !pps || spsBytes < 4) {
@@ -369,6 +392,7 @@ private:
     bool pictureAllocated_ = false;
     std::vector<uint8_t> changed_; // per macroblock: changed since the last encoded picture
     std::vector<uint8_t> configuration_;
+    std::vector<uint8_t> settings_; // x264's SEI naming its settings, until the first picture
     x264_param_t fullEffort_{};
     int effortStep_ = 0;
     int caughtUpFrames_ = 0; // in a row with nothing waiting, at the current step
@@ -521,13 +545,15 @@ public:
         if (keyframeDue) {
             lastKeyframePts_ = pts;
         }
-        leastEffortStep_ = std::max(leastEffortStep_, codec_->keepUp(framesWaiting));
+        effortStep_ = codec_->keepUp(framesWaiting);
+        leastEffortStep_ = std::max(leastEffortStep_, effortStep_);
         codec_->encode(pts, keyframeDue, pending_);
         write();
         return true;
     }
 
     int leastEffortStep() const { return leastEffortStep_; }
+    int effortStep() const { return effortStep_; }
 
     // The movie ends at `endTimeNs`, and never sooner than one frame interval per encoded
     // frame after the first (capture jitter must not push the average rate above the cap).
@@ -573,6 +599,7 @@ private:
     int64_t encodedFrames_ = 0;
     std::optional<int64_t> lastKeyframePts_;
     int leastEffortStep_ = 0; // the most steps below full effort so far
+    int effortStep_ = 0;      // steps below full effort at the last picture
 };
 
 VideoFileRecorder::VideoFileRecorder(RecordingOutputConfiguration configuration,
@@ -599,6 +626,10 @@ long long VideoFileRecorder::encodedFrames() const {
 
 int VideoFileRecorder::leastEffortStep() const {
     return leastEffortStep_;
+}
+
+int VideoFileRecorder::effortStep() const {
+    return effortStep_;
 }
 
 void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
@@ -629,8 +660,10 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
                 const int64_t timeNs = frame->captureTimeNs - startTimeNs;
                 try {
                     if (encoder_->encode(*frame, timeNs, queue.waiting())) {
-                        ++encodedFrames_;
                         leastEffortStep_ = encoder_->leastEffortStep();
+                        effortStep_ = encoder_->effortStep();
+                        // Last, so whoever sees the count sees the steps of that frame.
+                        ++encodedFrames_;
                     }
                 } catch (...) {
                     queue.recycle(*frame);

@@ -28,7 +28,7 @@ class VideoFrameQueue;
 // (a smaller motion search, fewer block sizes, then no deblocking and a higher rate factor),
 // changed between two pictures, and goes back once it has kept up for a second: a busy
 // machine gets a lighter movie at full pace rather than dropped frames. Areas larger than
-// 1080p are encoded on two threads.
+// 1080p are encoded on two threads, with a shorter lookahead at rate factor 20.
 // Each frame's time stamp is its capture time, so late, dropped or skipped frames never
 // shift the rest: a frame is shown until the next one's capture time.
 class VideoFileRecorder final : public RecordingOutput {
@@ -59,6 +59,8 @@ public:
     // Any thread: the most steps below its full effort the encoder has worked at so far
     // (0: never behind).
     int leastEffortStep() const;
+    // Any thread: how many steps below its full effort the encoder works now.
+    int effortStep() const;
 
 private:
     class Encoder;
@@ -71,4 +73,5 @@ private:
     std::thread thread_;
     std::atomic<long long> encodedFrames_{0};
     std::atomic<int> leastEffortStep_{0};
+    std::atomic<int> effortStep_{0};
 };

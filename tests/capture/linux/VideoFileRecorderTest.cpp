@@ -5,14 +5,19 @@
 
 #include "MovieInspection.h"
 
+#include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <QUrl>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <random>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -32,25 +37,46 @@ void fillWithNoise(VideoFrame& frame, std::mt19937& random, int64_t timeNs) {
 }
 
 struct Movie {
+    explicit Movie(int width = kWidth, int height = kHeight) : queue(kDepth, width, height) {}
+
     QTemporaryDir directory;
     QString path = directory.filePath(QStringLiteral("movie.mp4"));
     RecorderEvents events;
-    VideoFrameQueue queue{kDepth, kWidth, kHeight};
+    VideoFrameQueue queue;
     VideoFileRecorder recorder{{QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264},
                                &events};
 };
+
+// Fills the queue before the encoder starts, as when it has fallen behind.
+void pileUp(Movie& movie, std::mt19937& random) {
+    for (int frame = 0; frame < kDepth; ++frame) {
+        VideoFrame& next = movie.queue.acquire();
+        fillWithNoise(next, random, frame * kShortestFrameIntervalNs);
+        movie.queue.publish(next);
+    }
+}
+
+// Hands the recorder one frame, of noise or else unchanged, and waits until it is encoded, so
+// nothing ever waits behind it.
+void encodeAlone(Movie& movie, std::mt19937* noise, int frame) {
+    VideoFrame& next = movie.queue.acquire();
+    if (noise) {
+        fillWithNoise(next, *noise, frame * kShortestFrameIntervalNs);
+    } else {
+        next.captureTimeNs = frame * kShortestFrameIntervalNs;
+    }
+    movie.queue.publish(next);
+    while (movie.recorder.encodedFrames() <= frame) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
 
 } // namespace
 
 TEST(VideoFileRecorder, EncoderFindingFramesPiledUpSpendsLessEffortAndKeepsEveryFrame) {
     Movie movie;
     std::mt19937 random(1);
-    // All waiting before the encoder starts, as when it has fallen behind.
-    for (int frame = 0; frame < kDepth; ++frame) {
-        VideoFrame& next = movie.queue.acquire();
-        fillWithNoise(next, random, frame * kShortestFrameIntervalNs);
-        movie.queue.publish(next);
-    }
+    pileUp(movie, random);
     movie.recorder.start(movie.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
     movie.queue.close(kDepth * kShortestFrameIntervalNs);
     movie.recorder.finish();
@@ -68,13 +94,7 @@ TEST(VideoFileRecorder, EncoderThatKeepsUpWorksAtFullEffort) {
     std::mt19937 random(1);
     movie.recorder.start(movie.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
     for (int frame = 0; frame < kDepth; ++frame) {
-        VideoFrame& next = movie.queue.acquire();
-        fillWithNoise(next, random, frame * kShortestFrameIntervalNs);
-        movie.queue.publish(next);
-        // The next frame comes once this one is encoded: nothing ever waits behind it.
-        while (movie.recorder.encodedFrames() <= frame) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        encodeAlone(movie, &random, frame);
     }
     movie.queue.close(kDepth * kShortestFrameIntervalNs);
     movie.recorder.finish();
@@ -82,4 +102,93 @@ TEST(VideoFileRecorder, EncoderThatKeepsUpWorksAtFullEffort) {
 
     EXPECT_EQ(movie.recorder.leastEffortStep(), 0);
     EXPECT_EQ(::probe(movie.path).frames, kDepth);
+}
+
+TEST(VideoFileRecorder, EncoderThatCaughtUpGoesBackToFullEffortStepByStep) {
+    Movie movie;
+    std::mt19937 random(1);
+    pileUp(movie, random);
+    movie.recorder.start(movie.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
+    while (movie.recorder.encodedFrames() < kDepth) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    // Two seconds of frames, none waiting behind another once the pile is gone: one step
+    // back after each second.
+    constexpr int kFrames = kDepth + 2 * 30;
+    std::vector<int> steps;
+    for (int frame = kDepth; frame < kFrames; ++frame) {
+        encodeAlone(movie, nullptr, frame);
+        steps.push_back(movie.recorder.effortStep());
+    }
+    movie.queue.close(kFrames * kShortestFrameIntervalNs);
+    movie.recorder.finish();
+    ASSERT_TRUE(movie.events.finished());
+
+    EXPECT_EQ(movie.recorder.leastEffortStep(), 2);
+    EXPECT_EQ(steps.front(), 2);
+    EXPECT_EQ(std::count(steps.begin(), steps.end(), 1), 30);
+    EXPECT_EQ(steps.back(), 0);
+    EXPECT_EQ(::probe(movie.path).frames, kFrames);
+}
+
+TEST(VideoFileRecorder, EncoderAtLessEffortWritesNoLargerMovieThanAtFullEffort) {
+    // The same pictures, once piled up and once each on its own.
+    Movie piled;
+    std::mt19937 random(1);
+    pileUp(piled, random);
+    piled.recorder.start(piled.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
+    piled.queue.close(kDepth * kShortestFrameIntervalNs);
+    piled.recorder.finish();
+    Movie alone;
+    random.seed(1);
+    alone.recorder.start(alone.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
+    for (int frame = 0; frame < kDepth; ++frame) {
+        encodeAlone(alone, &random, frame);
+    }
+    alone.queue.close(kDepth * kShortestFrameIntervalNs);
+    alone.recorder.finish();
+    ASSERT_TRUE(piled.events.finished());
+    ASSERT_TRUE(alone.events.finished());
+
+    ASSERT_EQ(piled.recorder.leastEffortStep(), 2);
+    ASSERT_EQ(alone.recorder.leastEffortStep(), 0);
+    const qint64 piledBytes = QFileInfo(piled.path).size();
+    const qint64 aloneBytes = QFileInfo(alone.path).size();
+    std::printf("movie at less effort: %lld bytes, at full effort: %lld bytes\n",
+                static_cast<long long>(piledBytes), static_cast<long long>(aloneBytes));
+    EXPECT_LE(piledBytes, aloneBytes);
+}
+
+namespace {
+
+// The settings x264 wrote into a movie of `width` × `height` pixels, one flat grey picture
+// long, as it names them in its stream ("... threads=2 ... rc_lookahead=4 ...").
+QByteArray encoderSettings(int width, int height) {
+    Movie movie(width, height);
+    VideoFrame& frame = movie.queue.acquire();
+    std::fill(frame.changed.begin(), frame.changed.end(), PixelSpan{0, width});
+    movie.queue.publish(frame);
+    movie.recorder.start(movie.queue, width, height, 0, kShortestFrameIntervalNs);
+    movie.queue.close(kShortestFrameIntervalNs);
+    movie.recorder.finish();
+    EXPECT_TRUE(movie.events.finished());
+    QFile file(movie.path);
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray bytes = file.readAll();
+    const qsizetype begin = bytes.indexOf("x264 - core");
+    return begin < 0 ? QByteArray() : bytes.mid(begin, bytes.indexOf('\0', begin) - begin);
+}
+
+} // namespace
+
+TEST(VideoFileRecorder, AreaLargerThan1080pIsEncodedOnTwoThreadsWithAShorterLookahead) {
+    const QByteArray large = encoderSettings(3840, 2160);
+    const QByteArray hd = encoderSettings(1920, 1080);
+
+    EXPECT_TRUE(large.contains(" threads=2 ")) << large.constData();
+    EXPECT_TRUE(large.contains(" rc_lookahead=4 ")) << large.constData();
+    EXPECT_TRUE(large.contains(" crf=20.0 ")) << large.constData();
+    EXPECT_TRUE(hd.contains(" threads=1 ")) << hd.constData();
+    EXPECT_TRUE(hd.contains(" rc_lookahead=10 ")) << hd.constData();
+    EXPECT_TRUE(hd.contains(" crf=22.0 ")) << hd.constData();
 }
