@@ -16,8 +16,6 @@
 #include <optional>
 #include <vector>
 
-class SerialQueue;
-
 // ---- Displays and applications -------------------------------------------------------
 
 struct DisplayInfo {
@@ -106,14 +104,16 @@ struct SampleBuffer {
 class AudioSampleHandler {
 public:
     virtual ~AudioSampleHandler() = default;
-    // Called on the queue passed to addAudioOutput, one buffer at a time.
+    // Called on the stream's own thread, one buffer at a time and in order; the rest
+    // recorded before a stop may come on the thread that stops the stream. Never after
+    // stopCapture has returned or the stream is gone.
     virtual void didOutputSampleBuffer(SampleBuffer buffer) = 0;
 };
 
 class AudioCaptureStream : public CaptureStream {
 public:
     // Throws the service's error.
-    virtual void addAudioOutput(AudioSampleHandler* handler, SerialQueue& queue) = 0;
+    virtual void addAudioOutput(AudioSampleHandler* handler) = 0;
 };
 
 class AudioCaptureService {
