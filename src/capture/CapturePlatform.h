@@ -152,7 +152,7 @@ enum class AudioWriterStatus { unknown, writing, completed, failed, cancelled };
 
 // The life cycle the engine relies on. A writer is made for one file; its one audio input
 // is attached with addInput. Every member may be called from any thread, one at a time
-// (the engine serialises calls under its lock or owns the writer exclusively).
+// (the engine serialises calls under its writer lock or owns the writer exclusively).
 class AudioFileWriter {
 public:
     virtual ~AudioFileWriter() = default;
