@@ -2,9 +2,10 @@
 // server, through Tessarel's whole audio path (PulseAudio stream, engine, WAV writer) and,
 // in the same run and from the same monitor, with parec. Reports for each: recorded frames
 // against 48000 × the recording's seconds, gaps (silent runs of 1 ms or more inside the
-// tone), CPU seconds per recorded minute and peak memory, then their ratios. The CPU is given
-// for the whole process and, for Tessarel, for the recording alone: the app records from a
-// process that is already running, the benchmark's child has to start one first.
+// tone), CPU seconds and context switches per recorded minute and peak memory, then their
+// ratios. The CPU and the switches are given for the whole process and, for Tessarel, for the
+// recording alone: the app records from a process that is already running, the benchmark's
+// child has to start one first.
 // With --format m4a or mp3 Tessarel writes that format instead and only the CPU and memory
 // are compared (parec still writes WAV).
 //
@@ -46,15 +47,26 @@ struct Recording {
     long long frames = 0;
     int gaps = 0;
     double cpuSeconds = 0;
-    double recordingCpuSeconds = 0; // Tessarel only: from the start to the end of the stop
+    double switches = 0; // voluntary and involuntary context switches of all its threads
+    // Tessarel only: from the start to the end of the stop.
+    double recordingCpuSeconds = 0;
+    double recordingSwitches = 0;
     double peakMiB = 0;
 };
 
-double processCpuSeconds() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
+double cpuSeconds(const rusage& usage) {
     return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+double contextSwitches(const rusage& usage) {
+    return static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw);
+}
+
+rusage processUsage() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage;
 }
 
 // ---- The recorder child: Tessarel's path into a WAV file ----------------------------------
@@ -62,14 +74,16 @@ double processCpuSeconds() {
 int recordChild(double seconds, const QString& path, AudioExportFormat format) {
     AudioOnlyEngine recorder;
     CaptureEngine& engine = recorder.engine;
-    const double cpuAtStart = processCpuSeconds();
+    const rusage atStart = processUsage();
     engine.startAudio(QUrl::fromLocalFile(path), format);
     const Clock::time_point started = Clock::now();
     std::this_thread::sleep_until(started + std::chrono::duration<double>(seconds));
     const Clock::time_point stopping = Clock::now();
     engine.stop();
-    std::printf("%.6f %.6f\n", std::chrono::duration<double>(stopping - started).count(),
-                processCpuSeconds() - cpuAtStart);
+    const rusage atEnd = processUsage();
+    std::printf("%.6f %.6f %.0f\n", std::chrono::duration<double>(stopping - started).count(),
+                cpuSeconds(atEnd) - cpuSeconds(atStart),
+                contextSwitches(atEnd) - contextSwitches(atStart));
     return 0;
 }
 
@@ -104,9 +118,8 @@ public:
         if (wait4(pid_, &status, 0, &usage) != pid_) {
             throw std::runtime_error("lost a child");
         }
-        recording.cpuSeconds =
-            static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+        recording.cpuSeconds = cpuSeconds(usage);
+        recording.switches = contextSwitches(usage);
         recording.peakMiB = static_cast<double>(usage.ru_maxrss) / 1024.0;
     }
 
@@ -167,6 +180,10 @@ void printTable(const Recording& ours, const Recording& parec, bool framesCounte
         perMinute(parec, parec.cpuSeconds), "%14.3f", true);
     row("  recording alone", perMinute(ours, ours.recordingCpuSeconds),
         perMinute(parec, parec.cpuSeconds), "%14.3f", true);
+    row("switches per minute", perMinute(ours, ours.switches), perMinute(parec, parec.switches),
+        "%14.0f", true);
+    row("  recording alone", perMinute(ours, ours.recordingSwitches),
+        perMinute(parec, parec.switches), "%14.0f", true);
     row("peak memory (MiB)", ours.peakMiB, parec.peakMiB, "%14.1f", true);
     if (!framesCounted) {
         return;
@@ -207,11 +224,12 @@ int benchmark(double seconds, const QString& format) {
         throw std::runtime_error("the recorder reported nothing");
     }
     const QList<QByteArray> reported = report.readAll().trimmed().split(' ');
-    if (reported.size() != 2) {
+    if (reported.size() != 3) {
         throw std::runtime_error("the recorder reported nothing");
     }
     ours.seconds = reported[0].toDouble();
     ours.recordingCpuSeconds = reported[1].toDouble();
+    ours.recordingSwitches = reported[2].toDouble();
     const bool framesCounted = format == QStringLiteral("wav");
     if (framesCounted) {
         analyse(ourFile, ours);

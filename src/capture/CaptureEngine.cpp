@@ -69,8 +69,16 @@ private:
 CaptureEngine::CaptureEngine(CapturePlatform platform) : platform_(platform) {}
 
 CaptureEngine::~CaptureEngine() {
-    // A stream still running delivers to writingQueue: end it while the queue is alive.
-    withLock([&] { return std::exchange(stream, nullptr); }).reset();
+    // A stream still running delivers to this engine: it is stopped while the fields its
+    // buffers and callbacks reach still exist.
+    const std::shared_ptr<CaptureStream> running =
+        withLock([&] { return std::exchange(stream, nullptr); });
+    if (running) {
+        try {
+            running->stopCapture();
+        } catch (...) { // nobody is left to tell
+        }
+    }
 }
 
 // ---- Display choice ------------------------------------------------------------------------
@@ -172,17 +180,16 @@ void CaptureEngine::startAudio(const QUrl& to, AudioExportFormat format) {
     // Old objects are taken out under the lock and released after it: their destructors
     // may wait for threads that call back into the engine.
     const std::shared_ptr<RecordingOutput> keptRecorder = withLock([&] {
-        pendingMP3Conversion = conversion;
         recordingResult = std::nullopt;
         failureReported = false;
         return std::exchange(recordingOutput, nullptr);
     });
 
-    prepare(makeAudioWriter(writerURL, writerFormat));
+    prepare(makeAudioWriter(writerURL, writerFormat), conversion);
 
     const std::shared_ptr<AudioCaptureStream> newStream =
         platform_.audio.makeStream(filter, configuration, this);
-    newStream->addAudioOutput(this, writingQueue);
+    newStream->addAudioOutput(this);
     const std::shared_ptr<CaptureStream> oldStream =
         withLock([&] { return std::exchange(stream, newStream); });
     newStream->startCapture();
@@ -209,12 +216,16 @@ std::unique_ptr<AudioFileWriter> CaptureEngine::makeAudioWriter(const QUrl& url,
     }
 }
 
-void CaptureEngine::prepare(std::unique_ptr<AudioFileWriter> newWriter) {
-    const std::unique_ptr<AudioFileWriter> oldWriter = withLock([&] {
+void CaptureEngine::prepare(std::unique_ptr<AudioFileWriter> newWriter,
+                            std::optional<PendingMP3Conversion> conversion) {
+    std::unique_ptr<AudioFileWriter> oldWriter;
+    {
+        std::lock_guard guard(writerLock);
         writerStarted = false;
         sessionStarted = false;
-        return std::exchange(writer, std::move(newWriter));
-    });
+        pendingMP3Conversion = std::move(conversion);
+        oldWriter = std::exchange(writer, std::move(newWriter));
+    }
 }
 
 void CaptureEngine::didOutputSampleBuffer(SampleBuffer buffer) {
@@ -225,8 +236,9 @@ void CaptureEngine::didOutputSampleBuffer(SampleBuffer buffer) {
     std::unique_ptr<AudioFileWriter> failed;
     std::exception_ptr failure;
     {
-        // Held for the whole buffer, so finishWriting never races an append.
-        std::lock_guard guard(lock);
+        // Held for the whole buffer, so finishWriting never races an append. Only the
+        // writer's own users wait for the file; the engine's other work goes on.
+        std::lock_guard guard(writerLock);
         if (!writer) {
             return;
         }
@@ -279,13 +291,16 @@ void CaptureEngine::reportFailure(std::exception_ptr error) {
 }
 
 void CaptureEngine::finishWriting() {
-    auto [finishing, started] = withLock([&] {
-        std::pair taken{std::move(writer), sessionStarted};
-        writer = nullptr;
+    std::unique_ptr<AudioFileWriter> finishing;
+    bool started = false;
+    std::optional<PendingMP3Conversion> conversion;
+    {
+        std::lock_guard guard(writerLock);
+        finishing = std::move(writer);
+        started = std::exchange(sessionStarted, false);
         writerStarted = false;
-        sessionStarted = false;
-        return taken;
-    });
+        conversion = std::exchange(pendingMP3Conversion, std::nullopt);
+    }
     if (!finishing) {
         return;
     }
@@ -304,8 +319,6 @@ void CaptureEngine::finishWriting() {
     if (const std::optional<QString> whereItWent = finishing->error()) {
         throw PlatformError(*whereItWent);
     }
-    const std::optional<PendingMP3Conversion> conversion =
-        withLock([&] { return std::exchange(pendingMP3Conversion, std::nullopt); });
     if (conversion) {
         convertToMP3(*conversion);
     }

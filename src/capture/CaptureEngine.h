@@ -2,7 +2,6 @@
 
 #include "capture/CapturePlatform.h"
 #include "capture/CaptureVocabulary.h"
-#include "capture/SerialQueue.h"
 
 #include <QUrl>
 
@@ -16,9 +15,10 @@
 // or an in-memory image.
 //
 // Threads: the public operations block and are called off the GUI thread (the controller
-// runs them as background tasks). Audio sample buffers arrive on `writingQueue`; stream and
-// recorder callbacks arrive on the services' own threads. `lock` guards every mutable field
-// and is never held across a wait.
+// runs them as background tasks). Audio sample buffers, stream and recorder callbacks arrive
+// on the services' own threads. `writerLock` guards the audio writer and is held across an
+// append (a write to the file); `lock` guards every other mutable field. Neither is held
+// across a wait for another thread, and one is never taken while the other is held.
 class CaptureEngine final : public AudioSampleHandler,
                             public StreamDelegate,
                             public RecordingOutputDelegate {
@@ -61,7 +61,7 @@ public:
     static QString writerErrorDescription(const std::optional<WriterErrorInfo>& error);
 
     // Callbacks from the services.
-    void didOutputSampleBuffer(SampleBuffer buffer) override; // on writingQueue
+    void didOutputSampleBuffer(SampleBuffer buffer) override; // on the stream's thread
     void streamDidStop(std::exception_ptr error) override;
     void recordingOutputDidStartRecording() override;
     void recordingOutputDidFinishRecording() override;
@@ -80,7 +80,8 @@ private:
     std::pair<DisplayInfo, ContentFilter> captureTarget(const ShareableContent& content);
     std::vector<RunningApplication> ownApplication(const ShareableContent& content) const;
     std::unique_ptr<AudioFileWriter> makeAudioWriter(const QUrl& url, AudioExportFormat format);
-    void prepare(std::unique_ptr<AudioFileWriter> writer);
+    void prepare(std::unique_ptr<AudioFileWriter> writer,
+                 std::optional<PendingMP3Conversion> conversion);
     void finishWriting();
     void convertToMP3(const PendingMP3Conversion& conversion);
     void awaitRecordingCompletion();
@@ -93,17 +94,17 @@ private:
 
     CapturePlatform platform_;
 
-    std::mutex lock;
-    std::shared_ptr<CaptureStream> stream;
+    std::mutex writerLock;
     std::unique_ptr<AudioFileWriter> writer; // the writer and its one input
     bool writerStarted = false;
     bool sessionStarted = false;
     std::optional<PendingMP3Conversion> pendingMP3Conversion;
+
+    std::mutex lock;
+    std::shared_ptr<CaptureStream> stream;
     std::shared_ptr<RecordingOutput> recordingOutput;
     std::optional<RecordingResult> recordingResult;
     std::optional<std::promise<void>> recordingContinuation;
     bool failureReported = false;                            // for the capture running now
     std::function<void(std::exception_ptr)> failureHandler_; // set before any capture
-    // Declared last so that it is joined first, while the fields its work uses still exist.
-    SerialQueue writingQueue{QStringLiteral("Tessarel.capture.writer")};
 };

@@ -16,8 +16,6 @@
 #include <optional>
 #include <vector>
 
-class SerialQueue;
-
 // ---- Displays and applications -------------------------------------------------------
 
 struct DisplayInfo {
@@ -106,14 +104,16 @@ struct SampleBuffer {
 class AudioSampleHandler {
 public:
     virtual ~AudioSampleHandler() = default;
-    // Called on the queue passed to addAudioOutput, one buffer at a time.
+    // Called on the stream's own thread, one buffer at a time and in order; the rest
+    // recorded before a stop may come on the thread that stops the stream. Never after
+    // stopCapture has returned or the stream is gone.
     virtual void didOutputSampleBuffer(SampleBuffer buffer) = 0;
 };
 
 class AudioCaptureStream : public CaptureStream {
 public:
     // Throws the service's error.
-    virtual void addAudioOutput(AudioSampleHandler* handler, SerialQueue& queue) = 0;
+    virtual void addAudioOutput(AudioSampleHandler* handler) = 0;
 };
 
 class AudioCaptureService {
@@ -152,7 +152,7 @@ enum class AudioWriterStatus { unknown, writing, completed, failed, cancelled };
 
 // The life cycle the engine relies on. A writer is made for one file; its one audio input
 // is attached with addInput. Every member may be called from any thread, one at a time
-// (the engine serialises calls under its lock or owns the writer exclusively).
+// (the engine serialises calls under its writer lock or owns the writer exclusively).
 class AudioFileWriter {
 public:
     virtual ~AudioFileWriter() = default;

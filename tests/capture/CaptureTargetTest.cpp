@@ -95,13 +95,13 @@ TEST(AudioStreamSettings, TwoByTwoPixelsOnceASecondWithStereoSoundAt48000) {
     EXPECT_EQ(configuration.channelCount, 2);
 }
 
-TEST_F(CaptureTarget, AudioStreamGetsTheAudioSettingsAndDeliversOnTheWritingQueue) {
+TEST_F(CaptureTarget, AudioStreamGetsTheAudioSettingsAndDeliversToTheEngine) {
     engine.startAudio(scratchURL("a.wav"), AudioExportFormat::wav);
 
     const auto stream = fakes.audio.lastStream();
     EXPECT_EQ(stream->configuration(), CaptureEngine::audioStreamConfiguration());
     EXPECT_EQ(stream->delegate(), &engine);
-    EXPECT_EQ(stream->outputQueueLabel(), "Tessarel.capture.writer");
+    EXPECT_EQ(stream->audioOutput(), &engine);
     EXPECT_EQ(stream->startCaptureCount(), 1);
 }
 

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <barrier>
+#include <future>
 #include <thread>
 
 using EngineThreading = EngineTest;
@@ -88,7 +89,7 @@ TEST_F(EngineThreading, SoundBuffersArrivingDuringStopAreAppendedOrDropped) {
     }
 }
 
-TEST_F(EngineThreading, EngineDestroyedWithBuffersStillQueued) {
+TEST_F(EngineThreading, EngineDestroyedWithBuffersStillToBeDelivered) {
     auto local = std::make_unique<CaptureEngine>(fakes.platform());
     local->startAudio(scratchURL("a.wav"), AudioExportFormat::wav);
     const auto stream = fakes.audio.lastStream();
@@ -98,6 +99,55 @@ TEST_F(EngineThreading, EngineDestroyedWithBuffersStillQueued) {
 
     local.reset();
 
-    // The writing queue runs what was queued while the writer still exists.
+    // The stream is stopped first: what it still had to deliver reaches the writer while the
+    // writer exists.
     EXPECT_EQ(fakes.audioWriters.lastWriter().appended.size(), 200u);
+}
+
+// No hop to a thread of the engine's own: each buffer is appended on the thread the stream
+// delivers it on.
+TEST_F(EngineThreading, SoundBuffersAreAppendedOnTheStreamsOwnThread) {
+    engine.startAudio(scratchURL("a.wav"), AudioExportFormat::wav);
+    const auto stream = fakes.audio.lastStream();
+    for (int i = 0; i < 20; ++i) {
+        stream->push(makeSampleBuffer(i * 10'000'000LL));
+    }
+    engine.stop();
+
+    const FakeWriterRecord writer = fakes.audioWriters.lastWriter();
+    ASSERT_EQ(writer.appendThreadIDs.size(), 20u);
+    for (const std::thread::id thread : writer.appendThreadIDs) {
+        EXPECT_EQ(thread, stream->deliveryThreadID());
+    }
+}
+
+// An append is a write to the file and may be slow; meanwhile the engine goes on taking
+// reports from its other threads.
+TEST_F(EngineThreading, AnAppendUnderWayHoldsUpNoReportFromAnotherThread) {
+    std::promise<void> failureSeen;
+    engine.setFailureHandler([&](std::exception_ptr) { failureSeen.set_value(); });
+    engine.startAudio(scratchURL("a.wav"), AudioExportFormat::wav);
+    const auto stream = fakes.audio.lastStream();
+    // Outlives the append, so that a report held up by it ends the test instead of hanging.
+    std::future<void> report;
+    std::atomic<bool> reportWaited = false;
+    FakeWriterScript script = fakes.audioWriters.script();
+    script.duringAppend = [&] {
+        // A sound server gone, reported on another thread while this append writes.
+        report = std::async(std::launch::async, [&] {
+            stream->stopOnItsOwn(makePlatformError("The sound server went away."));
+        });
+        reportWaited = !finishesInTime(report);
+    };
+    fakes.audioWriters.setScript(script);
+
+    stream->pushAndWait(makeSampleBuffer(1000));
+    report.wait();
+
+    EXPECT_FALSE(reportWaited.load());
+    EXPECT_EQ(failureSeen.get_future().wait_for(std::chrono::seconds(0)),
+              std::future_status::ready);
+    script.duringAppend = nullptr;
+    fakes.audioWriters.setScript(script);
+    EXPECT_NO_THROW(engine.stop());
 }

@@ -1,6 +1,6 @@
 #include "support/FakeCapturePlatform.h"
 
-#include "capture/SerialQueue.h"
+#include "support/SerialQueue.h"
 
 #include <QCoreApplication>
 #include <QSaveFile>
@@ -71,13 +71,9 @@ FakeAudioStream::FakeAudioStream(ContentFilter filter, AudioStreamConfiguration 
     : filter_(std::move(filter)), configuration_(configuration), delegate_(delegate),
       script_(std::move(script)) {}
 
-bool FakeAudioStream::hasAudioOutput() const {
-    return output().first != nullptr;
-}
-
-QString FakeAudioStream::outputQueueLabel() const {
-    SerialQueue* queue = output().second;
-    return queue ? queue->label() : QString();
+AudioSampleHandler* FakeAudioStream::audioOutput() const {
+    std::lock_guard guard(mutex_);
+    return handler_;
 }
 
 int FakeAudioStream::startCaptureCount() const {
@@ -90,17 +86,12 @@ int FakeAudioStream::stopCaptureCount() const {
     return stopCaptureCount_;
 }
 
-std::pair<AudioSampleHandler*, SerialQueue*> FakeAudioStream::output() const {
-    std::lock_guard guard(mutex_);
-    return {handler_, queue_};
-}
-
 void FakeAudioStream::push(SampleBuffer buffer) {
-    auto [handler, queue] = output();
+    AudioSampleHandler* handler = audioOutput();
     if (!handler) {
         throw std::logic_error("FakeAudioStream::push before addAudioOutput");
     }
-    queue->dispatch([handler, buffer = std::move(buffer)]() mutable {
+    delivery_.dispatch([handler, buffer = std::move(buffer)]() mutable {
         handler->didOutputSampleBuffer(std::move(buffer));
     });
 }
@@ -111,21 +102,17 @@ void FakeAudioStream::pushAndWait(SampleBuffer buffer) {
 }
 
 void FakeAudioStream::drain() {
-    SerialQueue* queue = output().second;
-    if (queue) {
-        queue->sync([] {});
-    }
+    delivery_.sync([] {});
 }
 
 void FakeAudioStream::stopOnItsOwn(std::exception_ptr error) {
     delegate_->streamDidStop(std::move(error));
 }
 
-void FakeAudioStream::addAudioOutput(AudioSampleHandler* handler, SerialQueue& queue) {
+void FakeAudioStream::addAudioOutput(AudioSampleHandler* handler) {
     throwIfSet(script_.addOutputError);
     std::lock_guard guard(mutex_);
     handler_ = handler;
-    queue_ = &queue;
 }
 
 void FakeAudioStream::startCapture() {
@@ -141,6 +128,7 @@ void FakeAudioStream::stopCapture() {
         std::lock_guard guard(mutex_);
         ++stopCaptureCount_;
     }
+    drain();
     throwIfSet(script_.stopCaptureError);
 }
 
@@ -264,8 +252,17 @@ public:
         return shared_->script.readyForMoreMediaData;
     }
     bool append(SampleBuffer buffer) override {
+        std::function<void()> duringAppend;
+        {
+            std::lock_guard guard(shared_->mutex);
+            duringAppend = shared_->script.duringAppend;
+        }
+        if (duringAppend) {
+            duringAppend();
+        }
         std::lock_guard guard(shared_->mutex);
         FakeWriterRecord& r = record();
+        r.appendThreadIDs.push_back(std::this_thread::get_id());
         if (r.markedAsFinished) {
             ++r.appendsAfterMarkAsFinished;
             return false;

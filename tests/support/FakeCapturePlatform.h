@@ -3,19 +3,22 @@
 // Scriptable stand-ins for every capture service, for tests of the engine and of the code
 // that drives it. Each fake records what it was asked and may be scripted to fail. Every
 // member is safe to call from any thread: the engine calls them from its callers' threads
-// and its writing queue while a test thread inspects them.
+// and the streams' delivery threads while a test thread inspects them.
 
 #include "capture/CapturePlatform.h"
+#include "support/SerialQueue.h"
 
 #include <QString>
 #include <QUrl>
 
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 // A service's error as the fakes throw it.
@@ -66,14 +69,18 @@ public:
     const ContentFilter& filter() const { return filter_; }
     const AudioStreamConfiguration& configuration() const { return configuration_; }
     StreamDelegate* delegate() const { return delegate_; }
-    bool hasAudioOutput() const;
-    // The label of the queue the output was added on; empty before addAudioOutput.
-    QString outputQueueLabel() const;
+    // The handler given to addAudioOutput, or null.
+    AudioSampleHandler* audioOutput() const;
+    // The stream's own thread, which delivers the buffers.
+    std::thread::id deliveryThreadID() const { return delivery_.threadID(); }
     int startCaptureCount() const;
     int stopCaptureCount() const;
 
-    // Delivers a buffer to the output on its queue's thread, as a real stream does, and
-    // returns at once. The engine that added the output must outlive the delivery.
+    // Delivers a buffer to the output on the stream's own thread, as a real stream does, and
+    // returns at once; buffers go over in order. stopCapture returns once every buffer
+    // pushed before it has been delivered; buffers pushed after it are still delivered, as
+    // from a stream whose stop races them, so the engine that added the output must
+    // outlive the delivery.
     void push(SampleBuffer buffer);
     // Delivers a buffer and waits until the output has handled it.
     void pushAndWait(SampleBuffer buffer);
@@ -82,22 +89,20 @@ public:
     // Reports that the stream stopped on its own.
     void stopOnItsOwn(std::exception_ptr error);
 
-    void addAudioOutput(AudioSampleHandler* handler, SerialQueue& queue) override;
+    void addAudioOutput(AudioSampleHandler* handler) override;
     void startCapture() override;
     void stopCapture() override;
 
 private:
-    std::pair<AudioSampleHandler*, SerialQueue*> output() const;
-
     const ContentFilter filter_;
     const AudioStreamConfiguration configuration_;
     StreamDelegate* const delegate_;
     const FakeStreamScript script_;
     mutable std::mutex mutex_;
     AudioSampleHandler* handler_ = nullptr;
-    SerialQueue* queue_ = nullptr;
     int startCaptureCount_ = 0;
     int stopCaptureCount_ = 0;
+    SerialQueue delivery_{QStringLiteral("fake.audio")};
 };
 
 class FakeAudioCaptureService final : public AudioCaptureService {
@@ -132,6 +137,8 @@ struct FakeWriterScript {
     // The status finishWriting ends in, and the error the writer then reports.
     AudioWriterStatus finishStatus = AudioWriterStatus::completed;
     std::optional<QString> finishError = std::nullopt;
+    // Run inside every append, on the appending thread, without the fakes' own lock.
+    std::function<void()> duringAppend = nullptr;
 };
 
 // What one writer was asked to do.
@@ -142,6 +149,7 @@ struct FakeWriterRecord {
     int startWritingCalls = 0;
     std::optional<int64_t> sessionStartTimeNs;
     std::vector<SampleBuffer> appended;
+    std::vector<std::thread::id> appendThreadIDs; // of every append
     int appendsAfterMarkAsFinished = 0;
     bool markedAsFinished = false;
     bool finishCalled = false;

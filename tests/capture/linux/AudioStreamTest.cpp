@@ -1,7 +1,6 @@
 #include "capture/linux/PulseAudioCaptureService.h"
 
 #include "capture/CaptureEngine.h"
-#include "capture/SerialQueue.h"
 #include "capture/linux/AudioFileInspection.h"
 #include "capture/linux/MonotonicClock.h"
 #include "support/SoundServer.h"
@@ -12,20 +11,27 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <mutex>
+#include <string>
 
 namespace {
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 
+std::string currentThreadName() {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+}
+
 class Collector final : public AudioSampleHandler, public StreamDelegate {
 public:
-    explicit Collector(SerialQueue& queue) : queue_(queue) {}
-
     void didOutputSampleBuffer(SampleBuffer buffer) override {
         std::lock_guard guard(mutex_);
-        onQueue_ = onQueue_ && queue_.isCurrent();
         buffers_.push_back(std::move(buffer));
+        threads_.push_back(currentThreadName());
     }
     void streamDidStop(std::exception_ptr error) override {
         std::lock_guard guard(mutex_);
@@ -48,17 +54,17 @@ public:
         std::lock_guard guard(mutex_);
         return stops_;
     }
-    bool allOnQueue() const {
+    // The name of the thread each buffer came on.
+    std::vector<std::string> threads() const {
         std::lock_guard guard(mutex_);
-        return onQueue_;
+        return threads_;
     }
 
 private:
-    SerialQueue& queue_;
     mutable std::mutex mutex_;
     std::vector<SampleBuffer> buffers_;
+    std::vector<std::string> threads_;
     std::vector<std::exception_ptr> stops_;
-    bool onQueue_ = true;
 };
 
 bool waitFor(const std::function<bool()>& done) {
@@ -94,19 +100,18 @@ class AudioStream : public testing::Test {
 protected:
     std::shared_ptr<AudioCaptureStream> makeStream() {
         auto stream = service.makeStream({}, CaptureEngine::audioStreamConfiguration(), &collector);
-        stream->addAudioOutput(&collector, queue);
+        stream->addAudioOutput(&collector);
         return stream;
     }
 
     SoundServer server;
-    SerialQueue queue{QStringLiteral("Tessarel.capture.writer")};
-    Collector collector{queue};
+    Collector collector;
     PulseAudioCaptureService service;
 };
 
 } // namespace
 
-TEST_F(AudioStream, DeliversTimedStereoFloatBuffersOnTheGivenQueue) {
+TEST_F(AudioStream, DeliversTimedStereoFloatBuffers) {
     server.playTone(1000, 30);
     auto stream = makeStream();
     const int64_t startNs = monotonicNowNs();
@@ -116,7 +121,6 @@ TEST_F(AudioStream, DeliversTimedStereoFloatBuffersOnTheGivenQueue) {
 
     const std::vector<SampleBuffer> buffers = collector.buffers();
     ASSERT_FALSE(buffers.empty());
-    EXPECT_TRUE(collector.allOnQueue());
     // The first frame was captured around the start, not before it was asked for.
     EXPECT_GT(buffers.front().presentationTimeNs, startNs - kNsPerSecond / 10);
     int64_t expectedNs = buffers.front().presentationTimeNs;
@@ -134,8 +138,8 @@ TEST_F(AudioStream, DeliversTimedStereoFloatBuffersOnTheGivenQueue) {
     EXPECT_NEAR(dominantFrequencyHz(leftChannel(buffers), 48000), 1000.0, 10.0);
 }
 
-// Each hand-over wakes the queue and the writer behind it: the server's 20 ms fragments go
-// over collected into tenth-of-a-second buffers; only the rest at the stop is shorter.
+// Each hand-over is a write to the file: the server's 20 ms fragments go over collected into
+// tenth-of-a-second buffers; only the rest at the stop is shorter.
 TEST_F(AudioStream, HandsOverTenthOfASecondBuffersRatherThanEachFragment) {
     server.playTone(1000, 30);
     auto stream = makeStream();
@@ -148,6 +152,29 @@ TEST_F(AudioStream, HandsOverTenthOfASecondBuffersRatherThanEachFragment) {
     for (size_t i = 0; i + 1 < buffers.size(); ++i) {
         EXPECT_GE(buffers[i].frameCount(), 48000 / 10) << "buffer " << i;
     }
+}
+
+// No hop to another thread: the thread that reads the sound from the server hands it over
+// itself, and what is left at the stop goes over on the stopping thread, before stopCapture
+// returns and never after.
+TEST_F(AudioStream, HandsOverOnItsOwnSoundThreadAndTheRestOnTheStoppingThread) {
+    server.playTone(1000, 30);
+    auto stream = makeStream();
+    stream->startCapture();
+    ASSERT_TRUE(waitFor([&] { return collector.frames() >= 48000 / 2; }));
+    stream->stopCapture();
+    const size_t handedOver = collector.buffers().size();
+    const std::string stoppingThread = currentThreadName();
+
+    const std::vector<std::string> threads = collector.threads();
+    ASSERT_GE(threads.size(), size_t{5});
+    for (size_t i = 0; i + 1 < threads.size(); ++i) {
+        EXPECT_EQ(threads[i], "Tessarel.sound") << "buffer " << i;
+    }
+    EXPECT_TRUE(threads.back() == "Tessarel.sound" || threads.back() == stoppingThread)
+        << threads.back();
+    QThread::msleep(300);
+    EXPECT_EQ(collector.buffers().size(), handedOver);
 }
 
 TEST_F(AudioStream, RecordsTheDefaultOutputEvenWhenTheDefaultInputIsElsewhere) {

@@ -1,12 +1,12 @@
-#include "capture/SerialQueue.h"
+#include "support/SerialQueue.h"
 
 #include <pthread.h>
 
 #include <future>
 
-SerialQueue::SerialQueue(const QString& label) : label_(label), thread_([this] { run(); }) {
+SerialQueue::SerialQueue(const QString& label) : thread_([this] { run(); }) {
     // Thread names are limited to 15 bytes on Linux.
-    pthread_setname_np(thread_.native_handle(), label_.right(15).toUtf8().constData());
+    pthread_setname_np(thread_.native_handle(), label.right(15).toUtf8().constData());
 }
 
 SerialQueue::~SerialQueue() {

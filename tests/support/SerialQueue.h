@@ -18,19 +18,16 @@ public:
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
-    const QString& label() const { return label_; }
-
     // Any thread.
     void dispatch(std::function<void()> work);
     // Any thread but the queue's own: runs `work` on the queue and waits for it.
     void sync(const std::function<void()>& work);
-    // True on the queue's thread.
-    bool isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
+    // The thread the work runs on.
+    std::thread::id threadID() const { return thread_.get_id(); }
 
 private:
     void run();
 
-    QString label_;
     std::mutex mutex_;
     std::condition_variable wake_;
     std::deque<std::function<void()>> work_;
