@@ -111,8 +111,8 @@ private:
 class ModuleAudioStream final : public ModuleStream<AudioCaptureStream> {
 public:
     using ModuleStream::ModuleStream;
-    void addAudioOutput(AudioSampleHandler* handler, SerialQueue& queue) override {
-        intoModule([&] { stream().addAudioOutput(handler, queue); });
+    void addAudioOutput(AudioSampleHandler* handler) override {
+        intoModule([&] { stream().addAudioOutput(handler); });
     }
 };
 
