@@ -327,6 +327,43 @@ TEST_F(EndToEndTest,
     }
 }
 
+// The sound goes from the sound server's thread of the module's stream straight to the writer:
+// a recording after the module has left and come back is as whole as the first.
+TEST_F(EndToEndTest, SoundIsRecordedAgainAfterTheCaptureModuleHasLeft) {
+    EndToEndSession session({});
+    QProcess& tessarel = session.startTessarel();
+    session.sound().playTone(440, 600);
+    const auto recordSound = [&](size_t reveals) {
+        const auto setup = openFromPopup(session, tessarel, 0);
+        ASSERT_TRUE(setup);
+        session.click(at(setup->geometry, kStartButton));
+        const auto recording = session.waitForWindowOfSize(tessarel.processId(), kRecordingAudio);
+        ASSERT_TRUE(recording) << "the recording did not start";
+        QThread::sleep(2);
+        session.click(at(recording->geometry, kStopAudio));
+        ASSERT_TRUE(session.waitForReveals(reveals)) << "the recording was not finished";
+    };
+
+    recordSound(1);
+    EXPECT_TRUE(processEventsUntil(
+        [&] { return !mapsLibrary(tessarel.processId(), QStringLiteral("tessarel_capture")); },
+        40000))
+        << "the capture module stayed";
+    recordSound(2);
+    const QStringList recordings = captures(session);
+    ASSERT_EQ(recordings.size(), 2) << recordings.join(QStringLiteral(", ")).toStdString();
+    for (const QString& recording : recordings) {
+        const QString path = QDir(session.saveFolder()).filePath(recording);
+        const QJsonObject stream = EndToEndSession::probe(path);
+        EXPECT_EQ(stream.value(QStringLiteral("sample_rate")).toString(), QStringLiteral("48000"))
+            << recording.toStdString();
+        // The tone, played at half of full scale (-6 dB), is in it.
+        const std::optional<double> peak = EndToEndSession::peakLevel(path);
+        ASSERT_TRUE(peak);
+        EXPECT_GT(*peak, -12.0) << recording.toStdString();
+    }
+}
+
 TEST_F(EndToEndTest, ASnapshotOnAServerWithoutCompositeLeavesThePanelOutAndShowsItAgain) {
     EndToEndSession::Options options;
     options.withheldExtensions = {QStringLiteral("COMPOSITE")};
