@@ -546,13 +546,11 @@ public:
             lastKeyframePts_ = pts;
         }
         effortStep_ = codec_->keepUp(framesWaiting);
-        leastEffortStep_ = std::max(leastEffortStep_, effortStep_);
         codec_->encode(pts, keyframeDue, pending_);
         write();
         return true;
     }
 
-    int leastEffortStep() const { return leastEffortStep_; }
     int effortStep() const { return effortStep_; }
 
     // The movie ends at `endTimeNs`, and never sooner than one frame interval per encoded
@@ -598,8 +596,7 @@ private:
     std::optional<int64_t> lastPts_;
     int64_t encodedFrames_ = 0;
     std::optional<int64_t> lastKeyframePts_;
-    int leastEffortStep_ = 0; // the most steps below full effort so far
-    int effortStep_ = 0;      // steps below full effort at the last picture
+    int effortStep_ = 0; // steps below full effort at the last picture
 };
 
 VideoFileRecorder::VideoFileRecorder(RecordingOutputConfiguration configuration,
@@ -660,8 +657,9 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
                 const int64_t timeNs = frame->captureTimeNs - startTimeNs;
                 try {
                     if (encoder_->encode(*frame, timeNs, queue.waiting())) {
-                        leastEffortStep_ = encoder_->leastEffortStep();
                         effortStep_ = encoder_->effortStep();
+                        // Only this thread writes either.
+                        leastEffortStep_ = std::max(leastEffortStep_.load(), effortStep_.load());
                         // Last, so whoever sees the count sees the steps of that frame.
                         ++encodedFrames_;
                     }
