@@ -45,6 +45,12 @@ struct Movie {
     VideoFrameQueue queue;
     VideoFileRecorder recorder{{QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264},
                                &events};
+
+    // Ends the movie after `frames` frame intervals and waits for the file.
+    void finishAfter(int frames) {
+        queue.close(frames * kShortestFrameIntervalNs);
+        recorder.finish();
+    }
 };
 
 // Fills the queue before the encoder starts, as when it has fallen behind.
@@ -78,8 +84,7 @@ TEST(VideoFileRecorder, EncoderFindingFramesPiledUpSpendsLessEffortAndKeepsEvery
     std::mt19937 random(1);
     pileUp(movie, random);
     movie.recorder.start(movie.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
-    movie.queue.close(kDepth * kShortestFrameIntervalNs);
-    movie.recorder.finish();
+    movie.finishAfter(kDepth);
     ASSERT_TRUE(movie.events.finished());
 
     EXPECT_EQ(movie.recorder.leastEffortStep(), 2);
@@ -96,8 +101,7 @@ TEST(VideoFileRecorder, EncoderThatKeepsUpWorksAtFullEffort) {
     for (int frame = 0; frame < kDepth; ++frame) {
         encodeAlone(movie, &random, frame);
     }
-    movie.queue.close(kDepth * kShortestFrameIntervalNs);
-    movie.recorder.finish();
+    movie.finishAfter(kDepth);
     ASSERT_TRUE(movie.events.finished());
 
     EXPECT_EQ(movie.recorder.leastEffortStep(), 0);
@@ -120,8 +124,7 @@ TEST(VideoFileRecorder, EncoderThatCaughtUpGoesBackToFullEffortStepByStep) {
         encodeAlone(movie, nullptr, frame);
         steps.push_back(movie.recorder.effortStep());
     }
-    movie.queue.close(kFrames * kShortestFrameIntervalNs);
-    movie.recorder.finish();
+    movie.finishAfter(kFrames);
     ASSERT_TRUE(movie.events.finished());
 
     EXPECT_EQ(movie.recorder.leastEffortStep(), 2);
@@ -137,16 +140,14 @@ TEST(VideoFileRecorder, EncoderAtLessEffortWritesNoLargerMovieThanAtFullEffort) 
     std::mt19937 random(1);
     pileUp(piled, random);
     piled.recorder.start(piled.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
-    piled.queue.close(kDepth * kShortestFrameIntervalNs);
-    piled.recorder.finish();
+    piled.finishAfter(kDepth);
     Movie alone;
     random.seed(1);
     alone.recorder.start(alone.queue, kWidth, kHeight, 0, kShortestFrameIntervalNs);
     for (int frame = 0; frame < kDepth; ++frame) {
         encodeAlone(alone, &random, frame);
     }
-    alone.queue.close(kDepth * kShortestFrameIntervalNs);
-    alone.recorder.finish();
+    alone.finishAfter(kDepth);
     ASSERT_TRUE(piled.events.finished());
     ASSERT_TRUE(alone.events.finished());
 
@@ -169,8 +170,7 @@ QByteArray encoderSettings(int width, int height) {
     std::fill(frame.changed.begin(), frame.changed.end(), PixelSpan{0, width});
     movie.queue.publish(frame);
     movie.recorder.start(movie.queue, width, height, 0, kShortestFrameIntervalNs);
-    movie.queue.close(kShortestFrameIntervalNs);
-    movie.recorder.finish();
+    movie.finishAfter(1);
     EXPECT_TRUE(movie.events.finished());
     QFile file(movie.path);
     EXPECT_TRUE(file.open(QIODevice::ReadOnly));
