@@ -664,7 +664,8 @@ TEST(WaylandShellTest, ASnapshotOfEachOutputEqualsGrimsPictureWithoutThePanelOve
         ASSERT_TRUE(setup) << "no snapshot screen on the output";
 
         const QStringList before = home.entryList({QStringLiteral("*.png")}, QDir::Files);
-        shell.click(setup->rect.topLeft() + QPoint(560, 417));
+        const QPoint clicked = setup->rect.topLeft() + QPoint(560, 417);
+        shell.click(clicked);
         QImage snapshot;
         ASSERT_TRUE(processEventsUntil([&] {
             for (const QString& file : home.entryList({QStringLiteral("*.png")}, QDir::Files)) {
@@ -685,10 +686,19 @@ TEST(WaylandShellTest, ASnapshotOfEachOutputEqualsGrimsPictureWithoutThePanelOve
         ASSERT_EQ(snapshot.size(), output.pixels);
         ASSERT_EQ(reference.size(), output.pixels);
         const QImage picture = snapshot.convertToFormat(QImage::Format_RGB32);
-        const auto differingFrom = [&picture](const QImage& other) {
+        // Headless sway draws the pointer into the output's picture, and its image depends on
+        // which window it was last over (the panel's, or the window's once the panel left): the
+        // pointer's box at the click is left out of the comparison.
+        const QRect pointer =
+            QRect((clicked - output.logical.topLeft()) * output.scale, QSize(64, 64) * output.scale)
+                .translated(-8 * output.scale, -8 * output.scale);
+        const auto differingFrom = [&picture, &pointer](const QImage& other) {
             int differing = 0;
             for (int y = 0; y < picture.height(); ++y) {
                 for (int x = 0; x < picture.width(); ++x) {
+                    if (pointer.contains(x, y)) {
+                        continue;
+                    }
                     differing += (picture.pixel(x, y) & 0xffffff) != (other.pixel(x, y) & 0xffffff);
                 }
             }
