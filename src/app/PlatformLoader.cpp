@@ -6,10 +6,17 @@
 #include <QTimer>
 
 #include <dlfcn.h>
+#include <link.h>
 #include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -17,6 +24,92 @@ namespace {
 // started soon after the last one finds it ready; a minute later the recorders' libraries
 // and the memory their threads used have left the process.
 constexpr std::chrono::seconds kCaptureModuleIdleTime{10};
+
+// The shared objects a module brought into the process that the C library keeps after the
+// module has left: those marked never to be unloaded and those holding unique symbols, with
+// what they need. Their code and read-only data leave the process's memory once the module
+// has gone, as an unloaded library's do, so an idle tray application does not keep a
+// recording's libraries resident; they come back from the page cache when next used.
+class LibrariesLeftBehind {
+public:
+    // Around each load of the module.
+    void noteBeforeLoad() {
+        const std::vector<std::string> loaded = loadedObjects();
+        before_ = {loaded.begin(), loaded.end()};
+    }
+    void noteAfterLoad() {
+        for (std::string& name : loadedObjects()) {
+            if (!before_.contains(name)) {
+                brought_.insert(std::move(name));
+            }
+        }
+        before_.clear();
+    }
+
+    // After the module has been unloaded. Only pages no writable segment shares, of objects
+    // whose code was never relocated in place: dropping a page maps the file's own again.
+    // Done while the C library holds its list of objects, so none can leave meanwhile.
+    void release() {
+        dl_iterate_phdr(
+            [](dl_phdr_info* object, size_t, void* brought) {
+                if (object->dlpi_name == nullptr ||
+                    !static_cast<const std::set<std::string>*>(brought)->contains(
+                        object->dlpi_name) ||
+                    hasTextRelocations(*object)) {
+                    return 0;
+                }
+                const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+                for (ElfW(Half) i = 0; i < object->dlpi_phnum; ++i) {
+                    const ElfW(Phdr)& segment = object->dlpi_phdr[i];
+                    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) {
+                        continue;
+                    }
+                    const uintptr_t begin = object->dlpi_addr + segment.p_vaddr;
+                    const uintptr_t first = (begin + page - 1) & ~(page - 1);
+                    const uintptr_t end = (begin + segment.p_memsz) & ~(page - 1);
+                    if (end > first) {
+                        madvise(reinterpret_cast<void*>(first), end - first, MADV_DONTNEED);
+                    }
+                }
+                return 0;
+            },
+            &brought_);
+    }
+
+private:
+    static bool hasTextRelocations(const dl_phdr_info& object) {
+        for (ElfW(Half) i = 0; i < object.dlpi_phnum; ++i) {
+            if (object.dlpi_phdr[i].p_type != PT_DYNAMIC) {
+                continue;
+            }
+            const auto* entry =
+                reinterpret_cast<const ElfW(Dyn)*>(object.dlpi_addr + object.dlpi_phdr[i].p_vaddr);
+            for (; entry->d_tag != DT_NULL; ++entry) {
+                if (entry->d_tag == DT_TEXTREL ||
+                    (entry->d_tag == DT_FLAGS && (entry->d_un.d_val & DF_TEXTREL) != 0)) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+
+    static std::vector<std::string> loadedObjects() {
+        std::vector<std::string> names;
+        dl_iterate_phdr(
+            [](dl_phdr_info* object, size_t, void* data) {
+                if (object->dlpi_name != nullptr && object->dlpi_name[0] != '\0') {
+                    static_cast<std::vector<std::string>*>(data)->emplace_back(object->dlpi_name);
+                }
+                return 0;
+            },
+            &names);
+        return names;
+    }
+
+    std::set<std::string> before_;
+    std::set<std::string> brought_;
+};
 
 template <typename EntryPoint> struct Module {
     void* handle = nullptr;
@@ -341,8 +434,10 @@ private:
         LoadedScreenCapture* screen = screenModule();
         const std::lock_guard guard(moduleLock_);
         if (!recorders_) {
+            leftBehind_.noteBeforeLoad();
             const auto opened = openModule<decltype(&tessarel_make_capture_platform)>(
                 TESSAREL_CAPTURE_MODULE_FROM_PROGRAM, "tessarel_make_capture_platform");
+            leftBehind_.noteAfterLoad();
             try {
                 recorders_.reset(intoModule([&] { return opened.entry(screen); }));
             } catch (...) {
@@ -382,6 +477,7 @@ private:
                 // Its services end their threads and connections first.
                 recorders_.reset();
                 dlclose(std::exchange(recordersHandle_, nullptr));
+                leftBehind_.release();
             }
         }
         malloc_trim(0);
@@ -391,6 +487,7 @@ private:
     std::unique_ptr<LoadedScreenCapture> screen_; // outlives the capture module's use of it
     std::mutex moduleLock_;                       // guards the capture module's fields
     void* recordersHandle_ = nullptr;
+    LibrariesLeftBehind leftBehind_;
     std::unique_ptr<LoadedCapturePlatform> recorders_;
     int uses_ = 0;
     QTimer idleTimer_;
