@@ -1,4 +1,5 @@
 #include "support/EventLoop.h"
+#include "support/ProcessLibraries.h"
 #include "support/WaylandDesktop.h"
 
 #include <QColor>
@@ -718,23 +719,25 @@ TEST(WaylandShellTest, ASnapshotOfEachOutputEqualsGrimsPictureWithoutThePanelOve
     }
 }
 
-TEST(WaylandShellTest, APanelOverTheRecordedAreaIsInTheMovie) {
-    WaylandShell shell(false);
-    WaylandDesktop& desktop = shell.desktop();
-    const auto window =
-        desktop.showWindow(QStringLiteral("HEADLESS-1"), 3, WaylandDesktop::Motion::still);
-    QProcess& tessarel = shell.startTessarel();
-    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+namespace {
+
+// Records `area` of the first output (in the layout's points) for two seconds as a person
+// would: Ctrl+V opens the movie screen, its start button the overlay, the pointer drags out
+// the area and the progress screen's stop button ends it. The progress screen's view.
+std::optional<View> recordArea(WaylandShell& shell, const QProcess& tessarel, const QRect& area) {
     shell.key({QStringLiteral("-M"), QStringLiteral("ctrl"), QStringLiteral("v"),
                QStringLiteral("-m"), QStringLiteral("ctrl")});
     const std::optional<View> setup = shell.waitForFloatingView(tessarel, kSetup);
-    ASSERT_TRUE(setup);
+    EXPECT_TRUE(setup);
+    if (!setup) {
+        return std::nullopt;
+    }
     shell.click(setup->rect.topLeft() + QPoint(560, 417));
-    ASSERT_TRUE(shell.waitForView(tessarel, [](const View& view) { return view.fullscreen; }));
-
-    // An area in the middle of the first output, where sway puts the panel.
-    const QRect area(QPoint(160, 120), QPoint(1119, 599));
-    WaylandDesktop::Pointer& pointer = desktop.pointer();
+    if (!shell.waitForView(tessarel, [](const View& view) { return view.fullscreen; })) {
+        ADD_FAILURE() << "no overlay";
+        return std::nullopt;
+    }
+    WaylandDesktop::Pointer& pointer = shell.desktop().pointer();
     pointer.move(area.topLeft() + QPoint(20, 20));
     QThread::msleep(300);
     pointer.move(area.topLeft());
@@ -744,27 +747,60 @@ TEST(WaylandShellTest, APanelOverTheRecordedAreaIsInTheMovie) {
     pointer.move(area.bottomRight() + QPoint(1, 1));
     pointer.release();
     const std::optional<View> recording = shell.waitForFloatingView(tessarel, QSize(720, 220));
-    ASSERT_TRUE(recording) << "the recording did not start";
-    ASSERT_TRUE(area.contains(recording->rect));
+    EXPECT_TRUE(recording) << "the recording did not start";
+    if (!recording) {
+        return std::nullopt;
+    }
     QThread::sleep(2);
     // The stop button, at the right of the progress screen.
     shell.click(recording->rect.topLeft() + QPoint(600, 156));
+    return recording;
+}
 
-    const QDir home(desktop.homeDirectory());
-    QString movie;
-    ASSERT_TRUE(processEventsUntil([&] {
-        const QStringList files = home.entryList({QStringLiteral("*.mp4")}, QDir::Files);
-        movie = files.isEmpty() ? QString() : home.filePath(files.first());
-        return !movie.isEmpty() && shell.waitForFloatingView(tessarel, kHome).has_value();
-    })) << "no movie saved";
+// The movies in the desktop user's home once there are `count` of them and the panel is back.
+QStringList waitForMovies(WaylandShell& shell, const QProcess& tessarel, qsizetype count) {
+    const QDir home(shell.desktop().homeDirectory());
+    QStringList movies;
+    processEventsUntil([&] {
+        movies = home.entryList({QStringLiteral("*.mp4")}, QDir::Files);
+        return movies.size() >= count && shell.waitForFloatingView(tessarel, kHome).has_value();
+    });
+    for (QString& movie : movies) {
+        movie = home.filePath(movie);
+    }
+    return movies;
+}
+
+// The movie's picture one second in.
+QImage frameOf(const QString& movie) {
     QProcess decode;
     decode.start(QStringLiteral("ffmpeg"),
                  {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-ss"),
                   QStringLiteral("1"), QStringLiteral("-i"), movie, QStringLiteral("-frames:v"),
                   QStringLiteral("1"), QStringLiteral("-f"), QStringLiteral("image2pipe"),
                   QStringLiteral("-c:v"), QStringLiteral("ppm"), QStringLiteral("-")});
-    ASSERT_TRUE(decode.waitForFinished(60000));
-    const QImage frame = QImage::fromData(decode.readAllStandardOutput());
+    EXPECT_TRUE(decode.waitForFinished(60000));
+    return QImage::fromData(decode.readAllStandardOutput());
+}
+
+} // namespace
+
+TEST(WaylandShellTest, APanelOverTheRecordedAreaIsInTheMovie) {
+    WaylandShell shell(false);
+    WaylandDesktop& desktop = shell.desktop();
+    const auto window =
+        desktop.showWindow(QStringLiteral("HEADLESS-1"), 3, WaylandDesktop::Motion::still);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+
+    // An area in the middle of the first output, where sway puts the panel.
+    const QRect area(QPoint(160, 120), QPoint(1119, 599));
+    const std::optional<View> recording = recordArea(shell, tessarel, area);
+    ASSERT_TRUE(recording);
+    ASSERT_TRUE(area.contains(recording->rect));
+    const QStringList movies = waitForMovies(shell, tessarel, 1);
+    ASSERT_EQ(movies.size(), 1) << "no movie saved";
+    const QImage frame = frameOf(movies.front());
     ASSERT_FALSE(frame.isNull()) << "the movie does not decode";
 
     // The panel's light background fills its place in the movie; the test window's cells
@@ -777,6 +813,32 @@ TEST(WaylandShellTest, APanelOverTheRecordedAreaIsInTheMovie) {
         << "the panel is not where it lay over the area";
     const QRect outside(QPoint(0, 0), QSize(frame.width(), panelInMovie.top() - 8));
     EXPECT_TRUE(pixelsNear(frame, outside, panelBackground).empty());
+}
+
+// Where screencopy serves the screen, the recorders' module leaves a while after a movie and
+// the next movie loads it again.
+TEST(WaylandShellTest, TheRecordersModuleLeavesAfterAMovieAndTheNextMovieLoadsItAgain) {
+    WaylandShell shell(false);
+    const auto window =
+        shell.desktop().showWindow(QStringLiteral("HEADLESS-1"), 3, WaylandDesktop::Motion::still);
+    QProcess& tessarel = shell.startTessarel();
+    ASSERT_TRUE(shell.waitForFloatingView(tessarel, kHome));
+    const QRect area(QPoint(160, 120), QPoint(1119, 599));
+    const QString recorders = QStringLiteral("tessarel_capture");
+
+    ASSERT_TRUE(recordArea(shell, tessarel, area));
+    ASSERT_EQ(waitForMovies(shell, tessarel, 1).size(), 1) << "no movie saved";
+    EXPECT_TRUE(processEventsUntil(
+        [&] { return !ProcessLibraries::maps(tessarel.processId(), recorders); }, 40000))
+        << "the recorders' module stayed";
+
+    ASSERT_TRUE(recordArea(shell, tessarel, area));
+    const QStringList movies = waitForMovies(shell, tessarel, 2);
+    ASSERT_EQ(movies.size(), 2) << "the second movie was not saved";
+    for (const QString& movie : movies) {
+        const QImage frame = frameOf(movie);
+        EXPECT_EQ(frame.size(), area.size()) << movie.toStdString();
+    }
 }
 
 TEST(WaylandShellTest, TheFolderChooserOpensOverThePanelAndEscapeCancelsIt) {
