@@ -22,6 +22,9 @@ int main(int argc, char** argv) {
     // ones in its heaps after use, holding them for as long as Tessarel idles in the tray; a
     // fixed threshold hands each back to the system when it is freed.
     mallopt(M_MMAP_THRESHOLD, 1024 * 1024);
+    // One heap for every thread: the heaps glibc gives other threads keep the free memory at
+    // their top once a recording's threads have ended, where trimming does not reach.
+    mallopt(M_ARENA_MAX, 1);
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Tessarel"));
     QApplication::setDesktopFileName(QStringLiteral(TESSAREL_APP_ID));
