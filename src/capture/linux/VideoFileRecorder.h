@@ -42,10 +42,11 @@ public:
     // Any thread.
     static std::vector<VideoCodec> availableCodecs();
 
-    // The stream's thread: creates the file and starts encoding what arrives in `queue`,
-    // whose frames are `width` × `height` pixels, stamped from `startTimeNs` on; frames
-    // come at most every `frameIntervalNs`. Throws PlatformError when the file or the
-    // encoder cannot be made.
+    // The stream's thread: creates the file, readies the encoder (for H.264 this takes the
+    // encoder's memory, some 260 MB and half a second at 4K, so that the first frames find
+    // it there) and starts encoding what arrives in `queue`, whose frames are `width` ×
+    // `height` pixels, stamped from `startTimeNs` on; frames come at most every
+    // `frameIntervalNs`. Throws PlatformError when the file or the encoder cannot be made.
     void start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
                int64_t frameIntervalNs);
     // The stream's thread, after the queue was closed: blocks until the file is complete or
