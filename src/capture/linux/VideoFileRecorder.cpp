@@ -12,12 +12,16 @@ extern "C" {
 #include <x264.h>
 
 #include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
+#include <future>
 #include <map>
 
 namespace {
@@ -675,11 +679,22 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
     // encoder thread runs, a failure removes what this start created.
     const QString path = configuration_.outputURL.toLocalFile();
     file_ = std::make_unique<RecordingFile>(path);
+    // The encoder is made on its own thread, whose priority x264's threads take over.
+    std::promise<void> made;
+    std::future<void> encoderMade = made.get_future();
     try {
-        encoder_ = std::make_unique<Encoder>(path, configuration_.videoCodecType, width, height,
-                                             frameIntervalNs);
-        startEncoding(queue, startTimeNs);
+        startEncoding(
+            queue, startTimeNs,
+            [&] {
+                encoder_ = std::make_unique<Encoder>(path, configuration_.videoCodecType, width,
+                                                     height, frameIntervalNs);
+            },
+            std::move(made));
+        encoderMade.get();
     } catch (...) {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
         encoder_.reset();
         file_->discard();
         file_.reset();
@@ -687,9 +702,25 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
     }
 }
 
-void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeNs) {
-    thread_ = std::thread([this, &queue, startTimeNs] {
+void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeNs,
+                                      std::function<void()> makeEncoder, std::promise<void> made) {
+    // The thread owns the promise, so nothing of it is left to touch once start() has its
+    // answer and returns.
+    thread_ = std::thread([this, &queue, startTimeNs, makeEncoder = std::move(makeEncoder),
+                           made = std::move(made)]() mutable {
         pthread_setname_np(pthread_self(), "Tessarel.encode");
+        // A lower priority than the capture thread's, which x264's threads, made from this
+        // one, take over: when the machine is short of time, the encoder waits, which the
+        // queue and the effort steps make up for, rather than the capture, whose missed
+        // ticks are lost to the movie.
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kEncoderNiceness);
+        try {
+            makeEncoder();
+        } catch (...) {
+            made.set_exception(std::current_exception());
+            return;
+        }
+        made.set_value();
         delegate_->recordingOutputDidStartRecording();
         std::exception_ptr error;
         try {

@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -63,9 +65,15 @@ public:
     // Any thread: how many steps below its full effort the encoder works now.
     int effortStep() const;
 
+    // The niceness of the encoder's threads (x264's too); the capture's keep the process's.
+    static constexpr int kEncoderNiceness = 10;
+
 private:
     class Encoder;
-    void startEncoding(VideoFrameQueue& queue, int64_t startTimeNs);
+    // Starts the encoder's thread, which makes the encoder with `makeEncoder` and tells
+    // `made` how that went before it encodes.
+    void startEncoding(VideoFrameQueue& queue, int64_t startTimeNs,
+                       std::function<void()> makeEncoder, std::promise<void> made);
 
     RecordingOutputConfiguration configuration_;
     RecordingOutputDelegate* delegate_;

@@ -5,6 +5,7 @@
 
 #include "MovieInspection.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -12,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -261,4 +263,44 @@ TEST(VideoFileRecorder, EncoderHasTakenItsMemoryBeforeTheFirstFrameAndWritesOnly
         EXPECT_GT(starting, 4 * picture);
         EXPECT_LT(encoding, picture);
     }
+}
+
+namespace {
+
+// The niceness of each of this process's threads named `name`.
+std::vector<int> nicenessOfThreads(const QByteArray& name) {
+    std::vector<int> niceness;
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile stat(tasks.filePath(task + QStringLiteral("/stat")));
+        if (!stat.open(QIODevice::ReadOnly)) {
+            continue; // gone meanwhile
+        }
+        const QByteArray line = stat.readAll();
+        const qsizetype open = line.indexOf('(');
+        const qsizetype close = line.lastIndexOf(')');
+        if (line.mid(open + 1, close - open - 1) != name) {
+            continue;
+        }
+        // After the name: state, then the 17th field on is the niceness.
+        niceness.push_back(line.mid(close + 2).split(' ').value(16).toInt());
+    }
+    return niceness;
+}
+
+} // namespace
+
+TEST(VideoFileRecorder, EncoderAndX264sThreadsYieldToTheCapture) {
+    Movie movie(2560, 1440);
+    movie.recorder.start(movie.queue, 2560, 1440, 0, kShortestFrameIntervalNs);
+    const std::vector<int> encoding = nicenessOfThreads("Tessarel.encode");
+    movie.finishAfter(0);
+
+    // The encoder's own thread and x264's (two frame threads and the lookahead's at this size).
+    EXPECT_GE(encoding.size(), 3u);
+    for (const int niceness : encoding) {
+        EXPECT_EQ(niceness, VideoFileRecorder::kEncoderNiceness);
+    }
+    // The thread that started the recorder, as the capture's, keeps its own.
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())), 0);
 }
