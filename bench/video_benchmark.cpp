@@ -21,9 +21,9 @@
 // beside it. "gap s" is the longest time between two frames of the movie. Below the table,
 // Tessarel's stream tells what became of the ticks of its frame clock (how many read the
 // screen and how many rows, skipped as identical to the frame before, dropped because the
-// encoder was behind, encoded), how often it listed the windows, and how its CPU time
-// divides between the capture thread and encoding. The load average before each live pair
-// is printed with its ratios.
+// encoder was behind, encoded), how often it listed the windows, how its CPU time divides
+// between the capture thread and encoding, and the process's peak resident memory during
+// the recording. The load average before each live pair is printed with its ratios.
 
 #include "capture/linux/VideoFileRecorder.h"
 #include "capture/linux/VideoFrameConverter.h"
@@ -221,6 +221,7 @@ struct Result : MovieFacts {
     long long dropped = -1;
     std::optional<X11VideoCaptureService::Counts> counts; // Tessarel's only
     int leastEffortStep = 0;
+    double peakResidentMb = 0; // Tessarel's only: this process's, during the recording
 };
 
 // The longest time between two frames of the movie at `path`.
@@ -264,7 +265,29 @@ RecordingOutputConfiguration movieAt(const QString& path) {
     return {QUrl::fromLocalFile(path), VideoFileType::mpeg4, VideoCodec::h264};
 }
 
+// Starts this process's peak resident memory afresh.
+void resetPeakResident() {
+    QFile clearRefs(QStringLiteral("/proc/self/clear_refs"));
+    if (!clearRefs.open(QIODevice::WriteOnly) || clearRefs.write("5") != 1) {
+        std::fprintf(stderr, "cannot reset the peak resident memory\n");
+    }
+}
+
+// This process's peak resident memory in MB since it was last reset (VmHWM).
+double peakResidentMb() {
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (status.open(QIODevice::ReadOnly)) {
+        for (const QByteArray& line : status.readAll().split('\n')) {
+            if (line.startsWith("VmHWM:")) {
+                return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024;
+            }
+        }
+    }
+    return 0;
+}
+
 Result recordWithTessarel(const QByteArray& display, const QString& path, int seconds) {
+    resetPeakResident();
     X11ContentProvider provider(display);
     X11VideoCaptureService video(display);
     const ShareableContent content = provider.shareableContent(false, true);
@@ -293,6 +316,7 @@ Result recordWithTessarel(const QByteArray& display, const QString& path, int se
     result.cpuSeconds = cpuSeconds(after) - cpuSeconds(before);
     result.counts = X11VideoCaptureService::counts(*stream);
     result.leastEffortStep = recorder->leastEffortStep();
+    result.peakResidentMb = peakResidentMb();
     probeMovieInto(result, path);
     result.longestGapSeconds = longestGapSeconds(path);
     return result;
@@ -589,14 +613,14 @@ int main(int argc, char** argv) {
                 "%-9s tessarel: %lld ticks, %lld screen reads of %.0f rows on average, %lld "
                 "skipped as identical, %lld dropped by the queue, %lld encoded, at most %d steps "
                 "below full effort; windows listed %lld times; cpu s: %.2f capture thread, %.2f "
-                "encoding (x264, muxer)",
+                "encoding (x264, muxer); peak resident %.0f MB",
                 scene, counts->captured, counts->screenReads,
                 counts->screenReads ? static_cast<double>(counts->rowsRead) /
                                           static_cast<double>(counts->screenReads)
                                     : 0.0,
                 counts->skippedIdentical, counts->droppedByQueue, counts->encoded,
                 ours.leastEffortStep, counts->windowListings, counts->captureCpuSeconds,
-                ours.cpuSeconds - counts->captureCpuSeconds);
+                ours.cpuSeconds - counts->captureCpuSeconds, ours.peakResidentMb);
             details.emplace_back(line);
         }
     }

@@ -12,12 +12,16 @@ extern "C" {
 #include <x264.h>
 
 #include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
+#include <future>
 #include <map>
 
 namespace {
@@ -193,6 +197,7 @@ public:
         // change from the parameters it is given.
         x264_encoder_parameters(encoder_.get(), &fullEffort_);
         makeConfiguration();
+        warmUp(framesPerSecond);
     }
     ~X264Codec() override {
         if (pictureAllocated_) {
@@ -288,6 +293,13 @@ private:
     static constexpr int64_t kOneThreadPixels = 1920 * 1080;
     static constexpr int kLargeAreaLookahead = 4;
     static constexpr float kLargeAreaRateFactor = 20;
+    // Enough pictures through the whole pipeline that x264 has made every picture it keeps
+    // (on each thread a reference and a reconstruction besides the lookahead's); measured
+    // at 4K and 1080p, no picture after them touches new memory.
+    static constexpr int kWarmUpPicturesThroughTheEncoder = 4;
+    static constexpr int kMostWarmUpPictures = 64;
+    static constexpr uint8_t kBlack = 16;
+    static constexpr uint8_t kNoColour = 128;
 
     // Step 1: the smallest motion search and 16 × 16 blocks only; step 2 besides: no 8 × 8
     // transform, no deblocking, and a rate factor 4 higher, which leaves fewer coefficients
@@ -311,6 +323,31 @@ private:
         return (pixels + kMacroblockPixels - 1) / kMacroblockPixels;
     }
 
+    // x264 allocates its pictures (input, lookahead, references) as the first frames pass
+    // through, and each page costs a fault and zeroing when first touched: at 4K the first
+    // eight frames took 56 ms each and the first keyframe 228 ms, more than the queue holds,
+    // so a movie dropped frames in its first second. Flat pictures, all but the first marked
+    // unchanged, pass through as the recorder starts instead, before the capture's first
+    // frame: they cost little but that memory. What x264 makes of them is never written, and
+    // the movie's first frame is a keyframe all the same.
+    void warmUp(int framesPerSecond) {
+        const int64_t interval = kTimeBase.den / framesPerSecond;
+        for (int plane = 0; plane < 3; ++plane) {
+            const int rows = plane == 0 ? height_ : (height_ + 1) / 2;
+            std::memset(picture_.img.plane[plane], plane == 0 ? kBlack : kNoColour,
+                        static_cast<size_t>(picture_.img.i_stride[plane]) *
+                            static_cast<size_t>(rows));
+        }
+        std::deque<PacketPtr> none; // what comes out of them is left out at once
+        for (int picture = 0;
+             picture < kMostWarmUpPictures && warmUpPicturesOut_ < kWarmUpPicturesThroughTheEncoder;
+             ++picture) {
+            ++warmUpPicturesIn_;
+            encode((picture - kMostWarmUpPictures) * interval, picture == 0, none);
+        }
+        std::fill(changed_.begin(), changed_.end(), uint8_t{1});
+    }
+
     void encodeInto(x264_picture_t* input, std::deque<PacketPtr>& packets) {
         x264_nal_t* units = nullptr;
         int unitCount = 0;
@@ -320,6 +357,11 @@ private:
             throw PlatformError(QStringLiteral("Tessarel could not encode the movie."));
         }
         if (size == 0) {
+            return;
+        }
+        // x264 hands pictures back in the order they went in.
+        if (warmUpPicturesOut_ < warmUpPicturesIn_) {
+            ++warmUpPicturesOut_;
             return;
         }
         PacketPtr packet(av_packet_alloc());
@@ -394,6 +436,8 @@ private:
     std::vector<uint8_t> configuration_;
     std::vector<uint8_t> settings_; // x264's SEI naming its settings, until the first picture
     x264_param_t fullEffort_{};
+    int warmUpPicturesIn_ = 0;
+    int warmUpPicturesOut_ = 0;
     int effortStep_ = 0;
     int caughtUpFrames_ = 0; // in a row with nothing waiting, at the current step
 };
@@ -635,11 +679,22 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
     // encoder thread runs, a failure removes what this start created.
     const QString path = configuration_.outputURL.toLocalFile();
     file_ = std::make_unique<RecordingFile>(path);
+    // The encoder is made on its own thread, whose priority x264's threads take over.
+    std::promise<void> made;
+    std::future<void> encoderMade = made.get_future();
     try {
-        encoder_ = std::make_unique<Encoder>(path, configuration_.videoCodecType, width, height,
-                                             frameIntervalNs);
-        startEncoding(queue, startTimeNs);
+        startEncoding(
+            queue, startTimeNs,
+            [&] {
+                encoder_ = std::make_unique<Encoder>(path, configuration_.videoCodecType, width,
+                                                     height, frameIntervalNs);
+            },
+            std::move(made));
+        encoderMade.get();
     } catch (...) {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
         encoder_.reset();
         file_->discard();
         file_.reset();
@@ -647,9 +702,25 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
     }
 }
 
-void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeNs) {
-    thread_ = std::thread([this, &queue, startTimeNs] {
+void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeNs,
+                                      std::function<void()> makeEncoder, std::promise<void> made) {
+    // The thread owns the promise, so nothing of it is left to touch once start() has its
+    // answer and returns.
+    thread_ = std::thread([this, &queue, startTimeNs, makeEncoder = std::move(makeEncoder),
+                           made = std::move(made)]() mutable {
         pthread_setname_np(pthread_self(), "Tessarel.encode");
+        // A lower priority than the capture thread's, which x264's threads, made from this
+        // one, take over: when the machine is short of time, the encoder waits, which the
+        // queue and the effort steps make up for, rather than the capture, whose missed
+        // ticks are lost to the movie.
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kEncoderNiceness);
+        try {
+            makeEncoder();
+        } catch (...) {
+            made.set_exception(std::current_exception());
+            return;
+        }
+        made.set_value();
         delegate_->recordingOutputDidStartRecording();
         std::exception_ptr error;
         try {

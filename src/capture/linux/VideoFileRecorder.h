@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -42,10 +44,11 @@ public:
     // Any thread.
     static std::vector<VideoCodec> availableCodecs();
 
-    // The stream's thread: creates the file and starts encoding what arrives in `queue`,
-    // whose frames are `width` × `height` pixels, stamped from `startTimeNs` on; frames
-    // come at most every `frameIntervalNs`. Throws PlatformError when the file or the
-    // encoder cannot be made.
+    // The stream's thread: creates the file, readies the encoder (for H.264 this takes the
+    // encoder's memory, some 260 MB and half a second at 4K, so that the first frames find
+    // it there) and starts encoding what arrives in `queue`, whose frames are `width` ×
+    // `height` pixels, stamped from `startTimeNs` on; frames come at most every
+    // `frameIntervalNs`. Throws PlatformError when the file or the encoder cannot be made.
     void start(VideoFrameQueue& queue, int width, int height, int64_t startTimeNs,
                int64_t frameIntervalNs);
     // The stream's thread, after the queue was closed: blocks until the file is complete or
@@ -62,9 +65,15 @@ public:
     // Any thread: how many steps below its full effort the encoder works now.
     int effortStep() const;
 
+    // The niceness of the encoder's threads (x264's too); the capture's keep the process's.
+    static constexpr int kEncoderNiceness = 10;
+
 private:
     class Encoder;
-    void startEncoding(VideoFrameQueue& queue, int64_t startTimeNs);
+    // Starts the encoder's thread, which makes the encoder with `makeEncoder` and tells
+    // `made` how that went before it encodes.
+    void startEncoding(VideoFrameQueue& queue, int64_t startTimeNs,
+                       std::function<void()> makeEncoder, std::promise<void> made);
 
     RecordingOutputConfiguration configuration_;
     RecordingOutputDelegate* delegate_;

@@ -5,6 +5,7 @@
 
 #include "MovieInspection.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -12,11 +13,16 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <random>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -191,4 +197,110 @@ TEST(VideoFileRecorder, AreaLargerThan1080pIsEncodedOnTwoThreadsWithAShorterLook
     EXPECT_TRUE(hd.contains(" threads=1 ")) << hd.constData();
     EXPECT_TRUE(hd.contains(" rc_lookahead=10 ")) << hd.constData();
     EXPECT_TRUE(hd.contains(" crf=22.0 ")) << hd.constData();
+}
+
+namespace {
+
+long long residentBytes() {
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    EXPECT_TRUE(statm.open(QIODevice::ReadOnly));
+    const QList<QByteArray> pages = statm.readAll().split(' ');
+    return pages.value(1).toLongLong() * sysconf(_SC_PAGESIZE);
+}
+
+// A grey ramp moved `shift` pixels along: every picture changed, in a small file.
+void fillWithRamp(VideoFrame& frame, int shift, int64_t timeNs) {
+    for (int y = 0; y < frame.height; ++y) {
+        for (int x = 0; x < frame.width; ++x) {
+            frame.y[static_cast<size_t>(y) * static_cast<size_t>(frame.width) +
+                    static_cast<size_t>(x)] = static_cast<uint8_t>((x + y + shift) / 4);
+        }
+    }
+    std::fill(frame.u.begin(), frame.u.end(), uint8_t{128});
+    std::fill(frame.v.begin(), frame.v.end(), uint8_t{128});
+    std::fill(frame.changed.begin(), frame.changed.end(), PixelSpan{0, frame.width});
+    frame.captureTimeNs = timeNs;
+}
+
+// How much the process's resident memory grew while the recorder started, and while it
+// then encoded a second of frames, of a movie of `width` × `height` pixels, which must
+// come out as those frames alone.
+std::pair<long long, long long> memoryTakenStartingAndEncoding(int width, int height) {
+    constexpr int kFrames = 30;
+    Movie movie(width, height);
+    const long long beforeStart = residentBytes();
+    movie.recorder.start(movie.queue, width, height, 0, kShortestFrameIntervalNs);
+    const long long started = residentBytes();
+    for (int frame = 0; frame < kFrames; ++frame) {
+        VideoFrame& next = movie.queue.acquire();
+        fillWithRamp(next, 8 * frame, frame * kShortestFrameIntervalNs);
+        movie.queue.publish(next);
+        while (movie.recorder.encodedFrames() <= frame) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    const long long encoded = residentBytes();
+    movie.finishAfter(kFrames);
+    EXPECT_TRUE(movie.events.finished());
+    const Probe probe = ::probe(movie.path);
+    EXPECT_EQ(probe.frames, kFrames);
+    EXPECT_EQ(probe.keyframes, 1);
+    EXPECT_NEAR(probe.duration, kFrames / 30.0, 0.001);
+    return {started - beforeStart, encoded - started};
+}
+
+} // namespace
+
+TEST(VideoFileRecorder, EncoderHasTakenItsMemoryBeforeTheFirstFrameAndWritesOnlyTheMoviesFrames) {
+    for (const auto& [width, height] : {std::pair{2560, 1440}, {1920, 1080}}) {
+        SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+        const auto [starting, encoding] = memoryTakenStartingAndEncoding(width, height);
+        const long long picture = 3LL * width * height / 2;
+        std::printf("%dx%d: resident memory grew %.1f MB starting the recorder, %.1f MB "
+                    "encoding a second of frames\n",
+                    width, height, static_cast<double>(starting) / 1e6,
+                    static_cast<double>(encoding) / 1e6);
+        EXPECT_GT(starting, 4 * picture);
+        EXPECT_LT(encoding, picture);
+    }
+}
+
+namespace {
+
+// The niceness of each of this process's threads named `name`.
+std::vector<int> nicenessOfThreads(const QByteArray& name) {
+    std::vector<int> niceness;
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QString& task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile stat(tasks.filePath(task + QStringLiteral("/stat")));
+        if (!stat.open(QIODevice::ReadOnly)) {
+            continue; // gone meanwhile
+        }
+        const QByteArray line = stat.readAll();
+        const qsizetype open = line.indexOf('(');
+        const qsizetype close = line.lastIndexOf(')');
+        if (line.mid(open + 1, close - open - 1) != name) {
+            continue;
+        }
+        // After the name: state, then the 17th field on is the niceness.
+        niceness.push_back(line.mid(close + 2).split(' ').value(16).toInt());
+    }
+    return niceness;
+}
+
+} // namespace
+
+TEST(VideoFileRecorder, EncoderAndX264sThreadsYieldToTheCapture) {
+    Movie movie(2560, 1440);
+    movie.recorder.start(movie.queue, 2560, 1440, 0, kShortestFrameIntervalNs);
+    const std::vector<int> encoding = nicenessOfThreads("Tessarel.encode");
+    movie.finishAfter(0);
+
+    // The encoder's own thread and x264's (two frame threads and the lookahead's at this size).
+    EXPECT_GE(encoding.size(), 3u);
+    for (const int niceness : encoding) {
+        EXPECT_EQ(niceness, VideoFileRecorder::kEncoderNiceness);
+    }
+    // The thread that started the recorder, as the capture's, keeps its own.
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())), 0);
 }
