@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 extern char** environ;
@@ -138,14 +139,44 @@ std::vector<std::filesystem::path> savedFiles() {
     return files;
 }
 
+namespace {
+
+// True when the file ends as a finished picture of its kind does: a PDF may be seen while it
+// is still being written.
+bool endsComplete(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary | std::ios::ate);
+    const std::streamoff size = in.tellg();
+    constexpr std::streamoff tailSize = 16;
+    if (!in || size < tailSize) {
+        return false;
+    }
+    std::string tail(tailSize, '\0');
+    in.seekg(size - tailSize);
+    in.read(tail.data(), tailSize);
+    if (!in) {
+        return false;
+    }
+    if (file.extension() == ".png") {
+        return tail.compare(tailSize - 8, 4, "IEND") == 0; // the last chunk, then its CRC
+    }
+    if (file.extension() == ".jpg") {
+        return tail.compare(tailSize - 2, 2, "\xff\xd9") == 0; // end of image
+    }
+    if (file.extension() == ".pdf") {
+        return tail.find("%%EOF") != std::string::npos;
+    }
+    return size > 0;
+}
+
+} // namespace
+
 bool waitForNewFile(const std::vector<std::filesystem::path>& before, const char* extension) {
     const Clock::time_point start = Clock::now();
     while (std::chrono::duration<double>(Clock::now() - start).count() < 60) {
         for (const auto& file : savedFiles()) {
-            std::error_code error;
             if (file.extension() == extension &&
                 std::find(before.begin(), before.end(), file) == before.end() &&
-                std::filesystem::file_size(file, error) > 0) {
+                endsComplete(file)) {
                 return true;
             }
         }

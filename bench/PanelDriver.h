@@ -68,8 +68,9 @@ bool click(int x, int y);
 std::vector<std::filesystem::path> savedFiles();
 
 // Waits up to 60 s, looking every millisecond, for a file ending in `extension` beyond the
-// `before` ones, with content: Tessarel reserves a file's name with an empty file and replaces
-// that by the finished one.
+// `before` ones, finished: Tessarel reserves a file's name with an empty file; a PNG or JPEG
+// replaces it whole, a PDF is written into it. A PNG, JPEG or PDF counts once it ends as one
+// does, any other file once it has content.
 bool waitForNewFile(const std::vector<std::filesystem::path>& before, const char* extension);
 
 double millisecondsSince(Clock::time_point start);

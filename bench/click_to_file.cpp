@@ -13,10 +13,13 @@
 // the medians, their ratio and the target. The pictures go to the folder $HOME names, which
 // should be a private one.
 //
-//   click_to_file [--runs N] [--desktop plain|composited] [program args...]
+//   click_to_file [--runs N] [--desktop plain|composited] [--pause-seconds S]
+//                 [program args...]
 //
 // --desktop composited waits for a window manager and a compositor to own their selections;
-// plain checks that neither runs.
+// plain checks that neither runs. --pause-seconds leaves the program idle that long before each
+// of its snapshots (it lets go of its pixel memory after 10 s idle); without it the snapshots
+// follow each other a few seconds apart, as a person takes a series.
 
 #include "DesktopScenes.h"
 #include "PanelDriver.h"
@@ -95,12 +98,15 @@ std::string loadAverage() {
 int main(int argc, char** argv) {
     int runs = 5;
     bool composited = false;
+    int pauseSeconds = 0;
     std::vector<char*> program;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--runs") == 0 && i + 1 < argc) {
             runs = std::atoi(argv[++i]);
         } else if (std::strcmp(argv[i], "--desktop") == 0 && i + 1 < argc) {
             composited = std::strcmp(argv[++i], "composited") == 0;
+        } else if (std::strcmp(argv[i], "--pause-seconds") == 0 && i + 1 < argc) {
+            pauseSeconds = std::atoi(argv[++i]);
         } else {
             program.push_back(argv[i]);
         }
@@ -133,8 +139,10 @@ int main(int argc, char** argv) {
     if (!wallpaper.shown()) {
         fail("cannot show the wallpaper");
     }
-    const std::string setting = std::to_string(width) + "x" + std::to_string(height) +
-                                (composited ? ", openbox + picom" : ", no compositor");
+    const std::string setting =
+        std::to_string(width) + "x" + std::to_string(height) +
+        (composited ? ", openbox + picom" : ", no compositor") +
+        (pauseSeconds > 0 ? ", after " + std::to_string(pauseSeconds) + " s idle" : std::string());
     std::printf("%s: load average %s before\n", setting.c_str(), loadAverage().c_str());
 
     pid_t pid = 0;
@@ -148,6 +156,7 @@ int main(int argc, char** argv) {
         for (size_t f = 0; f < formats.size(); ++f) {
             double ownMs = 0;
             double peerMs = 0;
+            std::this_thread::sleep_for(std::chrono::seconds(pauseSeconds));
             if (!snapshotThroughPanel(x.connection, pid, formats[f], ownMs)) {
                 kill(pid, SIGTERM);
                 fail("a snapshot through the panel failed");

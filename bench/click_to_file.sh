@@ -5,7 +5,10 @@
 # tray host and a session bus, once bare and once with a window manager and a compositor
 # (openbox + picom, as a desktop has them); every run saves into a private home.
 #   bench/click_to_file.sh <build dir> [--runs N] [--sizes WxH,...] [--desktops plain,composited]
-# Defaults: 5 runs (snapshots per format and setting), sizes 1920x1080,3840x2160, both desktops.
+#                          [--pause-seconds S]
+# Defaults: 5 runs (snapshots per format and setting), sizes 1920x1080,3840x2160, both desktops,
+# snapshots a few seconds apart; --pause-seconds 12 takes each after the application has let go
+# of its pixel memory, as the first one after a while does.
 # Needs: Xvfb, xdpyinfo (x11-utils), dbus-run-session, trayer, xdotool, scrot, and for the
 # composited desktop openbox and picom.
 set -euo pipefail
@@ -15,11 +18,13 @@ shift || true
 runs=5
 sizes=1920x1080,3840x2160
 desktops=plain,composited
+pause=0
 while [ $# -gt 0 ]; do
     case $1 in
     --runs) runs=$2; shift 2 ;;
     --sizes) sizes=$2; shift 2 ;;
     --desktops) desktops=$2; shift 2 ;;
+    --pause-seconds) pause=$2; shift 2 ;;
     *) echo "unknown option $1" >&2; exit 2 ;;
     esac
 done
@@ -44,9 +49,9 @@ for size in ${sizes//,/ }; do
             fi
             trayer --edge top --align right --widthtype pixel --width 200 --height 32 &
             helpers+=($!)
-            "$1" --runs "$2" --desktop "$0" "$3"
+            "$1" --runs "$2" --desktop "$0" --pause-seconds "$3" "$4"
             kill "${helpers[@]}"
-        ' "$desktop" "$build/bench/click_to_file" "$runs" "$build/bin/tessarel" |
+        ' "$desktop" "$build/bench/click_to_file" "$runs" "$pause" "$build/bin/tessarel" |
             tee -a "$work/all.txt"
         kill $xvfb
         wait $xvfb 2>/dev/null || true
