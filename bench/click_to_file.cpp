@@ -17,7 +17,9 @@
 //                 [program args...]
 //
 // --desktop composited waits for a window manager and a compositor to own their selections;
-// plain checks that neither runs. --pause-seconds leaves the program idle that long before each
+// plain checks that no compositor runs. On an X server without the Composite extension (which
+// the setting's name then says), Tessarel hides its windows while it grabs instead of composing
+// the screen without them. --pause-seconds leaves the program idle that long before each
 // of its snapshots (it lets go of its pixel memory after 10 s idle); without it the snapshots
 // follow each other a few seconds apart, as a person takes a series.
 
@@ -86,6 +88,15 @@ bool snapshotWithScrot(SnapshotFormat format, double& milliseconds) {
     return true;
 }
 
+bool offersComposite(xcb_connection_t* connection) {
+    const char* name = "Composite";
+    Reply<xcb_query_extension_reply_t> extension(
+        xcb_query_extension_reply(
+            connection, xcb_query_extension(connection, std::strlen(name), name), nullptr),
+        &std::free);
+    return extension && extension->present;
+}
+
 std::string loadAverage() {
     std::ifstream file("/proc/loadavg");
     std::string one, five, fifteen;
@@ -142,6 +153,7 @@ int main(int argc, char** argv) {
     const std::string setting =
         std::to_string(width) + "x" + std::to_string(height) +
         (composited ? ", openbox + picom" : ", no compositor") +
+        (offersComposite(x.connection) ? "" : ", no Composite extension") +
         (pauseSeconds > 0 ? ", after " + std::to_string(pauseSeconds) + " s idle" : std::string());
     std::printf("%s: load average %s before\n", setting.c_str(), loadAverage().c_str());
 
