@@ -20,25 +20,20 @@
 //   app_startup [--runs N] [--idle-seconds S] [--captures] [--settle-seconds S]
 //               [program args...]
 
-#include <xcb/xcb.h>
-#include <xcb/xtest.h>
+#include "PanelDriver.h"
 
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
-#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,54 +42,7 @@ extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-template <typename T> using Reply = std::unique_ptr<T, decltype(&std::free)>;
-
-struct Connection {
-    Connection() : connection(xcb_connect(nullptr, nullptr)) {}
-    ~Connection() { xcb_disconnect(connection); }
-    xcb_connection_t* connection;
-};
-
-xcb_atom_t atom(xcb_connection_t* connection, const char* name) {
-    Reply<xcb_intern_atom_reply_t> reply(
-        xcb_intern_atom_reply(connection, xcb_intern_atom(connection, 0, std::strlen(name), name),
-                              nullptr),
-        &std::free);
-    return reply ? reply->atom : XCB_NONE;
-}
-
-xcb_window_t trayOwner(xcb_connection_t* connection) {
-    const char* name = "_NET_SYSTEM_TRAY_S0";
-    Reply<xcb_intern_atom_reply_t> atom(
-        xcb_intern_atom_reply(connection, xcb_intern_atom(connection, 0, std::strlen(name), name),
-                              nullptr),
-        &std::free);
-    if (!atom) {
-        return XCB_NONE;
-    }
-    Reply<xcb_get_selection_owner_reply_t> owner(
-        xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, atom->atom),
-                                      nullptr),
-        &std::free);
-    return owner ? owner->owner : XCB_NONE;
-}
-
-// Every window below `window`, depth first, with its parent.
-void collect(xcb_connection_t* connection, xcb_window_t window,
-             std::vector<std::pair<xcb_window_t, xcb_window_t>>& out) {
-    Reply<xcb_query_tree_reply_t> tree(
-        xcb_query_tree_reply(connection, xcb_query_tree(connection, window), nullptr), &std::free);
-    if (!tree) {
-        return;
-    }
-    const xcb_window_t* children = xcb_query_tree_children(tree.get());
-    for (int i = 0; i < xcb_query_tree_children_length(tree.get()); ++i) {
-        out.emplace_back(children[i], window);
-        collect(connection, children[i], out);
-    }
-}
+using namespace panel;
 
 // True once a viewable window of process `pid` has been reparented away from the root: with
 // no window manager running, only the tray host docks a window of ours.
@@ -128,210 +76,36 @@ bool iconDocked(xcb_connection_t* connection, pid_t pid) {
     return false;
 }
 
-struct Rect {
-    int x = 0;
-    int y = 0;
-    int width = 0;
-    int height = 0;
-};
-
-// The viewable windows of process `pid`, in root coordinates.
-std::vector<Rect> windowsOf(xcb_connection_t* connection, pid_t pid) {
-    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(connection)).data->root;
-    const xcb_atom_t pidAtom = atom(connection, "_NET_WM_PID");
-    std::vector<std::pair<xcb_window_t, xcb_window_t>> windows;
-    collect(connection, root, windows);
-    std::vector<Rect> found;
-    for (const auto& [window, parent] : windows) {
-        Reply<xcb_get_property_reply_t> property(
-            xcb_get_property_reply(
-                connection,
-                xcb_get_property(connection, 0, window, pidAtom, XCB_ATOM_CARDINAL, 0, 1), nullptr),
-            &std::free);
-        Reply<xcb_get_window_attributes_reply_t> attributes(
-            xcb_get_window_attributes_reply(connection,
-                                            xcb_get_window_attributes(connection, window), nullptr),
-            &std::free);
-        Reply<xcb_get_geometry_reply_t> geometry(
-            xcb_get_geometry_reply(connection, xcb_get_geometry(connection, window), nullptr),
-            &std::free);
-        Reply<xcb_translate_coordinates_reply_t> origin(
-            xcb_translate_coordinates_reply(
-                connection, xcb_translate_coordinates(connection, window, root, 0, 0), nullptr),
-            &std::free);
-        if (!property || xcb_get_property_value_length(property.get()) != 4 ||
-            *static_cast<const uint32_t*>(xcb_get_property_value(property.get())) !=
-                static_cast<uint32_t>(pid) ||
-            !attributes || attributes->map_state != XCB_MAP_STATE_VIEWABLE || !geometry ||
-            !origin) {
-            continue;
-        }
-        found.push_back({origin->dst_x, origin->dst_y, geometry->width, geometry->height});
-    }
-    return found;
-}
-
-// Waits up to 30 s for a window of `pid` that `accept` takes.
-std::optional<Rect> waitForWindow(xcb_connection_t* connection, pid_t pid,
-                                  const std::function<bool(const Rect&)>& accept) {
-    const Clock::time_point start = Clock::now();
-    while (std::chrono::duration<double>(Clock::now() - start).count() < 30) {
-        for (const Rect& window : windowsOf(connection, pid)) {
-            if (accept(window)) {
-                return window;
-            }
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return std::nullopt;
-}
-
-std::optional<Rect> waitForWindowOfSize(xcb_connection_t* connection, pid_t pid, int width,
-                                        int height) {
-    return waitForWindow(connection, pid, [&](const Rect& window) {
-        return window.width == width && window.height == height;
-    });
-}
-
-// Runs a program to its end; false when it failed.
-bool run(std::vector<std::string> arguments) {
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    int status = 0;
-    return posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 &&
-           waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-bool click(int x, int y) {
-    return run({"xdotool", "mousemove", std::to_string(x), std::to_string(y), "click", "1"});
-}
-
-// The files under $HOME, recursively.
-std::vector<std::filesystem::path> savedFiles() {
-    std::vector<std::filesystem::path> files;
-    std::error_code error;
-    for (auto entry = std::filesystem::recursive_directory_iterator(
-             std::getenv("HOME"), std::filesystem::directory_options::skip_permission_denied,
-             error);
-         entry != std::filesystem::recursive_directory_iterator(); entry.increment(error)) {
-        if (error) {
-            break;
-        }
-        if (entry->is_regular_file() && entry->path().string().find("/.") == std::string::npos) {
-            files.push_back(entry->path());
-        }
-    }
-    return files;
-}
-
-// Waits up to 60 s for a file ending in `extension` beyond the `before` ones, with content:
-// Tessarel reserves a file's name with an empty file and replaces that by the finished one.
-bool waitForNewFile(const std::vector<std::filesystem::path>& before, const char* extension) {
-    const Clock::time_point start = Clock::now();
-    while (std::chrono::duration<double>(Clock::now() - start).count() < 60) {
-        for (const auto& file : savedFiles()) {
-            std::error_code error;
-            if (file.extension() == extension &&
-                std::find(before.begin(), before.end(), file) == before.end() &&
-                std::filesystem::file_size(file, error) > 0) {
-                return true;
-            }
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
-
-// Tessarel's windows and where a person clicks in them, in points from their top left.
-constexpr int popupWidth = 480, popupHeight = 402;
-constexpr int setupWidth = 700, setupHeight = 460;
 constexpr int recordingWidth = 720, recordingHeight = 220;
-constexpr int startX = 560, startY = 417;   // the set-up screens' start button
-constexpr int formatX = 400, formatY = 272; // the format menu's box
-constexpr int stopX = 600, stopY = 156;     // the movie's stop button
+constexpr int stopX = 600, stopY = 156; // the movie's stop button
 
 enum class Capture { png, jpeg, movie };
-
-// Opens the set-up screen of the popup's row `row` from the tray icon.
-std::optional<Rect> openSetup(xcb_connection_t* connection, pid_t pid, int row) {
-    const auto icon = waitForWindow(connection, pid, [](const Rect& window) {
-        return window.width < 64 && window.height < 64;
-    });
-    if (!icon || !click(icon->x + icon->width / 2, icon->y + icon->height / 2)) {
-        return std::nullopt;
-    }
-    const auto popup = waitForWindowOfSize(connection, pid, popupWidth, popupHeight);
-    // The popup's rows are 92 high and start 88 below its top.
-    if (!popup || !click(popup->x + popupWidth / 2, popup->y + 88 + 46 + 92 * row)) {
-        return std::nullopt;
-    }
-    return waitForWindowOfSize(connection, pid, setupWidth, setupHeight);
-}
-
-// Milliseconds since `start`.
-double millisecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 // `clickToFileMs`: for a snapshot, from the start button's click to its file.
 bool captureWithTessarel(xcb_connection_t* connection, pid_t pid, Capture capture,
                          double& clickToFileMs) {
+    if (capture != Capture::movie) {
+        return snapshotThroughPanel(
+            connection, pid, capture == Capture::png ? SnapshotFormat::png : SnapshotFormat::jpeg,
+            clickToFileMs);
+    }
     const auto before = savedFiles();
-    const auto setup = openSetup(connection, pid, capture == Capture::movie ? 1 : 2);
-    if (!setup) {
+    const auto setup = openSetup(connection, pid, movieRow);
+    if (!setup || !click(setup->x + startX, setup->y + startY) ||
+        !waitForWindow(connection, pid, [](const Rect& window) { return window.width >= 1600; })) {
         return false;
     }
-    if (capture == Capture::movie) {
-        if (!click(setup->x + startX, setup->y + startY) ||
-            !waitForWindow(connection, pid,
-                           [](const Rect& window) { return window.width >= 1600; })) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        if (!run({"xdotool", "mousemove", "400", "300", "mousedown", "1", "mousemove", "800", "500",
-                  "mousemove", "1000", "700", "mouseup", "1"})) {
-            return false;
-        }
-        const auto recording =
-            waitForWindowOfSize(connection, pid, recordingWidth, recordingHeight);
-        if (!recording) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::seconds(3));
-        return click(recording->x + stopX, recording->y + stopY) && waitForNewFile(before, ".mp4");
-    }
-    // The format menu lists PNG, JPEG and PDF; the choice stays for the next snapshot.
-    if (!click(setup->x + formatX, setup->y + formatY)) {
-        return false;
-    }
-    const auto menu = waitForWindow(connection, pid, [&](const Rect& window) {
-        return window.height < 200 && window.y > setup->y && window.width > 64;
-    });
-    if (!menu || !click(menu->x + menu->width / 2,
-                        menu->y + menu->height * (capture == Capture::png ? 1 : 3) / 6)) {
-        return false;
-    }
-    // The pointer goes to the start button first; the click itself is sent from here, since
-    // xdotool takes longer to start than a snapshot takes.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    if (!run({"xdotool", "mousemove", std::to_string(setup->x + startX),
-              std::to_string(setup->y + startY)})) {
+    if (!run({"xdotool", "mousemove", "400", "300", "mousedown", "1", "mousemove", "800", "500",
+              "mousemove", "1000", "700", "mouseup", "1"})) {
         return false;
     }
-    const Clock::time_point clicked = Clock::now();
-    for (const uint8_t type : {XCB_BUTTON_PRESS, XCB_BUTTON_RELEASE}) {
-        xcb_test_fake_input(connection, type, 1, XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
-    }
-    xcb_flush(connection);
-    if (!waitForNewFile(before, capture == Capture::png ? ".png" : ".jpg")) {
+    const auto recording = waitForWindowOfSize(connection, pid, recordingWidth, recordingHeight);
+    if (!recording) {
         return false;
     }
-    clickToFileMs = millisecondsSince(clicked);
-    return true;
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    return click(recording->x + stopX, recording->y + stopY) && waitForNewFile(before, ".mp4");
 }
 
 bool captureWithFlameshot(Capture capture, double& clickToFileMs) {
@@ -416,13 +190,7 @@ struct Options {
 
 Run measure(const std::vector<char*>& argv, const Options& options) {
     Connection x;
-    xcb_window_t tray = trayOwner(x.connection);
-    // The tray host may still be starting.
-    for (int wait = 0; tray == XCB_NONE && wait < 200; ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        tray = trayOwner(x.connection);
-    }
-    if (tray == XCB_NONE) {
+    if (!waitForSelectionOwner(x.connection, "_NET_SYSTEM_TRAY_S0")) {
         std::fprintf(stderr, "no system tray on this display\n");
         std::exit(2);
     }
@@ -474,11 +242,6 @@ Run measure(const std::vector<char*>& argv, const Options& options) {
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
     return run;
-}
-
-template <typename T> T median(std::vector<T> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 } // namespace

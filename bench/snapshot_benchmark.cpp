@@ -15,6 +15,7 @@
 #include "controller/linux/LinuxSnapshotEncoders.h"
 
 #include "DesktopScenes.h"
+#include "Wallpaper.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -27,8 +28,6 @@
 #include <QRandomGenerator>
 #include <QSaveFile>
 #include <QTemporaryDir>
-
-#include <xcb/xcb.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -105,42 +104,6 @@ public:
 private:
     QProcess server_;
     QByteArray name_;
-};
-
-struct ConnectionDeleter {
-    void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
-};
-
-// Shows a picture as the root window's background for as long as it lives.
-class Wallpaper {
-public:
-    Wallpaper(const QByteArray& display, const QImage& scene)
-        : connection_(xcb_connect(display.constData(), nullptr)) {
-        xcb_connection_t* c = connection_.get();
-        if (xcb_connection_has_error(c))
-            fail("cannot connect to Xvfb");
-        const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
-        const xcb_pixmap_t pixmap = xcb_generate_id(c);
-        xcb_create_pixmap(c, 24, pixmap, root, kWidth, kHeight);
-        const xcb_gcontext_t gc = xcb_generate_id(c);
-        xcb_create_gc(c, gc, pixmap, 0, nullptr);
-        const int rowsPerRequest =
-            static_cast<int>((xcb_get_maximum_request_length(c) * 4 - 64) / (kWidth * 4));
-        for (int y = 0; y < kHeight; y += rowsPerRequest) {
-            const int rows = std::min(rowsPerRequest, kHeight - y);
-            xcb_put_image(c, XCB_IMAGE_FORMAT_Z_PIXMAP, pixmap, gc, kWidth, rows, 0,
-                          static_cast<int16_t>(y), 0, 24, kWidth * 4 * rows,
-                          scene.constScanLine(y));
-        }
-        xcb_change_window_attributes(c, root, XCB_CW_BACK_PIXMAP, &pixmap);
-        xcb_clear_area(c, 0, root, 0, 0, 0, 0);
-        xcb_free_gc(c, gc);
-        xcb_free_pixmap(c, pixmap);
-        std::free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
-    }
-
-private:
-    std::unique_ptr<xcb_connection_t, ConnectionDeleter> connection_;
 };
 
 // Tessarel's snapshot as the engine takes it: list the displays and applications, pick
@@ -247,7 +210,9 @@ int main(int argc, char** argv) {
 
     VirtualScreen server;
     const QImage scene = desktopScene(kWidth, kHeight);
-    const Wallpaper wallpaper(server.name(), scene);
+    const Wallpaper wallpaper(server.name().constData(), scene);
+    if (!wallpaper.shown())
+        fail("cannot connect to Xvfb");
     Snapshotter screen(server.name());
     // The first snapshot after a pause, once the service has let go of its pixel memory.
     Snapshotter pausedScreen(server.name(), std::chrono::milliseconds(0));

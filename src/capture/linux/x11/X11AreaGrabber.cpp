@@ -564,7 +564,13 @@ bool X11AreaGrabber::grabWithExcludedWindowsHidden(X11ShmImage& image,
     }
     hiding.hide();
     const auto hiddenAt = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(kRepaintGrace);
+    // The first read into a fresh segment, as after an idle pause, costs several times a later
+    // one: the server faults in its mapping of every page. It is made during the grace; it is
+    // no picture yet.
+    if (image.width() != area_.width || image.height() != area_.height) {
+        image.grab(connection_.root(), area_);
+    }
+    std::this_thread::sleep_until(hiddenAt + kRepaintGrace);
     bool layoutChanged = false;
     std::vector<uint8_t> previous;
     std::vector<uint8_t> current;
