@@ -26,6 +26,14 @@ extern "C" {
 
 namespace {
 
+// The niceness of the encoder's threads (x264's too) where the recorder was started at
+// `starting`: ten steps below it, as far as niceness goes.
+int encoderNiceness(int starting) {
+    constexpr int kStepsBelow = 10;
+    constexpr int kLowestPriority = 19;
+    return std::min(starting + kStepsBelow, kLowestPriority);
+}
+
 struct CodecContextFree {
     void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
 };
@@ -713,7 +721,8 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
         // one, take over: when the machine is short of time, the encoder waits, which the
         // queue and the effort steps make up for, rather than the capture, whose missed
         // ticks are lost to the movie.
-        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kEncoderNiceness);
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
+                    encoderNiceness(getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()))));
         try {
             makeEncoder();
         } catch (...) {

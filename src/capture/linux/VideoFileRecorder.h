@@ -65,9 +65,6 @@ public:
     // Any thread: how many steps below its full effort the encoder works now.
     int effortStep() const;
 
-    // The niceness of the encoder's threads (x264's too); the capture's keep the process's.
-    static constexpr int kEncoderNiceness = 10;
-
 private:
     class Encoder;
     // Starts the encoder's thread, which makes the encoder with `makeEncoder` and tells
