@@ -35,14 +35,17 @@ void collect(xcb_connection_t* connection, xcb_window_t window,
     }
 }
 
+bool selectionOwned(xcb_connection_t* connection, const char* name) {
+    Reply<xcb_get_selection_owner_reply_t> owner(
+        xcb_get_selection_owner_reply(
+            connection, xcb_get_selection_owner(connection, atom(connection, name)), nullptr),
+        &std::free);
+    return owner && owner->owner != XCB_NONE;
+}
+
 bool waitForSelectionOwner(xcb_connection_t* connection, const char* name) {
-    const xcb_atom_t selection = atom(connection, name);
     for (int wait = 0; wait < 200; ++wait) {
-        Reply<xcb_get_selection_owner_reply_t> owner(
-            xcb_get_selection_owner_reply(connection,
-                                          xcb_get_selection_owner(connection, selection), nullptr),
-            &std::free);
-        if (owner && owner->owner != XCB_NONE) {
+        if (selectionOwned(connection, name)) {
             return true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));

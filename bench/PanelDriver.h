@@ -45,6 +45,9 @@ xcb_atom_t atom(xcb_connection_t* connection, const char* name);
 void collect(xcb_connection_t* connection, xcb_window_t window,
              std::vector<std::pair<xcb_window_t, xcb_window_t>>& out);
 
+// Whether a client owns the selection `name` (the system tray's "_NET_SYSTEM_TRAY_S0", a
+// window manager's "WM_S0", a compositor's "_NET_WM_CM_S0").
+bool selectionOwned(xcb_connection_t* connection, const char* name);
 // Waits up to 10 s for a client to own the selection `name` (the system tray's
 // "_NET_SYSTEM_TRAY_S0", a window manager's "WM_S0", a compositor's "_NET_WM_CM_S0"); false
 // when none came.

@@ -61,14 +61,6 @@ constexpr std::chrono::milliseconds kPause(500);
     std::exit(2);
 }
 
-bool selectionOwned(xcb_connection_t* connection, const char* name) {
-    Reply<xcb_get_selection_owner_reply_t> owner(
-        xcb_get_selection_owner_reply(
-            connection, xcb_get_selection_owner(connection, atom(connection, name)), nullptr),
-        &std::free);
-    return owner && owner->owner != XCB_NONE;
-}
-
 // scrot's time from its start to its exit, its file written.
 bool snapshotWithScrot(SnapshotFormat format, double& milliseconds) {
     const std::string path =

@@ -33,14 +33,11 @@ constexpr std::chrono::seconds kCaptureModuleIdleTime{10};
 class LibrariesLeftBehind {
 public:
     // Around each load of the module.
-    void noteBeforeLoad() {
-        const std::vector<std::string> loaded = loadedObjects();
-        before_ = {loaded.begin(), loaded.end()};
-    }
+    void noteBeforeLoad() { before_ = loadedObjects(); }
     void noteAfterLoad() {
-        for (std::string& name : loadedObjects()) {
+        for (const std::string& name : loadedObjects()) {
             if (!before_.contains(name)) {
-                brought_.insert(std::move(name));
+                brought_.insert(name);
             }
         }
         before_.clear();
@@ -94,12 +91,12 @@ private:
         return false;
     }
 
-    static std::vector<std::string> loadedObjects() {
-        std::vector<std::string> names;
+    static std::set<std::string> loadedObjects() {
+        std::set<std::string> names;
         dl_iterate_phdr(
             [](dl_phdr_info* object, size_t, void* data) {
                 if (object->dlpi_name != nullptr && object->dlpi_name[0] != '\0') {
-                    static_cast<std::vector<std::string>*>(data)->emplace_back(object->dlpi_name);
+                    static_cast<std::set<std::string>*>(data)->emplace(object->dlpi_name);
                 }
                 return 0;
             },

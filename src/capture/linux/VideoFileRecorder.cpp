@@ -20,7 +20,6 @@ extern "C" {
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <functional>
 #include <future>
 #include <map>
 
@@ -691,13 +690,7 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
     std::promise<void> made;
     std::future<void> encoderMade = made.get_future();
     try {
-        startEncoding(
-            queue, startTimeNs,
-            [&] {
-                encoder_ = std::make_unique<Encoder>(path, configuration_.videoCodecType, width,
-                                                     height, frameIntervalNs);
-            },
-            std::move(made));
+        startEncoding(queue, {path, width, height, startTimeNs, frameIntervalNs}, std::move(made));
         encoderMade.get();
     } catch (...) {
         if (thread_.joinable()) {
@@ -710,12 +703,11 @@ void VideoFileRecorder::start(VideoFrameQueue& queue, int width, int height, int
     }
 }
 
-void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeNs,
-                                      std::function<void()> makeEncoder, std::promise<void> made) {
+void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, const Movie& movie,
+                                      std::promise<void> made) {
     // The thread owns the promise, so nothing of it is left to touch once start() has its
     // answer and returns.
-    thread_ = std::thread([this, &queue, startTimeNs, makeEncoder = std::move(makeEncoder),
-                           made = std::move(made)]() mutable {
+    thread_ = std::thread([this, &queue, movie, made = std::move(made)]() mutable {
         pthread_setname_np(pthread_self(), "Tessarel.encode");
         // A lower priority than the capture thread's, which x264's threads, made from this
         // one, take over: when the machine is short of time, the encoder waits, which the
@@ -724,7 +716,8 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
         setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
                     encoderNiceness(getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()))));
         try {
-            makeEncoder();
+            encoder_ = std::make_unique<Encoder>(movie.path, configuration_.videoCodecType,
+                                                 movie.width, movie.height, movie.frameIntervalNs);
         } catch (...) {
             made.set_exception(std::current_exception());
             return;
@@ -734,7 +727,7 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
         std::exception_ptr error;
         try {
             while (VideoFrame* frame = queue.next()) {
-                const int64_t timeNs = frame->captureTimeNs - startTimeNs;
+                const int64_t timeNs = frame->captureTimeNs - movie.startTimeNs;
                 try {
                     if (encoder_->encode(*frame, timeNs, queue.waiting())) {
                         effortStep_ = encoder_->effortStep();
@@ -749,7 +742,7 @@ void VideoFileRecorder::startEncoding(VideoFrameQueue& queue, int64_t startTimeN
                 }
                 queue.recycle(*frame);
             }
-            encoder_->finish(queue.endTimeNs() - startTimeNs);
+            encoder_->finish(queue.endTimeNs() - movie.startTimeNs);
         } catch (...) {
             error = std::current_exception();
         }

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <future>
 #include <memory>
 #include <thread>
@@ -67,10 +66,17 @@ public:
 
 private:
     class Encoder;
-    // Starts the encoder's thread, which makes the encoder with `makeEncoder` and tells
-    // `made` how that went before it encodes.
-    void startEncoding(VideoFrameQueue& queue, int64_t startTimeNs,
-                       std::function<void()> makeEncoder, std::promise<void> made);
+    // What start() was given for the movie.
+    struct Movie {
+        QString path;
+        int width = 0;
+        int height = 0;
+        int64_t startTimeNs = 0;
+        int64_t frameIntervalNs = 0;
+    };
+    // Starts the encoder's thread, which makes the movie's encoder and tells `made` how that
+    // went before it encodes.
+    void startEncoding(VideoFrameQueue& queue, const Movie& movie, std::promise<void> made);
 
     RecordingOutputConfiguration configuration_;
     RecordingOutputDelegate* delegate_;
